@@ -1,0 +1,26 @@
+/// @file
+#pragma once
+
+#include "network.h"
+
+/// Classifies grey 224 × 224 face crops with two heads, mouth and eye.
+class FACEZOO_EXPORT DexpressionNet : public Network {
+ public:
+  /// @param weightFile MessagePack file of weights
+  /// @param maxBatch largest batch that `Forward` will be called with
+  /// @param prefix put in front of every weight name
+  /// @throws see `Network::Network`; NetworkError 1 if a weight is missing or mis-sized
+  DexpressionNet(const char* weightFile, int maxBatch, std::string prefix);
+  /// Transfers everything; see `Network::Network(Network&)`.
+  DexpressionNet(DexpressionNet& other);
+  ~DexpressionNet() override;
+
+  /// @param images device memory, batch × 224 × 224 bytes
+  /// @param out1 host memory, batch × 5 floats: per image two probabilities of the mouth head, then
+  ///        three of the eye head; each head sums to 1
+  /// @param out2 not used
+  int Forward(void* images, int batch, float* out1, float* out2) override;
+
+ private:
+  Layer layers_[10];
+};

@@ -1,0 +1,7 @@
+/// @file
+/// Everything the library offers.
+#pragma once
+
+#include "DexpressionNet.h"
+#include "GPU.h"
+#include "errors.h"

@@ -1,0 +1,74 @@
+/// @file
+/// The base of the eight networks.
+#pragma once
+
+#include "layer.h"
+
+#include <string>
+
+namespace facezoo {
+struct NetworkSpec;
+}
+
+/// A trained network: constructed from a weight file, called with batches of 8-bit images.
+///
+/// The shared device resources (pool, handles, workspace) live as long as any network does. Calls
+/// on all networks of the process must not overlap; see `GPU::getMutex`.
+class FACEZOO_EXPORT Network : public LayerBase {
+ public:
+  /// Opens and parses the weight file.
+  /// @throws NetworkError 0 if the file cannot be read; msgpack::v1::insufficient_bytes if it ends
+  ///         inside the document; msgpack::v1::parse_error if it is not MessagePack or nests deeper
+  ///         than 32 levels; @throws cudnnStatus_t, cudaError
+  Network(const char* path, std::string prefix);
+
+  /// Transfers everything; `other` is left empty and its `Forward` throws NetworkError 1.
+  Network(Network& other);
+  Network& operator=(const Network&) = delete;
+
+  /// Releases the shared resources with the last network.
+  /// @throws cudaError, cublasStatus_t if that fails, except while another exception unwinds
+  ~Network() noexcept(false) override;
+
+  /// Runs the network.
+  ///
+  /// @param images device memory: `batch` images of height × width × channels bytes, interleaved
+  /// @param batch 1 up to the maximum batch given to the constructor
+  /// @param out1 results, image after image; host or device memory, as each network says
+  /// @param out2 host memory for one float per image, or null; not used by every network
+  /// @return 0
+  /// @throws TensorError 0 if the batch is larger than the pool was sized for; NetworkError 1 if
+  ///         the layers have moved to a copy; cudaError, cudnnStatus_t, cublasStatus_t. The network
+  ///         stays usable.
+  virtual int Forward(void* images, int batch, float* out1, float* out2) = 0;
+
+  int getChannels() { return channels; }
+  int getWidth() { return width; }    ///< pixels
+  int getHeight() { return height; }  ///< pixels
+  int getOutputDim() { return outputDim; }
+
+  /// Reads and parses `path` into `out`; see the constructor.
+  void openMsgPack(const char* path, msgpack::v1::unpacked& out);
+
+ protected:
+  /// The common end of every network's constructor: sets the geometry, creates the layers of `spec`
+  /// in order into `layers`, sizes the pool for `maxBatch` images.
+  /// @throws NetworkError 1, TensorError 0 if no pool block can be that large, and the statuses
+  FACEZOO_NO_EXPORT void build(const facezoo::NetworkSpec& spec, int maxBatch,
+                               const std::string& prefix, Layer* layers);
+
+  /// The start of every network's `Forward`: a tensor for `batch` images, of shape (N, H, W, C).
+  /// @throws NetworkError 1 if the layers have moved away, TensorError 0
+  FACEZOO_NO_EXPORT Tensor inputTensor(int batch) const;
+  FACEZOO_NO_EXPORT std::size_t inputBytes(int batch) const;
+
+  msgpack::v1::object weights;
+  msgpack::v1::unpacked unpacked;
+  int channels;
+  int width;
+  int height;
+  int perImageBytes;
+  int bufferCount;
+  int outputDim;
+  static int network_count;
+};

@@ -1,0 +1,46 @@
+/// @file
+/// cuDNN 8 dropped cudnnGetConvolutionForwardAlgorithm. It is rebuilt here on the _v7 query, so that
+/// the library is written once, for the older name.
+#pragma once
+
+#include <cudnn.h>
+
+#if CUDNN_MAJOR >= 8
+
+enum cudnnConvolutionFwdPreference_t {
+  CUDNN_CONVOLUTION_FWD_NO_WORKSPACE = 0,
+  CUDNN_CONVOLUTION_FWD_PREFER_FASTEST = 1,
+  CUDNN_CONVOLUTION_FWD_SPECIFY_WORKSPACE_LIMIT = 2
+};
+
+/// The fastest forward algorithm that runs, fits `memoryLimit` bytes of workspace and computes in
+/// plain 32-bit float; implicit GEMM, which needs no workspace, where the query offers none.
+///
+/// Default math may use TF32 from cuDNN 8 on, so the descriptor is put into plain fp32 math first.
+inline cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(
+    cudnnHandle_t handle, cudnnTensorDescriptor_t x, cudnnFilterDescriptor_t w,
+    cudnnConvolutionDescriptor_t convolution, cudnnTensorDescriptor_t y,
+    cudnnConvolutionFwdPreference_t /*preference*/, size_t memoryLimit,
+    cudnnConvolutionFwdAlgo_t* algorithm) {
+  cudnnStatus_t status = cudnnSetConvolutionMathType(convolution, CUDNN_FMA_MATH);
+  if (status != CUDNN_STATUS_SUCCESS) return status;
+  int found = 0;
+  cudnnConvolutionFwdAlgoPerf_t candidates[CUDNN_CONVOLUTION_FWD_ALGO_COUNT];
+  status = cudnnGetConvolutionForwardAlgorithm_v7(handle, x, w, convolution, y,
+                                                  CUDNN_CONVOLUTION_FWD_ALGO_COUNT, &found,
+                                                  candidates);
+  if (status != CUDNN_STATUS_SUCCESS) return status;
+  *algorithm = CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM;
+  for (int i = 0; i < found; ++i) {
+    const cudnnConvolutionFwdAlgoPerf_t& candidate = candidates[i];
+    // The list may name algorithms that do not run, do not fit or use another arithmetic.
+    if (candidate.status == CUDNN_STATUS_SUCCESS && candidate.memory <= memoryLimit &&
+        (candidate.mathType == CUDNN_FMA_MATH || candidate.mathType == CUDNN_DEFAULT_MATH)) {
+      *algorithm = candidate.algo;
+      break;
+    }
+  }
+  return CUDNN_STATUS_SUCCESS;
+}
+
+#endif

@@ -1,0 +1,26 @@
+/// @file
+/// How a unit of device code runs under nvcc: `launch` starts a kernel on the default stream and
+/// `overGrid` gives each thread its element. platform/host/internal/device_code.h offers the same.
+/// Keeps to C++14 for the oldest supported nvcc.
+#pragma once
+
+#include <cuda_runtime.h>
+
+namespace facezoo {
+
+/// Launches `kernel` on the default stream; the status is not looked at, it surfaces in the next
+/// checked call.
+template <class... P, class... A>
+void launch(void (*kernel)(P...), dim3 grid, dim3 block, A... values) {
+  kernel<<<grid, block>>>(static_cast<P>(values)...);
+}
+
+/// Calls body(x, y) with this thread's column and row where they lie inside width × height.
+template <class Body>
+__device__ void overGrid(int width, int height, const Body& body) {
+  const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
+  const int y = static_cast<int>(blockIdx.y * blockDim.y + threadIdx.y);
+  if (x < width && y < height) body(x, y);
+}
+
+}  // namespace facezoo

@@ -1,0 +1,69 @@
+/// @file
+/// What the compute calls share: checks of their operands, and how their hot loops are compiled and
+/// spread over threads.
+#pragma once
+
+#include <cudnn.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+#include "descriptors.h"
+#include "device_memory.h"
+
+/// Marks a leaf function to be compiled for several instruction sets, the best chosen at load. It
+/// must be called from parallel regions, not hold them: outlined regions are not cloned. Sanitizers
+/// are not ready yet when the choice is made.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HOST_DEVICE_CLONES
+#else
+#define HOST_DEVICE_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+#endif
+/// Marks what such a leaf function is made of, so that it is compiled with each of the clones.
+#define HOST_DEVICE_INLINE [[gnu::always_inline]] inline
+
+namespace host_device {
+namespace detail {
+
+inline std::int64_t address(const void* pointer) {
+  return reinterpret_cast<std::intptr_t>(pointer);
+}
+
+inline bool isSet(const cudnnTensorStruct* tensor) { return allLive(tensor) && tensor->n > 0; }
+
+inline bool sameShape(const cudnnTensorStruct& a, const cudnnTensorStruct& b) {
+  return a.n == b.n && a.c == b.c && a.h == b.h && a.w == b.w;
+}
+
+inline bool overlap(const void* a, std::size_t aBytes, const void* b, std::size_t bBytes) {
+  const auto aBegin = reinterpret_cast<std::uintptr_t>(a);
+  const auto bBegin = reinterpret_cast<std::uintptr_t>(b);
+  return aBegin < bBegin + bBytes && bBegin < aBegin + aBytes;
+}
+
+/// Result = operation, unblended, is all that most calls offer.
+inline cudnnStatus_t checkPlain(const void* alpha, const void* beta) {
+  if (!alpha || !beta) return CUDNN_STATUS_BAD_PARAM;
+  const bool plain =
+      *static_cast<const float*>(alpha) == 1.0f && *static_cast<const float*>(beta) == 0.0f;
+  return plain ? CUDNN_STATUS_SUCCESS : CUDNN_STATUS_NOT_SUPPORTED;
+}
+
+/// Whether x and y are set descriptors with as much device memory behind them as they describe.
+inline bool areMapped(const cudnnTensorStruct* xDesc, const void* x, const cudnnTensorStruct* yDesc,
+                      const void* y) {
+  return isSet(xDesc) && isSet(yDesc) && isDevice(x, xDesc->bytes()) && isDevice(y, yDesc->bytes());
+}
+
+/// Calls body(begin, end) for pieces of [0, count), on several threads when there is enough to do.
+template <class Body>
+void forPieces(std::size_t count, const Body& body) {
+  constexpr std::size_t piece = 8192;
+  const std::size_t pieces = (count + piece - 1) / piece;
+#pragma omp parallel for schedule(static) if (pieces > 1)
+  for (std::size_t i = 0; i < pieces; ++i) body(i * piece, std::min(count, (i + 1) * piece));
+}
+
+}  // namespace detail
+}  // namespace host_device

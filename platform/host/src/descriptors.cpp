@@ -1,0 +1,286 @@
+#include "descriptors.h"
+
+#include "device_memory.h"
+#include "host_device.h"
+#include "instrumentation.h"
+
+#include <limits>
+#include <mutex>
+#include <unordered_map>
+
+using host_device::detail::allLive;
+using host_device::detail::enter;
+
+namespace {
+
+enum class ObjectKind { handle, descriptor };
+
+struct Objects {
+  std::mutex mutex;
+  std::unordered_map<const HostObject*, ObjectKind> live;
+};
+
+Objects& objects() {
+  static Objects& instance = *new Objects;
+  return instance;
+}
+
+template <class T>
+bool createObject(T** handle, ObjectKind kind) {
+  if (handle == nullptr) return false;
+  auto object = std::make_unique<T>();
+  const std::lock_guard<std::mutex> lock(objects().mutex);
+  objects().live.emplace(object.get(), kind);
+  *handle = object.release();
+  return true;
+}
+
+template <class T>
+bool destroyObject(T* handle) {
+  if (!allLive(handle)) return false;
+  {
+    const std::lock_guard<std::mutex> lock(objects().mutex);
+    objects().live.erase(handle);
+  }
+  delete handle;
+  return true;
+}
+
+cudnnStatus_t goodIf(bool good) { return good ? CUDNN_STATUS_SUCCESS : CUDNN_STATUS_BAD_PARAM; }
+
+template <class T>
+cudnnStatus_t createDescriptor(const char* name, T** descriptor) {
+  return enter(name, {}, [&] { return goodIf(createObject(descriptor, ObjectKind::descriptor)); });
+}
+
+template <class T>
+cudnnStatus_t destroyDescriptor(const char* name, T* descriptor) {
+  // As in the real library, destroying nothing is no error.
+  return enter(name, {},
+               [&] { return goodIf(descriptor == nullptr || destroyObject(descriptor)); });
+}
+
+/// Four positive extents whose product can be indexed with 32-bit integers, as kernels do.
+bool validExtents(int a, int b, int c, int d) {
+  if (a <= 0 || b <= 0 || c <= 0 || d <= 0) return false;
+  std::int64_t elements = a;
+  for (const int extent : {b, c, d}) {
+    elements *= extent;
+    if (elements > std::numeric_limits<int>::max()) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+namespace host_device {
+
+namespace detail {
+bool isLive(const HostObject* object) {
+  const std::lock_guard<std::mutex> lock(objects().mutex);
+  return objects().live.count(object) != 0;
+}
+}  // namespace detail
+
+Live live() {
+  const detail::AllocationCount memory = detail::liveAllocations();
+  Live count{memory.allocations, memory.bytes, 0, 0};
+  const std::lock_guard<std::mutex> lock(objects().mutex);
+  for (const auto& object : objects().live) {
+    ++(object.second == ObjectKind::handle ? count.handles : count.descriptors);
+  }
+  return count;
+}
+
+}  // namespace host_device
+
+size_t cudnnGetVersion() {
+  host_device::detail::recordReport("cudnnGetVersion");
+  return 7000;
+}
+
+const char* cudnnGetErrorString(cudnnStatus_t status) {
+  host_device::detail::recordReport("cudnnGetErrorString");
+  switch (status) {
+    case CUDNN_STATUS_SUCCESS: return "CUDNN_STATUS_SUCCESS";
+    case CUDNN_STATUS_NOT_INITIALIZED: return "CUDNN_STATUS_NOT_INITIALIZED";
+    case CUDNN_STATUS_ALLOC_FAILED: return "CUDNN_STATUS_ALLOC_FAILED";
+    case CUDNN_STATUS_BAD_PARAM: return "CUDNN_STATUS_BAD_PARAM";
+    case CUDNN_STATUS_INTERNAL_ERROR: return "CUDNN_STATUS_INTERNAL_ERROR";
+    case CUDNN_STATUS_INVALID_VALUE: return "CUDNN_STATUS_INVALID_VALUE";
+    case CUDNN_STATUS_ARCH_MISMATCH: return "CUDNN_STATUS_ARCH_MISMATCH";
+    case CUDNN_STATUS_MAPPING_ERROR: return "CUDNN_STATUS_MAPPING_ERROR";
+    case CUDNN_STATUS_EXECUTION_FAILED: return "CUDNN_STATUS_EXECUTION_FAILED";
+    case CUDNN_STATUS_NOT_SUPPORTED: return "CUDNN_STATUS_NOT_SUPPORTED";
+  }
+  return "CUDNN_UNKNOWN_STATUS";
+}
+
+cudnnStatus_t cudnnCreate(cudnnHandle_t* handle) {
+  return enter("cudnnCreate", {}, [&] { return goodIf(createObject(handle, ObjectKind::handle)); });
+}
+
+cudnnStatus_t cudnnDestroy(cudnnHandle_t handle) {
+  return enter("cudnnDestroy", {},
+               [&] { return goodIf(handle == nullptr || destroyObject(handle)); });
+}
+
+cublasStatus_t cublasCreate_v2(cublasHandle_t* handle) {
+  return enter("cublasCreate_v2", {}, [&] {
+    return createObject(handle, ObjectKind::handle) ? CUBLAS_STATUS_SUCCESS
+                                                    : CUBLAS_STATUS_INVALID_VALUE;
+  });
+}
+
+cublasStatus_t cublasDestroy_v2(cublasHandle_t handle) {
+  return enter("cublasDestroy_v2", {}, [&] {
+    return destroyObject(handle) ? CUBLAS_STATUS_SUCCESS : CUBLAS_STATUS_NOT_INITIALIZED;
+  });
+}
+
+cublasStatus_t cublasGetVersion_v2(cublasHandle_t /*handle*/, int* version) {
+  host_device::detail::recordReport("cublasGetVersion_v2");
+  if (version == nullptr) return CUBLAS_STATUS_INVALID_VALUE;
+  *version = 10000;
+  return CUBLAS_STATUS_SUCCESS;
+}
+
+cudnnStatus_t cudnnCreateTensorDescriptor(cudnnTensorDescriptor_t* descriptor) {
+  return createDescriptor("cudnnCreateTensorDescriptor", descriptor);
+}
+cudnnStatus_t cudnnDestroyTensorDescriptor(cudnnTensorDescriptor_t descriptor) {
+  return destroyDescriptor("cudnnDestroyTensorDescriptor", descriptor);
+}
+cudnnStatus_t cudnnSetTensor4dDescriptor(cudnnTensorDescriptor_t descriptor,
+                                         cudnnTensorFormat_t format, cudnnDataType_t type, int n,
+                                         int c, int h, int w) {
+  return enter("cudnnSetTensor4dDescriptor", {n, c, h, w}, [&] {
+    if (!allLive(descriptor) || format != CUDNN_TENSOR_NCHW || type != CUDNN_DATA_FLOAT ||
+        !validExtents(n, c, h, w)) {
+      return CUDNN_STATUS_BAD_PARAM;
+    }
+    descriptor->n = n;
+    descriptor->c = c;
+    descriptor->h = h;
+    descriptor->w = w;
+    return CUDNN_STATUS_SUCCESS;
+  });
+}
+
+cudnnStatus_t cudnnCreateFilterDescriptor(cudnnFilterDescriptor_t* descriptor) {
+  return createDescriptor("cudnnCreateFilterDescriptor", descriptor);
+}
+cudnnStatus_t cudnnDestroyFilterDescriptor(cudnnFilterDescriptor_t descriptor) {
+  return destroyDescriptor("cudnnDestroyFilterDescriptor", descriptor);
+}
+cudnnStatus_t cudnnSetFilter4dDescriptor(cudnnFilterDescriptor_t descriptor, cudnnDataType_t type,
+                                         cudnnTensorFormat_t format, int k, int c, int h, int w) {
+  return enter("cudnnSetFilter4dDescriptor", {k, c, h, w}, [&] {
+    if (!allLive(descriptor) || format != CUDNN_TENSOR_NCHW || type != CUDNN_DATA_FLOAT ||
+        !validExtents(k, c, h, w)) {
+      return CUDNN_STATUS_BAD_PARAM;
+    }
+    descriptor->k = k;
+    descriptor->c = c;
+    descriptor->h = h;
+    descriptor->w = w;
+    return CUDNN_STATUS_SUCCESS;
+  });
+}
+
+cudnnStatus_t cudnnCreateConvolutionDescriptor(cudnnConvolutionDescriptor_t* descriptor) {
+  return createDescriptor("cudnnCreateConvolutionDescriptor", descriptor);
+}
+cudnnStatus_t cudnnDestroyConvolutionDescriptor(cudnnConvolutionDescriptor_t descriptor) {
+  return destroyDescriptor("cudnnDestroyConvolutionDescriptor", descriptor);
+}
+cudnnStatus_t cudnnSetConvolution2dDescriptor(cudnnConvolutionDescriptor_t descriptor, int padH,
+                                              int padW, int strideH, int strideW, int dilationH,
+                                              int dilationW, cudnnConvolutionMode_t mode,
+                                              cudnnDataType_t computeType) {
+  return enter("cudnnSetConvolution2dDescriptor", {padH, padW, strideH, strideW}, [&] {
+    if (!allLive(descriptor) || padH < 0 || padW < 0 || strideH <= 0 || strideW <= 0 ||
+        dilationH <= 0 || dilationW <= 0 || computeType != CUDNN_DATA_FLOAT) {
+      return CUDNN_STATUS_BAD_PARAM;
+    }
+    if (mode != CUDNN_CROSS_CORRELATION || dilationH != 1 || dilationW != 1) {
+      return CUDNN_STATUS_NOT_SUPPORTED;
+    }
+    descriptor->padH = padH;
+    descriptor->padW = padW;
+    descriptor->strideH = strideH;
+    descriptor->strideW = strideW;
+    return CUDNN_STATUS_SUCCESS;
+  });
+}
+
+cudnnStatus_t cudnnCreatePoolingDescriptor(cudnnPoolingDescriptor_t* descriptor) {
+  return createDescriptor("cudnnCreatePoolingDescriptor", descriptor);
+}
+cudnnStatus_t cudnnDestroyPoolingDescriptor(cudnnPoolingDescriptor_t descriptor) {
+  return destroyDescriptor("cudnnDestroyPoolingDescriptor", descriptor);
+}
+cudnnStatus_t cudnnSetPooling2dDescriptor(cudnnPoolingDescriptor_t descriptor,
+                                          cudnnPoolingMode_t mode, cudnnNanPropagation_t nan,
+                                          int windowH, int windowW, int padH, int padW, int strideH,
+                                          int strideW) {
+  return enter("cudnnSetPooling2dDescriptor",
+               {mode, windowH, windowW, padH, padW, strideH, strideW}, [&] {
+                 if (!allLive(descriptor) || windowH <= 0 || windowW <= 0 || padH < 0 || padW < 0 ||
+                     padH >= windowH || padW >= windowW || strideH <= 0 || strideW <= 0) {
+                   return CUDNN_STATUS_BAD_PARAM;
+                 }
+                 if ((mode != CUDNN_POOLING_MAX &&
+                      mode != CUDNN_POOLING_AVERAGE_COUNT_INCLUDE_PADDING) ||
+                     nan != CUDNN_PROPAGATE_NAN) {
+                   return CUDNN_STATUS_NOT_SUPPORTED;
+                 }
+                 descriptor->mode = mode;
+                 descriptor->windowH = windowH;
+                 descriptor->windowW = windowW;
+                 descriptor->padH = padH;
+                 descriptor->padW = padW;
+                 descriptor->strideH = strideH;
+                 descriptor->strideW = strideW;
+                 return CUDNN_STATUS_SUCCESS;
+               });
+}
+
+cudnnStatus_t cudnnCreateLRNDescriptor(cudnnLRNDescriptor_t* descriptor) {
+  return createDescriptor("cudnnCreateLRNDescriptor", descriptor);
+}
+cudnnStatus_t cudnnDestroyLRNDescriptor(cudnnLRNDescriptor_t descriptor) {
+  return destroyDescriptor("cudnnDestroyLRNDescriptor", descriptor);
+}
+cudnnStatus_t cudnnSetLRNDescriptor(cudnnLRNDescriptor_t descriptor, unsigned n, double alpha,
+                                    double beta, double k) {
+  return enter("cudnnSetLRNDescriptor", {n}, [&] {
+    // The limits that the real library documents for its parameters.
+    if (!allLive(descriptor) || n < 1 || n > 16 || beta < 0.01 || k < 1e-5) {
+      return CUDNN_STATUS_BAD_PARAM;
+    }
+    descriptor->n = n;
+    descriptor->alpha = alpha;
+    descriptor->beta = beta;
+    descriptor->k = k;
+    return CUDNN_STATUS_SUCCESS;
+  });
+}
+
+cudnnStatus_t cudnnCreateActivationDescriptor(cudnnActivationDescriptor_t* descriptor) {
+  return createDescriptor("cudnnCreateActivationDescriptor", descriptor);
+}
+cudnnStatus_t cudnnDestroyActivationDescriptor(cudnnActivationDescriptor_t descriptor) {
+  return destroyDescriptor("cudnnDestroyActivationDescriptor", descriptor);
+}
+cudnnStatus_t cudnnSetActivationDescriptor(cudnnActivationDescriptor_t descriptor,
+                                           cudnnActivationMode_t mode, cudnnNanPropagation_t nan,
+                                           double /*coefficient*/) {
+  return enter("cudnnSetActivationDescriptor", {mode, nan}, [&] {
+    if (!allLive(descriptor)) return CUDNN_STATUS_BAD_PARAM;
+    if (mode != CUDNN_ACTIVATION_RELU) return CUDNN_STATUS_NOT_SUPPORTED;
+    descriptor->set = true;
+    descriptor->nan = nan;
+    return CUDNN_STATUS_SUCCESS;
+  });
+}

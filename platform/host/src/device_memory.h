@@ -1,0 +1,47 @@
+/// @file
+/// The registry of device memory: which address ranges are device memory, and what has been derived
+/// from their contents.
+#pragma once
+
+#include <cuda_runtime.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace host_device {
+namespace detail {
+
+/// Something computed from the contents of an allocation, such as a packed filter. It dies with the
+/// allocation and with any write to it.
+struct Derived {
+  virtual ~Derived() = default;
+};
+using DerivedKey = std::vector<std::int64_t>;
+
+cudaError_t allocateDevice(void** pointer, std::size_t bytes);
+/// Null is freed without effect; an address that no live allocation starts at is an invalid value.
+cudaError_t freeDevice(void* pointer);
+
+/// Whether [pointer, pointer + bytes) lies inside one live allocation.
+bool isDevice(const void* pointer, std::size_t bytes);
+/// Whether any byte of [pointer, pointer + bytes) is device memory.
+bool touchesDevice(const void* pointer, std::size_t bytes);
+
+/// Declares that [pointer, pointer + bytes) is about to be written: drops what was derived from the
+/// allocation. False, and nothing dropped, unless the range lies inside one live allocation.
+bool writeDevice(void* pointer, std::size_t bytes);
+
+/// What was stored under `key` with the allocation that holds `pointer`; null if nothing was.
+std::shared_ptr<Derived> findDerived(const void* pointer, const DerivedKey& key);
+/// `pointer` must lie inside a live allocation.
+void storeDerived(const void* pointer, const DerivedKey& key, std::shared_ptr<Derived> value);
+
+struct AllocationCount {
+  std::size_t allocations, bytes;
+};
+AllocationCount liveAllocations();
+
+}  // namespace detail
+}  // namespace host_device

@@ -1,0 +1,98 @@
+#include "instrumentation.h"
+
+#include "host_device.h"
+
+#include <mutex>
+#include <utility>
+
+namespace host_device {
+namespace {
+
+struct Watch {
+  std::recursive_mutex mutex;
+  std::function<void(const Call&)> observer;
+  bool faulty = false;
+  Fault fault;
+  std::size_t counted = 0;
+  std::vector<std::string> raised;
+  detail::InjectedStatus injected{};
+};
+
+/// Never destroyed: calls may still come while the process ends.
+Watch& watch() {
+  static Watch& instance = *new Watch;
+  return instance;
+}
+
+void refresh(const Watch& w) { detail::instrumented = w.faulty || w.observer; }
+
+thread_local bool insideObserver = false;
+
+void tell(const Watch& w, const char* name, std::initializer_list<std::int64_t> arguments) {
+  if (!w.observer) return;
+  const auto observer = w.observer;  // it may replace itself
+  insideObserver = true;
+  observer({name, arguments});
+  insideObserver = false;
+}
+
+}  // namespace
+
+namespace detail {
+
+std::atomic<bool> instrumented{false};
+
+const InjectedStatus* record(const char* name, std::initializer_list<std::int64_t> arguments) {
+  if (insideObserver) return nullptr;
+  Watch& w = watch();
+  const std::lock_guard<std::recursive_mutex> lock(w.mutex);
+  tell(w, name, arguments);
+  if (!w.faulty || (!w.fault.name.empty() && w.fault.name != name)) return nullptr;
+  ++w.counted;
+  const bool fails = w.fault.fromThenOn ? w.counted >= w.fault.at : w.counted == w.fault.at;
+  if (!fails) return nullptr;
+  w.raised.emplace_back(name);
+  w.injected = {w.fault.cuda, w.fault.cudnn, w.fault.cublas};
+  return &w.injected;
+}
+
+void recordReport(const char* name) {
+  if (__builtin_expect(!instrumented.load(std::memory_order_relaxed), 1) || insideObserver) return;
+  Watch& w = watch();
+  const std::lock_guard<std::recursive_mutex> lock(w.mutex);
+  tell(w, name, {});
+}
+
+}  // namespace detail
+
+void setObserver(std::function<void(const Call&)> observer) {
+  Watch& w = watch();
+  const std::lock_guard<std::recursive_mutex> lock(w.mutex);
+  w.observer = std::move(observer);
+  refresh(w);
+}
+
+void setFault(const Fault& fault) {
+  Watch& w = watch();
+  const std::lock_guard<std::recursive_mutex> lock(w.mutex);
+  w.fault = fault;
+  w.faulty = true;
+  w.counted = 0;
+  w.raised.clear();
+  refresh(w);
+}
+
+void clearFault() {
+  Watch& w = watch();
+  const std::lock_guard<std::recursive_mutex> lock(w.mutex);
+  w.faulty = false;
+  refresh(w);
+}
+
+std::vector<std::string> raisedFaults() {
+  Watch& w = watch();
+  const std::lock_guard<std::recursive_mutex> lock(w.mutex);
+  return w.raised;
+}
+
+}  // namespace host_device

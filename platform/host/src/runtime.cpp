@@ -1,0 +1,229 @@
+#include "device_code.h"
+#include "device_memory.h"
+#include "host_device.h"
+#include "instrumentation.h"
+#include "simulated_devices.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+namespace host_device {
+namespace {
+
+/// This machine as one device. 5.0 is the lowest compute capability that is ever asked for.
+SimulatedDevice thisMachine() {
+  const std::size_t memory =
+      static_cast<std::size_t>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGE_SIZE);
+  return {"host CPU", 5, 0, memory};
+}
+
+struct DeviceTable {
+  std::mutex mutex;
+  std::vector<SimulatedDevice> devices{thisMachine()};
+};
+
+DeviceTable& table() {
+  static DeviceTable& instance = *new DeviceTable;
+  return instance;
+}
+
+thread_local std::size_t current = 0;
+thread_local cudaError_t lastError = cudaSuccess;
+thread_local facezoo::LaunchGeometry runningLaunch;
+
+int deviceCount() {
+  const std::lock_guard<std::mutex> lock(table().mutex);
+  return static_cast<int>(table().devices.size());
+}
+
+using detail::enter;
+using detail::isDevice;
+using detail::touchesDevice;
+using detail::writeDevice;
+
+bool fromDevice(cudaMemcpyKind kind) {
+  return kind == cudaMemcpyDeviceToHost || kind == cudaMemcpyDeviceToDevice;
+}
+bool toDevice(cudaMemcpyKind kind) {
+  return kind == cudaMemcpyHostToDevice || kind == cudaMemcpyDeviceToDevice;
+}
+
+/// Whether `bytes` bytes may be copied as `kind` says; declares the write if so.
+bool mayCopy(void* destination, const void* source, std::size_t bytes, cudaMemcpyKind kind) {
+  if (destination == nullptr || source == nullptr || kind < cudaMemcpyHostToHost ||
+      kind > cudaMemcpyDeviceToDevice) {
+    return false;
+  }
+  const bool readable =
+      fromDevice(kind) ? isDevice(source, bytes) : !touchesDevice(source, bytes);
+  if (!readable) return false;
+  return toDevice(kind) ? writeDevice(destination, bytes) : !touchesDevice(destination, bytes);
+}
+
+}  // namespace
+
+namespace detail {
+
+std::size_t currentDevice() { return current; }
+
+std::size_t deviceMemory(std::size_t device) {
+  const std::lock_guard<std::mutex> lock(table().mutex);
+  return device < table().devices.size() ? table().devices[device].totalGlobalMem : 0;
+}
+
+void setLastError(cudaError_t status) { lastError = status; }
+
+}  // namespace detail
+
+void setDevices(std::vector<SimulatedDevice> devices) {
+  const std::lock_guard<std::mutex> lock(table().mutex);
+  table().devices = std::move(devices);
+  current = 0;
+}
+
+void restoreDefaultDevices() { setDevices({thisMachine()}); }
+
+}  // namespace host_device
+
+namespace facezoo {
+const LaunchGeometry& currentLaunch() { return host_device::runningLaunch; }
+}  // namespace facezoo
+
+using namespace host_device;  // NOLINT(google-build-using-namespace)
+
+cudaError_t cudaGetDeviceCount(int* count) {
+  return enter("cudaGetDeviceCount", {}, [&] {
+    if (count == nullptr) return cudaErrorInvalidValue;
+    *count = deviceCount();
+    return cudaSuccess;
+  });
+}
+
+cudaError_t cudaGetDevice(int* device) {
+  return enter("cudaGetDevice", {}, [&] {
+    if (device == nullptr) return cudaErrorInvalidValue;
+    *device = static_cast<int>(current);
+    return cudaSuccess;
+  });
+}
+
+cudaError_t cudaSetDevice(int device) {
+  return enter("cudaSetDevice", {device}, [&] {
+    if (device < 0 || device >= deviceCount()) return cudaErrorInvalidDevice;
+    current = static_cast<std::size_t>(device);
+    return cudaSuccess;
+  });
+}
+
+cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
+  return enter("cudaGetDeviceProperties", {device}, [&] {
+    if (properties == nullptr) return cudaErrorInvalidValue;
+    const std::lock_guard<std::mutex> lock(table().mutex);
+    if (device < 0 || static_cast<std::size_t>(device) >= table().devices.size()) {
+      return cudaErrorInvalidDevice;
+    }
+    const SimulatedDevice& shown = table().devices[static_cast<std::size_t>(device)];
+    *properties = {};
+    shown.name.copy(properties->name, sizeof properties->name - 1);
+    properties->totalGlobalMem = shown.totalGlobalMem;
+    properties->major = shown.major;
+    properties->minor = shown.minor;
+    return cudaSuccess;
+  });
+}
+
+cudaError_t cudaRuntimeGetVersion(int* version) {
+  detail::recordReport("cudaRuntimeGetVersion");
+  if (version == nullptr) return cudaErrorInvalidValue;
+  *version = 10010;
+  return cudaSuccess;
+}
+
+cudaError_t cudaGetLastError() {
+  detail::recordReport("cudaGetLastError");
+  return std::exchange(lastError, cudaSuccess);
+}
+
+const char* cudaGetErrorString(cudaError_t status) {
+  detail::recordReport("cudaGetErrorString");
+  switch (status) {
+    case cudaSuccess: return "no error";
+    case cudaErrorInvalidValue: return "invalid argument";
+    case cudaErrorMemoryAllocation: return "out of memory";
+    case cudaErrorInitializationError: return "initialization error";
+    case cudaErrorInvalidConfiguration: return "invalid configuration argument";
+    case cudaErrorInvalidDeviceFunction: return "invalid device function";
+    case cudaErrorNoDevice: return "no CUDA-capable device is detected";
+    case cudaErrorInvalidDevice: return "invalid device ordinal";
+    case cudaErrorLaunchFailure: return "unspecified launch failure";
+    case cudaErrorUnknown: return "unknown error";
+  }
+  return "unrecognized error code";
+}
+
+cudaError_t cudaMalloc(void** pointer, size_t bytes) {
+  return enter("cudaMalloc", {static_cast<std::int64_t>(bytes)},
+               [&] { return detail::allocateDevice(pointer, bytes); });
+}
+
+cudaError_t cudaFree(void* pointer) {
+  return enter("cudaFree", {}, [&] { return detail::freeDevice(pointer); });
+}
+
+cudaError_t cudaMemset(void* pointer, int value, size_t bytes) {
+  return enter("cudaMemset", {value, static_cast<std::int64_t>(bytes)}, [&] {
+    if (!writeDevice(pointer, bytes)) return cudaErrorInvalidValue;
+    std::memset(pointer, value, bytes);
+    return cudaSuccess;
+  });
+}
+
+cudaError_t cudaMemcpy(void* destination, const void* source, size_t bytes, cudaMemcpyKind kind) {
+  return enter("cudaMemcpy", {static_cast<std::int64_t>(bytes), kind}, [&] {
+    if (bytes == 0) return cudaSuccess;
+    if (!mayCopy(destination, source, bytes, kind)) return cudaErrorInvalidValue;
+    std::memmove(destination, source, bytes);
+    return cudaSuccess;
+  });
+}
+
+cudaError_t cudaMemcpy2D(void* destination, size_t destinationPitch, const void* source,
+                         size_t sourcePitch, size_t width, size_t height, cudaMemcpyKind kind) {
+  return enter(
+      "cudaMemcpy2D",
+      {static_cast<std::int64_t>(width), static_cast<std::int64_t>(height), kind}, [&] {
+        if (width == 0 || height == 0) return cudaSuccess;
+        if (width > destinationPitch || width > sourcePitch) return cudaErrorInvalidValue;
+        // Checked row by row: the gaps between rows belong to the copy of neither side.
+        for (size_t row = 0; row < height; ++row) {
+          if (!mayCopy(static_cast<char*>(destination) + row * destinationPitch,
+                       static_cast<const char*>(source) + row * sourcePitch, width, kind)) {
+            return cudaErrorInvalidValue;
+          }
+        }
+#pragma omp parallel for schedule(static) if (width * height > 65536)
+        for (size_t row = 0; row < height; ++row) {
+          std::memcpy(static_cast<char*>(destination) + row * destinationPitch,
+                      static_cast<const char*>(source) + row * sourcePitch, width);
+        }
+        return cudaSuccess;
+      });
+}
+
+cudaError_t cudaLaunchKernel(const void* function, dim3 grid, dim3 block, void** arguments,
+                             size_t sharedBytes, cudaStream_t stream) {
+  return enter("cudaLaunchKernel", {grid.x, grid.y, grid.z, block.x, block.y, block.z}, [&] {
+    if (function == nullptr) return cudaErrorInvalidDeviceFunction;
+    const std::size_t threads = std::size_t{block.x} * block.y * block.z;
+    const bool runs = grid.x > 0 && grid.y > 0 && grid.z > 0 && grid.x <= 2147483647U &&
+                      grid.y <= 65535 && grid.z <= 65535 && threads > 0 && threads <= 1024;
+    if (!runs || sharedBytes != 0 || stream != nullptr) return cudaErrorInvalidConfiguration;
+    runningLaunch = {grid, block};
+    reinterpret_cast<void (*)(void**)>(const_cast<void*>(function))(arguments);
+    return cudaSuccess;
+  });
+}

@@ -1,0 +1,35 @@
+#include "GPU.h"
+#include "check.h"
+
+#include <cuda_runtime.h>
+
+#include <iostream>
+
+int GPU::DeviceID = -1;
+std::recursive_mutex GPU::mtx;
+
+namespace {
+constexpr int kMinimumMajor = 5;
+constexpr std::size_t kMinimumMemory = std::size_t{2048} << 20;
+}  // namespace
+
+GPU::GPU() {
+  if (DeviceID >= 0) return;
+  int count = 0;
+  CheckCuda(cudaGetDeviceCount(&count));
+  for (int i = 0; i < count; ++i) {
+    CheckCuda(cudaSetDevice(i));
+    cudaDeviceProp properties;
+    CheckCuda(cudaGetDeviceProperties(&properties, i));
+    if (properties.major >= kMinimumMajor && properties.totalGlobalMem >= kMinimumMemory) {
+      DeviceID = i;
+      return;
+    }
+  }
+  std::cerr << "There are no available devices that support CUDA" << std::endl;
+  throw NO_SUITABLE_DEVICE;
+}
+
+int GPU::getDeviceID() { return DeviceID; }
+
+std::recursive_mutex& GPU::getMutex() { return mtx; }

@@ -1,0 +1,23 @@
+#include "layer_factory.h"
+
+#include "layers/cba.h"
+#include "layers/inner_product.h"
+#include "layers/transform.h"
+
+namespace facezoo {
+
+LayerBase* createLayer(const LayerSpec& spec, const std::string& prefix,
+                       msgpack::v1::object& weights) {
+  const std::string name = prefix + spec.name;
+  switch (spec.kind) {
+    case LayerKind::meanImage:
+      return new TransformNHWC2NCHW(name, weights, spec.kernel, spec.stride, spec.in);
+    case LayerKind::fusedConvolution:
+      return new CBA(name, weights, spec.in, spec.out, spec.kernel, spec.stride, spec.flag);
+    case LayerKind::innerProduct:
+      return new InnerProduct(name, weights, spec.in, spec.out, spec.flag);
+  }
+  return nullptr;
+}
+
+}  // namespace facezoo

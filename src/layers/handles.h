@@ -1,0 +1,105 @@
+/// @file
+/// Owners of what the GPU libraries hand out. Each starts empty and is filled by an explicit call,
+/// so that the order of calls is the code's and a constructor that throws half-way releases what it
+/// had. Releasing in a destructor is unchecked.
+#pragma once
+
+#include "check.h"
+
+#include <cstddef>
+#include <utility>
+
+namespace facezoo {
+
+/// Owns one cuDNN descriptor.
+template <class Handle, cudnnStatus_t (*Create)(Handle*), cudnnStatus_t (*Destroy)(Handle)>
+class Descriptor {
+ public:
+  Descriptor() = default;
+  Descriptor(Descriptor&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(handle_, other.handle_);
+    return *this;
+  }
+  ~Descriptor() {
+    if (handle_) Destroy(handle_);
+  }
+
+  /// Creates the descriptor; the owner must be empty. @throws cudnnStatus_t
+  void create(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    CheckCudnn(Create(&handle_), file, line);
+  }
+  /// Destroys it with the status checked; it is not tried again. @throws cudnnStatus_t
+  void destroy(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    CheckCudnn(Destroy(std::exchange(handle_, nullptr)), file, line);
+  }
+
+  operator Handle() const { return handle_; }
+
+ private:
+  Handle handle_ = nullptr;
+};
+
+using TensorDescriptor =
+    Descriptor<cudnnTensorDescriptor_t, cudnnCreateTensorDescriptor, cudnnDestroyTensorDescriptor>;
+using FilterDescriptor =
+    Descriptor<cudnnFilterDescriptor_t, cudnnCreateFilterDescriptor, cudnnDestroyFilterDescriptor>;
+using ConvolutionDescriptor =
+    Descriptor<cudnnConvolutionDescriptor_t, cudnnCreateConvolutionDescriptor,
+               cudnnDestroyConvolutionDescriptor>;
+using PoolingDescriptor = Descriptor<cudnnPoolingDescriptor_t, cudnnCreatePoolingDescriptor,
+                                     cudnnDestroyPoolingDescriptor>;
+using LRNDescriptor =
+    Descriptor<cudnnLRNDescriptor_t, cudnnCreateLRNDescriptor, cudnnDestroyLRNDescriptor>;
+using ActivationDescriptor =
+    Descriptor<cudnnActivationDescriptor_t, cudnnCreateActivationDescriptor,
+               cudnnDestroyActivationDescriptor>;
+
+/// Describes a packed NCHW float tensor of shape (N, C, H, W). @throws cudnnStatus_t
+inline void describe(cudnnTensorDescriptor_t descriptor, int4 shape,
+                     const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+  CheckCudnn(cudnnSetTensor4dDescriptor(descriptor, CUDNN_TENSOR_NCHW, CUDNN_DATA_FLOAT, shape.x,
+                                        shape.y, shape.z, shape.w),
+             file, line);
+}
+
+/// Descriptors that all objects of a stateless layer share. They are made by the first call and
+/// never destroyed, on purpose: no GPU call may run in a static destructor.
+template <class Descriptors>
+Descriptors& classWide() {
+  static Descriptors& descriptors = *new Descriptors;
+  return descriptors;
+}
+
+/// Owns device memory for floats.
+class DeviceBuffer {
+ public:
+  DeviceBuffer() = default;
+  DeviceBuffer(DeviceBuffer&& other) noexcept : data_(std::exchange(other.data_, nullptr)) {}
+  DeviceBuffer& operator=(DeviceBuffer&& other) noexcept {
+    std::swap(data_, other.data_);
+    return *this;
+  }
+  ~DeviceBuffer() {
+    if (data_) cudaFree(data_);
+  }
+
+  /// Allocates; the owner must be empty. @throws cudaError
+  void allocate(std::size_t floats, const char* file = __builtin_FILE(),
+                int line = __builtin_LINE()) {
+    CheckCuda(cudaMalloc(reinterpret_cast<void**>(&data_), floats * sizeof(float)), file, line);
+  }
+  /// Allocates and sets to zero. @throws cudaError
+  void allocateZeroed(std::size_t floats, const char* file = __builtin_FILE(),
+                      int line = __builtin_LINE()) {
+    allocate(floats, file, line);
+    CheckCuda(cudaMemset(data_, 0, floats * sizeof(float)), file, line);
+  }
+
+  float* get() const { return data_; }
+
+ private:
+  float* data_ = nullptr;
+};
+
+}  // namespace facezoo

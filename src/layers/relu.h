@@ -1,0 +1,33 @@
+/// @file
+#pragma once
+
+#include "layer.h"
+#include "layers/handles.h"
+
+/// Rectified linear unit: y = max(0, x); NaN stays NaN. The shape stays.
+class Relu : public LayerBase {
+ public:
+  /// @throws cudnnStatus_t, TensorError 0
+  Tensor operator()(const Tensor& in) override {
+    struct Shared {
+      facezoo::TensorDescriptor tensor;
+      facezoo::ActivationDescriptor relu;
+      bool set = false;
+    };
+    auto& shared = facezoo::classWide<Shared>();
+    if (!shared.tensor) shared.tensor.create();
+    if (!shared.relu) shared.relu.create();
+    if (!shared.set) {
+      CheckCudnn(cudnnSetActivationDescriptor(shared.relu, CUDNN_ACTIVATION_RELU,
+                                              CUDNN_PROPAGATE_NAN, 0.0));
+      shared.set = true;
+    }
+    const float one = 1.0F;
+    const float zero = 0.0F;
+    Tensor out(in.base->shape);
+    facezoo::describe(shared.tensor, in.base->shape);
+    CheckCudnn(cudnnActivationForward(handle_, shared.relu, &one, shared.tensor, in.base->data,
+                                      &zero, shared.tensor, out.base->data));
+    return out;
+  }
+};

@@ -1,0 +1,105 @@
+/// @file
+/// What each network is made of, as data: geometry, pool sizing, the weighted layers in the order of
+/// their creation, and the groups of its results. Constructors build from it; the tool names, checks
+/// and synthesizes weights from it.
+#pragma once
+
+#include <cstddef>
+
+namespace facezoo {
+
+enum class LayerKind { meanImage, fusedConvolution, innerProduct };
+
+/// One weighted layer. Its arrays are named prefix + `name` + suffix.
+struct LayerSpec {
+  LayerKind kind;
+  const char* name;
+  int in, out;         ///< channels, or values of an inner product
+  int kernel, stride;  ///< of a convolution; width and height of a mean image
+  bool flag;           ///< convolution: pads by kernel / 2; inner product: has no bias
+};
+
+constexpr LayerSpec meanImage(int width, int height, int channels) {
+  return {LayerKind::meanImage, "inMean", channels, channels, width, height, false};
+}
+constexpr LayerSpec fusedConvolution(const char* name, int in, int out, int kernel, int stride,
+                                     bool padded) {
+  return {LayerKind::fusedConvolution, name, in, out, kernel, stride, padded};
+}
+constexpr LayerSpec innerProduct(const char* name, int in, int out, bool noBias) {
+  return {LayerKind::innerProduct, name, in, out, 1, 1, noBias};
+}
+
+enum class WeightRole { mean, filter, bias };
+
+/// Calls visit(suffix, elements, role) for every array that `layer` reads, in order.
+template <class Visit>
+void forEachWeight(const LayerSpec& layer, Visit&& visit) {
+  const std::size_t in = layer.in;
+  const std::size_t out = layer.out;
+  const std::size_t taps = static_cast<std::size_t>(layer.kernel) * layer.kernel;
+  switch (layer.kind) {
+    case LayerKind::meanImage:
+      visit("-0", in * layer.kernel * layer.stride, WeightRole::mean);
+      break;
+    case LayerKind::fusedConvolution:
+      visit("-0", out * in * taps, WeightRole::filter);
+      visit("-1", out, WeightRole::bias);
+      break;
+    case LayerKind::innerProduct:
+      visit("-0", out * in, WeightRole::filter);
+      if (!layer.flag) visit("-1", out, WeightRole::bias);
+      break;
+  }
+}
+
+/// Consecutive values of a network's result for one image.
+struct OutputGroup {
+  const char* name;
+  int count;
+};
+
+template <class T>
+struct View {
+  const T* first;
+  int size;
+  constexpr const T* begin() const { return first; }
+  constexpr const T* end() const { return first + size; }
+};
+template <class T, int N>
+constexpr View<T> view(const T (&rows)[N]) {
+  return {rows, N};
+}
+
+struct NetworkSpec {
+  const char* name;
+  int channels, width, height;
+  int perImageBytes;  ///< the largest activation of one image
+  int bufferCount;    ///< pool blocks that `Forward` takes at once
+  int outputDim;
+  View<LayerSpec> layers;
+  View<OutputGroup> outputs;
+};
+
+constexpr bool samePadding = true;
+constexpr bool noPadding = false;
+constexpr bool withBias = false;
+
+constexpr LayerSpec dexpressionLayers[] = {
+    meanImage(224, 224, 1),
+    fusedConvolution("conv1", 1, 64, 7, 2, samePadding),
+    fusedConvolution("conv2a", 64, 96, 1, 1, noPadding),
+    fusedConvolution("conv2b", 96, 208, 3, 1, samePadding),
+    fusedConvolution("conv2c", 64, 64, 1, 1, noPadding),
+    fusedConvolution("conv3a", 272, 96, 1, 1, noPadding),
+    fusedConvolution("conv3b", 96, 208, 3, 1, samePadding),
+    fusedConvolution("conv3c", 272, 64, 1, 1, noPadding),
+    innerProduct("loss3/classifier_acce_mouth", 272 * 14 * 14, 2, withBias),
+    innerProduct("loss3/classifier_acce_eye", 272 * 14 * 14, 3, withBias),
+};
+constexpr OutputGroup dexpressionOutputs[] = {{"mouth", 2}, {"eye", 3}};
+constexpr NetworkSpec dexpressionNet = {
+    "DexpressionNet", 1, 224, 224, 272 * 56 * 56 * 4, 4, 5, view(dexpressionLayers),
+    view(dexpressionOutputs)};
+
+}  // namespace facezoo

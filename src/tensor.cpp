@@ -1,0 +1,61 @@
+#include "tensor.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+cublasHandle_t blasHandle = nullptr;
+bool blasCreated = false;
+
+namespace {
+
+std::vector<PoolBlock> bufferPool;
+int blockSize = 0;
+int blockCount = 0;
+int takenBlocks = 0;
+
+/// Blocks in existence, which are fewer than `blockCount` after an allocation or release failed.
+int existingBlocks() { return takenBlocks + static_cast<int>(bufferPool.size()); }
+
+}  // namespace
+
+void growPool(int bytes, int count) {
+  if (blockSize < bytes) {
+    const int previous = blockCount;
+    freePool();
+    blockSize = bytes;
+    blockCount = previous;
+  }
+  blockCount = std::max(blockCount, count);
+  // Blocks come back in destructors, where the list may not grow.
+  bufferPool.reserve(static_cast<std::size_t>(blockCount));
+  while (existingBlocks() < blockCount) {
+    PoolBlock block{blockSize, nullptr};
+    CheckCuda(cudaMalloc(&block.ptr, static_cast<std::size_t>(blockSize)));
+    bufferPool.push_back(block);
+  }
+}
+
+void freePool() {
+  while (!bufferPool.empty()) {
+    CheckCuda(cudaFree(bufferPool.front().ptr));
+    bufferPool.erase(bufferPool.begin());
+  }
+  blockCount = 0;
+  blockSize = 0;
+}
+
+TensorBase::TensorBase(int4 extents) : shape(extents) {
+  // In 64 bits, because N·C·H·W·4 of a batch far too large would wrap around to a size that fits.
+  const std::int64_t bytes = std::int64_t{4} * shape.x * shape.y * shape.z * shape.w;
+  if (bytes > blockSize || bufferPool.empty()) throw NO_BLOCK;
+  block_ = bufferPool.front();
+  data = static_cast<float*>(block_.ptr);
+  bufferPool.erase(bufferPool.begin());
+  ++takenBlocks;
+}
+
+TensorBase::~TensorBase() {
+  bufferPool.push_back(block_);
+  --takenBlocks;
+}
