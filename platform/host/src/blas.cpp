@@ -14,20 +14,15 @@ namespace {
 
 /// The order of the additions is part of the code, so that it does not depend on the machine.
 HOST_DEVICE_CLONES float dot(const float* a, const float* b, std::size_t count) {
-  using Lanes [[gnu::vector_size(64), gnu::aligned(4), gnu::may_alias]] = float;
-  constexpr std::size_t lanes = 16, step = 2 * lanes;
-  Lanes even = {}, odd = {};
+  constexpr std::size_t lanes = 32;
+  float partial[lanes] = {};
   std::size_t i = 0;
-  for (; i + step <= count; i += step) {
-    const auto* va = reinterpret_cast<const Lanes*>(a + i);
-    const auto* vb = reinterpret_cast<const Lanes*>(b + i);
-    even += va[0] * vb[0];
-    odd += va[1] * vb[1];
+  for (; i + lanes <= count; i += lanes) {
+    for (std::size_t lane = 0; lane < lanes; ++lane) partial[lane] += a[i + lane] * b[i + lane];
   }
-  even += odd;
   float sum = 0.0f;
   for (; i < count; ++i) sum += a[i] * b[i];
-  for (std::size_t lane = 0; lane < lanes; ++lane) sum += even[lane];
+  for (const float value : partial) sum += value;
   return sum;
 }
 

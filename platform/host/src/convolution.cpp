@@ -6,6 +6,8 @@
 
 #include <cstring>
 #include <limits>
+#include <memory>
+#include <unordered_map>
 #include <utility>
 
 #include "compute.h"
@@ -47,7 +49,7 @@ HOST_DEVICE_CLONES void addBiasAndRectify(float* row, std::size_t count, float b
   }
 }
 
-std::size_t noWorkspace(const Problem&) { return 0; }
+std::size_t noWorkspace(Problem) { return 0; }
 
 // Matrix product: the image of a 1x1 convolution is the matrix of its inputs already.
 
@@ -114,16 +116,17 @@ dnnl::primitive_attr withUserScratchpad() {
 
 /// Left to itself oneDNN may take a layout that costs more to reorder to and from, so the layouts
 /// are named, best first; a machine without a generated kernel for one of them goes on to the next.
+/// The generated kernels turn a NaN before the ReLU into 0; in the last resort, where others may
+/// keep it, the ReLU is not part of the convolution.
 ConvolutionDesc describeDirect(const Problem& problem) {
   const auto extents = [](const dnnl::memory::desc& desc) { return desc.dims(); };
   const Axis &v = problem.vertical, &h = problem.horizontal;
   const dnnl::memory::dims strides = {v.stride, h.stride}, padding = {v.pad, h.pad};
-  auto attributes = withUserScratchpad();
-  if (problem.fused) {
-    dnnl::post_ops relu;
-    relu.append_eltwise(1.0f, dnnl::algorithm::eltwise_relu, 0.0f, 0.0f);
-    attributes.set_post_ops(relu);
-  }
+  const auto plain = withUserScratchpad();
+  auto rectifying = withUserScratchpad();
+  dnnl::post_ops relu;
+  relu.append_eltwise(1.0f, dnnl::algorithm::eltwise_relu, 0.0f, 0.0f);
+  rectifying.set_post_ops(relu);
   // Blocks of channels would be mostly padding in an image of one or three.
   const Tag few = problem.c < 16 ? Tag::nchw : Tag::undef;
   const std::pair<Tag, Tag> layouts[] = {{few, Tag::nChw16c},
@@ -134,13 +137,13 @@ ConvolutionDesc describeDirect(const Problem& problem) {
   for (const auto& [source, destination] : layouts) {
     if (source == Tag::undef) continue;
     const bool last = source == Tag::any;
-    const ConvolutionDesc desc(
+    ConvolutionDesc desc(
         {dnnl::prop_kind::forward_inference, dnnl::algorithm::convolution_direct,
          layout(extents(plainInput(problem)), source),
          layout(extents(plainFilter(problem)), Tag::any),
          problem.fused ? layout({problem.k}, Tag::x) : dnnl::memory::desc(),
          layout(extents(plainOutput(problem)), destination), strides, padding, padding},
-        attributes, cpu(), !last);
+        problem.fused && !last ? rectifying : plain, cpu(), !last);
     if (last || (desc.get(true) && std::strncmp(desc.impl_info_str(), "jit", 3) == 0)) return desc;
   }
   throw dnnl::error(dnnl_unimplemented, "no direct convolution");
@@ -165,7 +168,9 @@ struct DirectScratch {
   }
 };
 
-std::size_t directWorkspace(const Problem& problem) {
+/// A batch too large for the workspace goes through it in parts, so one image is all that must fit.
+std::size_t directWorkspace(Problem problem) {
+  problem.n = 1;
   return DirectScratch(problem, describeDirect(problem)).bytes;
 }
 
@@ -175,7 +180,7 @@ auto derive(const void* source, const DerivedKey& key, const Make& make) -> decl
   if (auto found = findDerived(source, key)) {
     return std::static_pointer_cast<typename Pointer::element_type>(found);
   }
-  const Pointer made = make();
+  Pointer made = make();
   storeDerived(source, key, made);
   return made;
 }
@@ -214,15 +219,15 @@ class PreparedDirect : public Derived {
         output_(plainOutput(problem)),
         bias_(layout({problem.k}, Tag::x)),
         filter_(packFilter(problem, w, desc_.weights_desc())) {
+    rectifies_ = problem.fused && desc_.get_primitive_attr().get_post_ops().len() == 0;
     if (scratch_.source) reorderInput_ = reorder(input_, desc_.src_desc());
     if (scratch_.destination) reorderOutput_ = reorder(desc_.dst_desc(), output_);
   }
 
+  std::size_t workspaceBytes() const { return scratch_.bytes; }
+
   cudnnStatus_t run(const Operands& operands) const {
-    if (operands.workspaceBytes < scratch_.bytes ||
-        !writeDevice(operands.workspace, operands.workspaceBytes)) {
-      return CUDNN_STATUS_BAD_PARAM;
-    }
+    if (!writeDevice(operands.workspace, operands.workspaceBytes)) return CUDNN_STATUS_BAD_PARAM;
     auto* const start = static_cast<char*>(operands.workspace);
     char* const base = start - address(start) % DirectScratch::alignment;
     const auto memory = [](const dnnl::memory::desc& desc, const void* data) {
@@ -247,6 +252,11 @@ class PreparedDirect : public Derived {
       reorderOutput_.execute(cpuStream(), {{DNNL_ARG_FROM, destination}, {DNNL_ARG_TO, y}});
     }
     cpuStream().wait();
+    if (rectifies_) {
+      forPieces(output_.get_size() / sizeof(float), [&](std::size_t begin, std::size_t end) {
+        addBiasAndRectify(operands.y + begin, end - begin, 0.0f);
+      });
+    }
     return CUDNN_STATUS_SUCCESS;
   }
 
@@ -261,6 +271,7 @@ class PreparedDirect : public Derived {
   dnnl::memory::desc input_, output_, bias_;
   std::shared_ptr<PackedFilter> filter_;
   dnnl::primitive reorderInput_, reorderOutput_;
+  bool rectifies_;
 };
 
 cudnnStatus_t runDirect(const Problem& problem, const Operands& operands) {
@@ -283,7 +294,17 @@ cudnnStatus_t runDirect(const Problem& problem, const Operands& operands) {
                           h.stride};
   const auto prepared = derive(
       operands.w, key, [&] { return std::make_shared<PreparedDirect>(problem, operands.w); });
-  return prepared->run(operands);
+  if (operands.workspaceBytes >= prepared->workspaceBytes()) return prepared->run(operands);
+  if (problem.n == 1) return CUDNN_STATUS_BAD_PARAM;
+
+  Problem part = problem;
+  part.n = problem.n / 2;
+  if (const auto status = runDirect(part, operands)) return status;
+  Operands rest = operands;
+  rest.x += part.n * problem.c * problem.inputPlane();
+  rest.y += part.n * problem.k * problem.outputPlane();
+  part.n = problem.n - part.n;
+  return runDirect(part, rest);
 }
 
 // Plain loops, which need nothing: the last resort.
@@ -341,7 +362,7 @@ bool always(const Problem&) { return true; }
 struct Algorithm {
   cudnnConvolutionFwdAlgo_t id;
   bool (*supports)(const Problem&);
-  std::size_t (*workspaceBytes)(const Problem&);
+  std::size_t (*workspaceBytes)(Problem);
   cudnnStatus_t (*run)(const Problem&, const Operands&);
 };
 

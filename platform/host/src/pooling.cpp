@@ -39,9 +39,10 @@ struct Sum {
 template <class Operation>
 HOST_DEVICE_INLINE void combineColumns(int window, int stride, int outputs,
                                        const float* __restrict row, float* __restrict y) {
-  for (int j = 0; j < outputs; ++j) y[j] = row[j * stride];
-  for (int v = 1; v < window; ++v) {
-    for (int j = 0; j < outputs; ++j) y[j] = Operation::combine(y[j], row[j * stride + v]);
+  for (int j = 0; j < outputs; ++j) {
+    float combined = row[j * stride];
+    for (int v = 1; v < window; ++v) combined = Operation::combine(combined, row[j * stride + v]);
+    y[j] = combined;
   }
 }
 
@@ -50,7 +51,8 @@ template <class Operation>
 HOST_DEVICE_INLINE void poolPlane(const Axis& vertical, const Axis& horizontal,
                                   const float* __restrict x, float* __restrict y,
                                   float* __restrict row) {
-  const int width = horizontal.input, outputs = horizontal.output, window = horizontal.window;
+  const int width = horizontal.input, outputs = horizontal.output;
+  const int window = horizontal.window, stride = horizontal.stride;
   for (int i = 0; i < vertical.output; ++i, y += outputs) {
     std::fill_n(row, horizontal.span(), Operation::identity);
     float* __restrict inside = row + horizontal.pad;
@@ -60,16 +62,13 @@ HOST_DEVICE_INLINE void poolPlane(const Axis& vertical, const Axis& horizontal,
       const float* __restrict line = x + std::size_t{1} * h * width;
       for (int j = 0; j < width; ++j) inside[j] = Operation::combine(inside[j], line[j]);
     }
-    // Strides known to the compiler vectorize.
-    switch (horizontal.stride) {
-      case 1:
-        combineColumns<Operation>(window, 1, outputs, row, y);
-        break;
-      case 2:
-        combineColumns<Operation>(window, 2, outputs, row, y);
-        break;
-      default:
-        combineColumns<Operation>(window, horizontal.stride, outputs, row, y);
+    // What the compiler knows it vectorizes; these are the usual windows.
+    if (window == 3 && stride == 1) {
+      combineColumns<Operation>(3, 1, outputs, row, y);
+    } else if (window == 3 && stride == 2) {
+      combineColumns<Operation>(3, 2, outputs, row, y);
+    } else {
+      combineColumns<Operation>(window, stride, outputs, row, y);
     }
   }
 }

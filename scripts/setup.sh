@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing need and that this machine lacks.
+#   scripts/setup.sh [--tests]        --tests: also what ./test.sh needs
+set -euo pipefail
+
+packages=(
+  "g++:compiler" "cmake:build system" "ninja-build:build system" "pkg-config:finds stb"
+  "libdnnl-dev:oneDNN, the arithmetic of the CPU build" "libmsgpack-cxx-dev:weight files"
+  "libcli11-dev:command line of the tool" "nlohmann-json3-dev:JSON output of the tool"
+  "libstb-dev:decodes and resizes images"
+)
+if [ "${1:-}" = --tests ]; then
+  packages+=("libgtest-dev:tests" "clang-format:style check" "clang-tidy:static analysis"
+    "python3:tests of the tool")
+fi
+
+missing=()
+for entry in "${packages[@]}"; do
+  name=${entry%%:*}
+  if ! dpkg-query -W -f='${Status}' "$name" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$name")
+    echo "needs $name: ${entry#*:}"
+  fi
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || {
+    echo "run as root, or install these packages: ${missing[*]}" >&2
+    exit 1
+  }
+  as_root=(sudo)
+fi
+echo "installing ${#missing[@]} packages from Debian ..."
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! { "${as_root[@]}" apt-get update -q &&
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y -q --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+  tail -n 20 "$log" >&2
+  echo "installing failed: ${missing[*]}" >&2
+  exit 1
+fi

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Every check of the project: style, static analysis, and all tests of the CPU build, plain and
+# under AddressSanitizer and UndefinedBehaviorSanitizer.
+#   ./test.sh [host|host-asan|style]...        default: all three
+set -euo pipefail
+cd "$(dirname "$0")"
+
+scripts/setup.sh --tests
+[ $# -gt 0 ] || set -- host host-asan style
+
+for part in "$@"; do
+  echo "== $part"
+  start=$SECONDS
+  case $part in
+    host | host-asan)
+      cmake --preset "$part" -DFACEZOO_TESTS=ON >/dev/null
+      cmake --build --preset "$part"
+      ctest --preset "$part"
+      ;;
+    style) scripts/style.sh ;;
+    *)
+      echo "unknown part: $part" >&2
+      exit 2
+      ;;
+  esac
+  echo "== $part: ok, $((SECONDS - start)) s"
+done

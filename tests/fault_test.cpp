@@ -1,0 +1,298 @@
+// Every call to the platform fails once, and from then on; what the library promises must hold
+// after each.
+#include "layers/lrn.h"
+#include "layers/pool.h"
+#include "layers/relu.h"
+#include "layers/softmax.h"
+#include "seeded_network.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <regex>
+#include <sstream>
+#include <utility>
+
+namespace facezoo::test {
+namespace {
+
+using host_device::Fault;
+using host_device::Live;
+
+/// What one phase of a network's life threw; `library` is empty if nothing.
+struct Thrown {
+  std::string library;
+  int value = 0;
+};
+
+template <class Action>
+Thrown attempt(const Action& action) {
+  try {
+    action();
+  } catch (cudaError status) {
+    return {"cuda", status};
+  } catch (cudnnStatus_t status) {
+    return {"cudnn", status};
+  } catch (cublasStatus_t status) {
+    return {"cublas", status};
+  }
+  return {};
+}
+
+std::string libraryOf(const std::string& call) {
+  for (const char* library : {"cudnn", "cublas", "cuda"}) {
+    if (call.rfind(library, 0) == 0) return library;
+  }
+  return "";
+}
+
+/// A failure of this call passes silently. Releases are checked where the pool, the blas handle and
+/// the workspace go, which is the end of a destruction.
+bool unchecked(const std::string& call, bool insideForward, std::size_t callsToTheEnd) {
+  if (call == "cudaMemcpy2D" || call == "cudaLaunchKernel" || call == "cudnnDestroy") return true;
+  const bool releases = call == "cudaFree" || call.rfind("cudnnDestroy", 0) == 0;
+  constexpr std::size_t kSharedReleases = 4 + 1 + 1 + 1;  // pool, blas, cuDNN handle, workspace
+  return releases && !insideForward && callsToTheEnd > kSharedReleases;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+class FaultSweep : public DeviceTest {
+ protected:
+  static constexpr cudaError kCuda = cudaErrorLaunchFailure;
+  static constexpr cudnnStatus_t kCudnn = CUDNN_STATUS_MAPPING_ERROR;
+  static constexpr cublasStatus_t kCublas = CUBLAS_STATUS_ARCH_MISMATCH;
+
+  void SetUp() override {
+    DeviceTest::SetUp();
+    host_device::poisonFreshMemory(false);  // filling the workspace anew each time takes too long
+    images_ = std::make_unique<DeviceArray<std::uint8_t>>(seededImages(dexpressionNet, 1));
+    construct();
+    expected_ = forward();
+    destroy();
+    idle_ = host_device::live();
+    // The trace of a whole life, and where its phases end.
+    host_device::setObserver([&](const host_device::Call& call) { trace_.emplace_back(call.name); });
+    construct();
+    constructed_ = trace_.size();
+    forward();
+    forwarded_ = trace_.size();
+    destroy();
+    host_device::setObserver({});
+  }
+
+  void TearDown() override {
+    images_.reset();
+    // What failing releases left for good was counted as it happened.
+    host_device::clearFault();
+    releaseDevice();
+    EXPECT_EQ(0, NetworkProbe::count());
+  }
+
+  void construct() {
+    net_ = new DexpressionNet(seededFile(dexpressionNet).c_str(), 1, "");
+  }
+  std::vector<float> forward() {
+    std::vector<float> out(5, -1.0F);
+    net_->Forward(images_->data(), 1, out.data(), nullptr);
+    return out;
+  }
+  void destroy() { delete std::exchange(net_, nullptr); }
+
+  /// Checks one phase's exception and its line against the failing call.
+  static void expectReported(const std::string& call, const Thrown& thrown,
+                             const std::string& line) {
+    const std::string library = libraryOf(call);
+    EXPECT_EQ(library, thrown.library);
+    EXPECT_EQ(library == "cuda" ? int{kCuda} : library == "cudnn" ? int{kCudnn} : int{kCublas},
+              thrown.value);
+    static const std::map<std::string, std::string> texts = {
+        {"cuda", "unspecified launch failure \\(cuda error code: 719\\)"},
+        {"cudnn", "CUDNN_STATUS_MAPPING_ERROR \\(cudnn error code: 7\\)"},
+        {"cublas", "\\(cublas error code: 8\\)"}};
+    EXPECT_TRUE(std::regex_match(
+        line, std::regex("\\[Error\\] " + texts.at(library) + " at (src|include)/\\S+ line \\d+")))
+        << line;
+  }
+
+  static Fault faultAt(std::size_t at, bool fromThenOn) {
+    Fault fault;
+    fault.at = at;
+    fault.fromThenOn = fromThenOn;
+    fault.cuda = kCuda;
+    fault.cudnn = kCudnn;
+    fault.cublas = kCublas;
+    return fault;
+  }
+
+  /// After a faulty life: a new one works as if nothing had been, and leaves what it should.
+  void expectRecovery(const Live& lost) {
+    EXPECT_EQ(0, NetworkProbe::count());
+    construct();
+    EXPECT_EQ(expected_, forward());
+    EXPECT_EQ(1, NetworkProbe::count());
+    destroy();
+    const Live now = host_device::live();
+    EXPECT_EQ(idle_.allocations + lost.allocations, now.allocations);
+    EXPECT_EQ(idle_.handles + lost.handles, now.handles);
+    EXPECT_EQ(idle_.descriptors + lost.descriptors, now.descriptors);
+    idle_ = now;
+  }
+
+  DexpressionNet* net_ = nullptr;  // a smart pointer would not let the destructor's exceptions out
+  std::unique_ptr<DeviceArray<std::uint8_t>> images_;
+  std::vector<float> expected_;
+  std::vector<std::string> trace_;
+  std::size_t constructed_ = 0, forwarded_ = 0;
+  Live idle_{};
+};
+
+TEST_F(FaultSweep, OneFailingCall) {
+  for (std::size_t k = 1; k <= trace_.size(); ++k) {
+    const std::string& call = trace_[k - 1];
+    const bool inForward = k > constructed_ && k <= forwarded_;
+    SCOPED_TRACE("call " + std::to_string(k) + ", " + call);
+    host_device::setFault(faultAt(k, false));
+    testing::internal::CaptureStderr();
+    Thrown thrown = attempt([&] { construct(); });
+    if (net_) {
+      const Thrown inPass = attempt([&] { forward(); });
+      if (inForward) {
+        thrown = inPass;
+        // The network itself is unharmed.
+        EXPECT_EQ(expected_, forward());
+      }
+      const Thrown atEnd = attempt([&] { destroy(); });
+      if (k > forwarded_) thrown = atEnd;
+    }
+    host_device::clearFault();
+    const std::vector<std::string> lines = linesOf(testing::internal::GetCapturedStderr());
+    ASSERT_EQ(std::vector<std::string>{call}, host_device::raisedFaults());
+    const bool silent = unchecked(call, inForward, trace_.size() - k + 1);
+    ASSERT_EQ(silent ? 0U : 1U, lines.size());
+    if (silent) {
+      EXPECT_EQ("", thrown.library);
+    } else {
+      expectReported(call, thrown, lines[0]);
+    }
+    Live lost{};
+    if (silent || inForward) {
+      lost.allocations = call == "cudaFree" ? 1 : 0;
+      lost.handles = call == "cudnnDestroy" ? 1 : 0;
+      lost.descriptors = call.rfind("cudnnDestroy", 0) == 0 ? 1 - lost.handles : 0;
+    }
+    // A handle whose workspace could not be had is replaced, not kept.
+    if (k == 2) lost.handles = 1;
+    expectRecovery(lost);
+    if (HasFatalFailure()) return;
+  }
+  std::cout << "visited " << trace_.size() << " fault points: " << constructed_
+            << " in construction, " << forwarded_ - constructed_ << " in Forward, "
+            << trace_.size() - forwarded_ << " in destruction\n";
+}
+
+TEST_F(FaultSweep, AllCallsFromOneOn) {
+  for (std::size_t k = 1; k <= trace_.size(); ++k) {
+    SCOPED_TRACE("from call " + std::to_string(k) + ", " + trace_[k - 1]);
+    host_device::setFault(faultAt(k, true));
+    testing::internal::CaptureStderr();
+    std::vector<Thrown> thrown;
+    const auto phase = [&](auto action) {
+      const Thrown result = attempt(action);
+      if (!result.library.empty()) thrown.push_back(result);
+    };
+    phase([&] { construct(); });
+    if (net_) {
+      phase([&] { forward(); });
+      phase([&] { destroy(); });
+    }
+    host_device::clearFault();
+    const std::vector<std::string> lines = linesOf(testing::internal::GetCapturedStderr());
+    const std::vector<std::string> raised = host_device::raisedFaults();
+    // The first failure that is checked is the first that is reported. In construction the end of
+    // the unwinding may add lines, but never an exception.
+    std::size_t first = k;
+    while (first <= trace_.size() && unchecked(trace_[first - 1],
+                                               first > constructed_ && first <= forwarded_,
+                                               trace_.size() - first + 1)) {
+      ++first;
+    }
+    if (first <= trace_.size()) {
+      ASSERT_FALSE(thrown.empty());
+      ASSERT_FALSE(lines.empty());
+      expectReported(trace_[first - 1], thrown[0], lines[0]);
+    }
+    EXPECT_GE(lines.size(), thrown.size());
+    for (const std::string& line : lines) EXPECT_EQ(0U, line.rfind("[Error] ", 0)) << line;
+
+    // Lost for good is what an unchecked release failed to release: the checked ones, which print
+    // where they stand, are tried again by the next network.
+    const auto raisedOf = [&](const auto& matches) {
+      return static_cast<std::size_t>(std::count_if(raised.begin(), raised.end(), matches));
+    };
+    const auto printedAt = [&](const std::string& place) {
+      return static_cast<std::size_t>(std::count_if(
+          lines.begin(), lines.end(),
+          [&](const std::string& line) { return line.find(place) != std::string::npos; }));
+    };
+    const bool poolMalloc = raised[0] == "cudaMalloc" && lines[0].find("src/tensor.cpp") != lines[0].npos;
+    Live lost{};
+    lost.allocations = raisedOf([](const std::string& call) { return call == "cudaFree"; }) -
+                       printedAt("include/layer.h") -
+                       (printedAt("src/tensor.cpp") - (poolMalloc ? 1 : 0));
+    lost.handles = raisedOf([](const std::string& call) { return call == "cudnnDestroy"; }) +
+                   (k == 2 ? 1 : 0);
+    lost.descriptors = raisedOf([](const std::string& call) {
+      return call.rfind("cudnnDestroy", 0) == 0 && call != "cudnnDestroy";
+    });
+    expectRecovery(lost);
+    if (HasFatalFailure()) return;
+  }
+  std::cout << "visited " << trace_.size() << " fault points, all later calls failing too\n";
+}
+
+/// Fails every creation of `layer`'s class-wide descriptors once, in a process where it has none,
+/// and expects `descriptors` of them in the end.
+template <class LayerType, class Run>
+void createClassWideThroughFailures(std::size_t descriptors, const Run& run) {
+  growPool(1024, 2);
+  LayerType layer;
+  const Tensor in({1, 1, 4, 4});
+  const std::size_t before = host_device::live().descriptors;
+  // The first call of all, then ever the second: one creation gets through, the next one fails.
+  for (std::size_t i = 0; i <= descriptors + 1; ++i) {
+    Fault fault;
+    fault.at = i == 0 ? 1 : 2;
+    host_device::setFault(fault);
+    const bool failed = !attempt([&] { run(layer, in); }).library.empty();
+    host_device::clearFault();
+    if (!failed) std::exit(1);
+  }
+  run(layer, in);
+  std::exit(host_device::live().descriptors == before + descriptors ? 0 : 2);
+}
+
+TEST(FaultDeathTest, ClassWideDescriptorsAreCreatedOnceThroughFailures) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";  // a fresh process for each
+  const auto exits = testing::ExitedWithCode(0);
+  EXPECT_EXIT(createClassWideThroughFailures<MaxPooling>(
+                  3, [](MaxPooling& l, const Tensor& in) { l(in, 3, 2, 0); }),
+              exits, "");
+  EXPECT_EXIT(createClassWideThroughFailures<LocalResponseNormalization>(
+                  2, [](LocalResponseNormalization& l,
+                        const Tensor& in) { l(in, 5, 1e-4F, 0.75F, 1.0F); }),
+              exits, "");
+  EXPECT_EXIT(
+      createClassWideThroughFailures<Relu>(2, [](Relu& l, const Tensor& in) { l(in); }), exits, "");
+  EXPECT_EXIT(
+      createClassWideThroughFailures<Softmax>(1, [](Softmax& l, const Tensor& in) { l(in); }),
+      exits, "");
+}
+
+}  // namespace
+}  // namespace facezoo::test

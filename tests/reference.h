@@ -1,0 +1,51 @@
+/// @file
+/// What the layers compute, written down a second time: plain loops in double precision.
+#pragma once
+
+#include "support.h"
+
+namespace facezoo::test {
+
+/// Values in the order of tensors: element (n, c, y, x) is at ((n·C + c)·H + y)·W + x.
+struct Image4 {
+  int n, c, h, w;
+  std::vector<double> v;
+
+  std::size_t index(int in, int ic, int iy, int ix) const {
+    return ((static_cast<std::size_t>(in) * c + ic) * h + iy) * w + ix;
+  }
+  double at(int in, int ic, int iy, int ix) const { return v[index(in, ic, iy, ix)]; }
+};
+Image4 zeros(int n, int c, int h, int w);
+Image4 seededImage(int n, int c, int h, int w, unsigned seed, double low = -1, double high = 1);
+/// One image of n·h·w·c values becomes (n, c·h·w, 1, 1).
+Image4 flat(const Image4& x);
+
+/// @param mean empty, one value per channel, or one per byte of an image, in their order
+Image4 convertInput(const std::vector<std::uint8_t>& bytes, int n, int h, int w, int c,
+                    const std::vector<float>& mean);
+/// @param bias one value per output, or empty
+Image4 convolution(const Image4& x, const std::vector<float>& filter,
+                   const std::vector<float>& bias, int kernel, int stride, int pad);
+/// The scale of a convolution's rounding errors: the root of the sum of its squared terms. Partial
+/// sums of seeded terms of either sign grow like it, and so do the roundings of each.
+Image4 convolutionScale(Image4 x, std::vector<float> filter, std::vector<float> bias, int kernel,
+                        int stride, int pad);
+Image4 lrn(const Image4& x, int size, double alpha, double beta, double k);
+Image4 relu(Image4 x);
+Image4 softmax(const Image4& x);
+enum class Pool { max, average };
+/// Positions beyond the padded input do not exist: they count neither as values nor in the divisor.
+Image4 pool(const Image4& x, Pool kind, int window, int stride, int pad);
+Image4 concat(const std::vector<Image4>& parts);
+
+/// What `count` roundings of terms of either sign add up to, and `more` in a row, as a share of the
+/// scale: like a random walk, with room for the few in a thousand that stray furthest.
+double roundings(double count, double more = 4);
+/// Expects the shape, and every value within `relative` times the same place's value in `scale`.
+void expectClose(const Tensor& got, const Image4& expected, const Image4& scale, double relative);
+void expectClose(const std::vector<float>& got, const Image4& expected, const Image4& scale,
+                 double relative);
+void expectEqual(const Tensor& got, const Image4& expected);
+
+}  // namespace facezoo::test

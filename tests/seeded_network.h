@@ -1,0 +1,48 @@
+/// @file
+/// A whole network on seeded weights, for tests of the contract rather than of the numbers.
+#pragma once
+
+#include "DexpressionNet.h"
+#include "network_table.h"
+#include "support.h"
+
+#include <cmath>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace facezoo::test {
+
+inline Document seededDocument(const NetworkSpec& spec, const std::string& prefix = "") {
+  Document document;
+  unsigned seed = 1;
+  for (const LayerSpec& layer : spec.layers) {
+    forEachWeight(layer, [&](const char* suffix, std::size_t elements, WeightRole role) {
+      // Keeps activations at their scale, and the last products where softmax can tell them apart.
+      const double gain = layer.kind == LayerKind::innerProduct ? 0.01 : 1;
+      const double range =
+          role == WeightRole::filter ? gain * std::sqrt(6.0 * layer.out / elements) : 1;
+      document.add(prefix + layer.name + suffix, seededValues(elements, seed++, -range, range));
+    });
+  }
+  return document;
+}
+
+/// The weight file of `spec`, written once for the process.
+inline const std::string& seededFile(const NetworkSpec& spec) {
+  static const TemporaryFile file;
+  static const bool written = (seededDocument(spec).save(file.path), true);
+  (void)written;
+  return file.path;
+}
+
+inline std::vector<std::uint8_t> seededImages(const NetworkSpec& spec, int batch) {
+  return seededBytes(static_cast<std::size_t>(batch) * spec.channels * spec.width * spec.height, 7);
+}
+
+/// Reaches what hosts cannot.
+struct NetworkProbe : DexpressionNet {
+  static int count() { return network_count; }
+};
+
+}  // namespace facezoo::test

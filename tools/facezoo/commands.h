@@ -1,0 +1,9 @@
+/// @file
+/// The commands; each function adds one to the tool.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+void addInfo(CLI::App& tool);
+void addRun(CLI::App& tool);
+void addWeights(CLI::App& tool);

@@ -1,0 +1,31 @@
+#include "failure.h"
+
+#include "check.h"
+#include "errors.h"
+
+#include <new>
+
+std::string describeException() {
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return "out of memory";
+  } catch (const std::exception& error) {
+    return error.what();
+  } catch (GPUError) {
+    return "no usable CUDA device";
+  } catch (NetworkError error) {
+    return error == WEIGHT_FILE_NOT_FOUND ? "the weight file cannot be read"
+                                          : "the weight file does not fit the network";
+  } catch (TensorError) {
+    return "the network's tensors do not fit its pool of device memory";
+  } catch (cudaError status) {
+    return std::string(cudaGetErrorString(status)) + " (CUDA error " + std::to_string(status) + ")";
+  } catch (cudnnStatus_t status) {
+    return std::string(cudnnGetErrorString(status)) + " (cuDNN)";
+  } catch (cublasStatus_t status) {
+    return "cuBLAS status " + std::to_string(status);
+  } catch (...) {
+    return "unknown failure";
+  }
+}

@@ -1,0 +1,99 @@
+#include "images.h"
+
+#include "failure.h"
+#include "files.h"
+
+#include <stb_image.h>
+#include <stb_image_resize.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t kMostPixels = std::size_t{1} << 28;
+
+/// Reads big-endian numbers out of a file.
+std::size_t number(std::string_view file, std::size_t at, int bytes) {
+  std::size_t value = 0;
+  for (int i = 0; i < bytes; ++i) value = value << 8 | static_cast<unsigned char>(file[at + i]);
+  return value;
+}
+
+bool pngReachesItsEnd(std::string_view file) {
+  constexpr std::size_t kFrame = 12;      // length, type and checksum of a chunk
+  constexpr std::size_t kHeaderEnd = 33;  // of the signature and the header chunk
+  for (std::size_t at = kHeaderEnd; at + kFrame <= file.size(); at += kFrame + number(file, at, 4))
+    if (file.substr(at + 4, 4) == "IEND") return true;
+  return false;
+}
+
+// The decoder fills up a JPEG that breaks off with grey and reports success.
+bool jpegReachesItsEnd(std::string_view file) {
+  constexpr std::size_t kEndOfImage = 0xFFD9;
+  std::size_t at = 2;
+  while (at + 2 <= file.size()) {
+    const std::size_t marker = number(file, at, 2);
+    if (marker == kEndOfImage) return true;
+    // Inside a scan, FF00 is a data byte and FFD0 to FFD7 restart the decoder; FFFF is padding.
+    const bool inScan = marker <= 0xFF00 || marker == 0xFFFF || (marker & ~7U) == 0xFFD0;
+    if (!inScan && at + 4 > file.size()) return false;
+    at += inScan ? 1 : 2 + number(file, at + 2, 2);
+  }
+  return false;
+}
+
+}  // namespace
+
+void loadImage(const std::string& path, int channels, int width, int height,
+               unsigned char* pixels) {
+  const std::vector<char> bytes = readFile(path);
+  const std::string_view file(bytes.data(), bytes.size());
+  if (file.empty()) throw Failure(path + ": expected a PNG or JPEG image, found an empty file");
+  const bool jpeg = file.substr(0, 3) == "\xFF\xD8\xFF";
+  if (!jpeg && file.substr(0, 8) != "\x89PNG\r\n\x1A\n")
+    throw Failure(path + ": expected a PNG or JPEG image, found something else");
+
+  const auto refuse = [&](const std::string& why) {
+    throw Failure(path + ": cannot be decoded as " + (jpeg ? "JPEG" : "PNG") + ": " + why);
+  };
+  if (file.size() > std::numeric_limits<int>::max()) refuse("larger than 2 GiB");
+  if (!(jpeg ? jpegReachesItsEnd(file) : pngReachesItsEnd(file)))
+    refuse("the file ends inside the image");
+  const auto* encoded = reinterpret_cast<const unsigned char*>(file.data());
+  const int size = static_cast<int>(file.size());
+  int foundWidth = 0;
+  int foundHeight = 0;
+  int foundChannels = 0;
+  const bool known =
+      stbi_info_from_memory(encoded, size, &foundWidth, &foundHeight, &foundChannels) != 0;
+  // The decoder knows no PNG that is too large for it, so its size is read here.
+  const std::size_t wide = jpeg ? foundWidth : number(file, 16, 4);
+  const std::size_t high = jpeg ? foundHeight : number(file, 20, 4);
+  if (wide * high > kMostPixels) {
+    refuse("expected at most " + std::to_string(kMostPixels) + " pixels, found " +
+           std::to_string(wide) + " x " + std::to_string(high));
+  }
+  if (!known) refuse("its header is damaged");
+  const std::unique_ptr<stbi_uc, void (*)(void*)> decoded(
+      stbi_load_from_memory(encoded, size, &foundWidth, &foundHeight, &foundChannels, channels),
+      stbi_image_free);
+  if (!decoded) refuse(stbi_failure_reason());
+
+  const auto crop = [](int length, int across, int wanted, int wantedAcross) {
+    const std::int64_t fitting = std::int64_t{across} * wanted / wantedAcross;
+    return static_cast<int>(std::clamp<std::int64_t>(fitting, 1, length));
+  };
+  const int cropWidth = crop(foundWidth, foundHeight, width, height);
+  const int cropHeight = crop(foundHeight, foundWidth, height, width);
+  const int stride = foundWidth * channels;
+  const stbi_uc* corner = decoded.get() + std::ptrdiff_t{(foundHeight - cropHeight) / 2} * stride +
+                          (foundWidth - cropWidth) / 2 * channels;
+  if (stbir_resize_uint8(corner, cropWidth, cropHeight, stride, pixels, width, height, 0,
+                         channels) == 0)
+    throw Failure(path + ": not enough memory to resample it");
+}

@@ -1,0 +1,77 @@
+#include "synthesis.h"
+
+#include "networks.h"
+
+#include <msgpack.hpp>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+namespace {
+
+using facezoo::LayerKind;
+using facezoo::LayerSpec;
+using facezoo::WeightRole;
+
+/// Bell-shaped values of mean 0 and variance 1. The standard's distributions differ between
+/// libraries and logarithms between machines; the sum of four 16-bit draws is exact everywhere.
+class Bell {
+ public:
+  explicit Bell(std::uint64_t seed) : bits_(seed) {}
+
+  float operator()() {
+    const std::uint64_t draw = bits_();
+    const int sum = static_cast<int>((draw & 0xFFFF) + (draw >> 16 & 0xFFFF) +
+                                     (draw >> 32 & 0xFFFF) + (draw >> 48));
+    constexpr float kMean = 4 * 32767.5F;
+    constexpr float kDeviation = 37837.2F;  // sqrt(4 / 12) of 65536
+    return (static_cast<float>(sum) - kMean) / kDeviation;
+  }
+
+ private:
+  std::mt19937_64 bits_;
+};
+
+struct Distribution {
+  float mean, deviation;
+};
+
+Distribution distribution(const LayerSpec& layer, WeightRole role) {
+  constexpr float kActivation = 128;  // about what pixels less their mean reach
+  const bool head = layer.kind == LayerKind::innerProduct;
+  switch (role) {
+    case WeightRole::mean:
+      return {127, 8};
+    case WeightRole::bias:
+      return {0, head ? 0.1F : 1.0F};
+    case WeightRole::filter:
+      break;
+  }
+  const float fanIn = static_cast<float>(layer.in) * layer.kernel * layer.kernel;
+  // Rectified layers keep the mean square of their input; heads bring it down to about 1.
+  return {0, head ? std::sqrt(1 / fanIn) / kActivation : std::sqrt(2 / fanIn)};
+}
+
+}  // namespace
+
+void writeRandomWeights(const facezoo::NetworkSpec& network, const std::string& prefix,
+                        std::uint64_t seed, std::ostream& out) {
+  std::uint32_t count = 0;
+  forEachArray(network, prefix, [&](auto&&...) { ++count; });
+  msgpack::packer<std::ostream> packer(out);
+  packer.pack_map(count);
+  Bell bell(seed);
+  std::vector<float> values;
+  forEachArray(
+      network, prefix,
+      [&](const std::string& name, std::size_t elements, const LayerSpec& layer, WeightRole role) {
+        const Distribution shape = distribution(layer, role);
+        values.resize(elements);
+        for (float& value : values) value = shape.mean + shape.deviation * bell();
+        packer.pack(name);
+        const auto bytes = static_cast<std::uint32_t>(elements * sizeof(float));
+        packer.pack_str(bytes);
+        packer.pack_str_body(reinterpret_cast<const char*>(values.data()), bytes);
+      });
+}

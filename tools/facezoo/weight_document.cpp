@@ -1,0 +1,109 @@
+#include "weight_document.h"
+
+#include "failure.h"
+#include "files.h"
+#include "networks.h"
+#include "weight_scan.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace {
+
+const char* typeName(msgpack::type::object_type type) {
+  static constexpr const char* names[] = {"nil", "bool",  "int", "int", "float", "str",
+                                          "bin", "array", "map", "ext", "float"};
+  return names[type];
+}
+
+std::string_view payloadOf(const msgpack::object& value) {
+  if (value.type == msgpack::type::STR) return {value.via.str.ptr, value.via.str.size};
+  if (value.type == msgpack::type::BIN) return {value.via.bin.ptr, value.via.bin.size};
+  return {};
+}
+
+}  // namespace
+
+FloatSummary summarize(std::string_view payload) {
+  FloatSummary summary;
+  summary.count = payload.size() / sizeof(float);
+  double sum = 0;
+  std::size_t finite = 0;
+  for (std::size_t i = 0; i < summary.count; ++i) {
+    float value = 0;
+    std::memcpy(&value, payload.data() + i * sizeof value, sizeof value);
+    if (!std::isfinite(value)) continue;
+    summary.min = finite == 0 ? value : std::min(summary.min, value);
+    summary.max = finite == 0 ? value : std::max(summary.max, value);
+    sum += value;
+    ++finite;
+  }
+  summary.notFinite = summary.count - finite;
+  if (finite > 0) summary.mean = sum / static_cast<double>(finite);
+  return summary;
+}
+
+WeightDocument::WeightDocument(const std::string& path) : bytes_(readFile(path)) {
+  if (bytes_.empty()) throw Failure(path + ": expected a MessagePack map, found an empty file");
+  try {
+    facezoo::checkDocument(bytes_.data(), bytes_.size());
+    std::size_t end = 0;
+    const auto keepInFile = [](auto, std::size_t, void*) { return true; };
+    msgpack::unpack(document_, bytes_.data(), bytes_.size(), end, keepInFile);
+  } catch (const msgpack::v1::insufficient_bytes&) {
+    throw Failure(path + ": expected a complete MessagePack map, found its end missing after " +
+                  std::to_string(bytes_.size()) + " bytes");
+  } catch (const msgpack::v1::unpack_error&) {
+    throw Failure(path +
+                  ": expected a MessagePack map, found bytes that are not MessagePack or "
+                  "nest deeper than 32 levels");
+  }
+  const msgpack::object& root = document_.get();
+  if (root.type != msgpack::type::MAP)
+    throw Failure(path + ": expected a MessagePack map, found " + typeName(root.type));
+  arrays_.reserve(root.via.map.size);
+  for (std::uint32_t i = 0; i < root.via.map.size; ++i) {
+    const msgpack::object_kv& entry = root.via.map.ptr[i];
+    const bool named = entry.key.type == msgpack::type::STR;
+    arrays_.push_back({named ? std::string(payloadOf(entry.key))
+                             : std::string("(key of type ") + typeName(entry.key.type) + ")",
+                       named, typeName(entry.val.type), payloadOf(entry.val)});
+  }
+}
+
+WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkSpec& network,
+                            const std::string& prefix) {
+  // Of equal names the first counts, which is the one that emplace keeps.
+  std::unordered_map<std::string_view, const WeightArray*> byName;
+  for (const WeightArray& array : document.arrays())
+    if (array.named) byName.emplace(array.name, &array);
+
+  WeightFindings findings;
+  std::unordered_set<const WeightArray*> used;
+  forEachArray(network, prefix, [&](const std::string& name, std::size_t elements, auto&&...) {
+    ++findings.expected;
+    const std::string expected =
+        ": expected " + std::to_string(elements * sizeof(float)) + " bytes of str, found ";
+    const auto found = byName.find(name);
+    if (found == byName.end()) {
+      findings.faults.push_back(name + expected + "none");
+      return;
+    }
+    const WeightArray& array = *found->second;
+    used.insert(&array);
+    if (!array.loadable()) {
+      findings.faults.push_back(name + expected + array.type);
+    } else if (array.payload.size() != elements * sizeof(float)) {
+      findings.faults.push_back(name + expected + std::to_string(array.payload.size()));
+    } else if (const std::size_t bad = summarize(array.payload).notFinite; bad > 0) {
+      findings.faults.push_back(name + ": expected finite values, found " + std::to_string(bad) +
+                                " of " + std::to_string(elements) + " NaN or infinite");
+    }
+  });
+  for (const WeightArray& array : document.arrays())
+    if (used.count(&array) == 0) findings.unused.push_back(array.name);
+  return findings;
+}

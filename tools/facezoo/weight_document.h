@@ -1,0 +1,53 @@
+/// @file
+#pragma once
+
+#include "network_table.h"
+
+#include <msgpack.hpp>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// One entry of a weight file.
+struct WeightArray {
+  std::string name;          ///< printable stand-in if the key is not a string
+  bool named;                ///< the key is a string
+  const char* type;          ///< the MessagePack type of the value; networks take "str" only
+  std::string_view payload;  ///< of a str or bin; empty for other types
+
+  bool loadable() const { return std::string_view(type) == "str"; }
+};
+
+/// What can be said of the floats of a payload.
+struct FloatSummary {
+  std::size_t count = 0;
+  std::size_t notFinite = 0;  ///< the rest is about the others
+  float min = 0, max = 0;
+  double mean = 0;
+};
+FloatSummary summarize(std::string_view payload);
+
+/// A weight file, parsed without a device.
+class WeightDocument {
+ public:
+  /// @throws Failure if the file does not hold a MessagePack map
+  explicit WeightDocument(const std::string& path);
+
+  /// In file order.
+  const std::vector<WeightArray>& arrays() const { return arrays_; }
+
+ private:
+  std::vector<char> bytes_;
+  msgpack::v1::object_handle document_;
+  std::vector<WeightArray> arrays_;
+};
+
+struct WeightFindings {
+  std::size_t expected = 0;         ///< arrays that the network needs
+  std::vector<std::string> faults;  ///< why the network would not load, or not work
+  std::vector<std::string> unused;  ///< names of entries that no layer reads
+};
+WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkSpec& network,
+                            const std::string& prefix);
