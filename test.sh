@@ -15,7 +15,7 @@ for part in "$@"; do
     host | host-asan)
       cmake --preset "$part" -DFACEZOO_TESTS=ON >/dev/null
       cmake --build --preset "$part"
-      ctest --preset "$part"
+      ctest --preset "$part" -j "$(nproc)"
       ;;
     style) scripts/style.sh ;;
     *)

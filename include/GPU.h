@@ -23,7 +23,7 @@ class FACEZOO_EXPORT GPU {
   /// throw nothing is chosen and the next `GPU()` probes again.
   GPU();
   GPU(const GPU&) = default;
-  GPU& operator=(const GPU&) { return *this; }
+  GPU& operator=(const GPU&) = default;
   GPU& operator=(GPU&&) { return *this; }  // NOLINT(performance-noexcept-move-constructor)
 
   /// Index of the chosen device, -1 while none is chosen.

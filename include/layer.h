@@ -22,7 +22,7 @@ class FACEZOO_EXPORT LayerBase {
   LayerBase(const LayerBase&) = default;
   LayerBase& operator=(const LayerBase&) = default;
   /// Destroying a network may fail, so no layer's destructor promises not to throw.
-  virtual ~LayerBase() noexcept(false) {}
+  virtual ~LayerBase() noexcept(false) {}  // NOLINT(modernize-use-equals-default)
 
   /// The identity: a second handle to the same block.
   virtual Tensor operator()(const Tensor& in) { return in; }

@@ -28,7 +28,7 @@ class FACEZOO_EXPORT Network : public LayerBase {
 
   /// Releases the shared resources with the last network.
   /// @throws cudaError, cublasStatus_t if that fails, except while another exception unwinds
-  ~Network() noexcept(false) override;
+  ~Network() noexcept(false) override;  // NOLINT(bugprone-exception-escape)
 
   /// Runs the network.
   ///

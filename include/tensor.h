@@ -56,13 +56,14 @@ class FACEZOO_EXPORT Tensor {
 
 // What follows is for the library's own constructors and destructors; it is not exported.
 
-/// Makes the pool serve blocks of at least `bytes` bytes, at least `count` of them. Blocks only grow
-/// in size and number; a larger size allocates all of them anew.
+/// Makes the pool serve blocks of at least `bytes` bytes, at least `count` of them. Blocks only
+/// grow in size and number; a larger size allocates all of them anew.
 /// @throws cudaError
 void growPool(int bytes, int count);
 
 /// Releases every free block and forgets the sizing.
-/// @throws cudaError at the first block that cannot be freed; it and those after it stay in the pool
+/// @throws cudaError at the first block that cannot be freed; it and those after it stay in the
+/// pool
 void freePool();
 
 extern cublasHandle_t blasHandle;

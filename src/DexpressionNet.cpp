@@ -6,7 +6,6 @@
 #include "layers/softmax.h"
 #include "network_table.h"
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is part of the interface
 DexpressionNet::DexpressionNet(const char* weightFile, int maxBatch, std::string prefix)
     : Network(weightFile, prefix) {
   build(facezoo::dexpressionNet, maxBatch, prefix, layers_);
@@ -52,7 +51,7 @@ int DexpressionNet::Forward(void* images, int batch, float* out1, float* /*out2*
   c = eye(a);
   c = softmax(c);
   a = concat({b, c});
-  CheckCuda(cudaMemcpy(out1, a.base->data, sizeof(float) * batch * outputDim,
-                       cudaMemcpyDeviceToHost));
+  CheckCuda(
+      cudaMemcpy(out1, a.base->data, sizeof(float) * batch * outputDim, cudaMemcpyDeviceToHost));
   return 0;
 }

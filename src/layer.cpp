@@ -25,10 +25,14 @@ namespace {
 /// Payload length of a value in the weight map, 0 for types that have none.
 int payloadBytes(const msgpack::v1::object& value) {
   switch (value.type) {
-    case msgpack::v1::type::STR: return static_cast<int>(value.via.str.size);
-    case msgpack::v1::type::BIN: return static_cast<int>(value.via.bin.size);
-    case msgpack::v1::type::EXT: return static_cast<int>(value.via.ext.size);
-    default: return 0;
+    case msgpack::v1::type::STR:
+      return static_cast<int>(value.via.str.size);
+    case msgpack::v1::type::BIN:
+      return static_cast<int>(value.via.bin.size);
+    case msgpack::v1::type::EXT:
+      return static_cast<int>(value.via.ext.size);
+    default:
+      return 0;
   }
 }
 
@@ -39,8 +43,6 @@ bool isString(const msgpack::v1::object& value, const std::string& text) {
 
 }  // namespace
 
-// The signature is part of the interface, its by-value string and writable map included.
-// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void LayerBase::readWeight(msgpack::v1::object& weights, std::string name, int bytes, void* dst) {
   if (weights.type != msgpack::v1::type::MAP) throw BAD_WEIGHTS;
   const msgpack::v1::object_map& map = weights.via.map;

@@ -38,7 +38,6 @@ std::vector<char> readFile(const char* path) {
 
 }  // namespace
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is part of the interface
 Network::Network(const char* path, std::string /*prefix*/) {
   openMsgPack(path, unpacked);
   weights = unpacked.get();
@@ -56,7 +55,7 @@ Network::Network(Network& other)
       bufferCount(other.bufferCount),
       outputDim(other.outputDim) {}
 
-Network::~Network() noexcept(false) {
+Network::~Network() noexcept(false) {  // NOLINT(bugprone-exception-escape)
   const bool movedAway = unpacked.zone() == nullptr;
   if (movedAway || --network_count > 0) return;
   if (std::uncaught_exceptions() == 0) {

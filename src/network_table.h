@@ -1,7 +1,7 @@
 /// @file
-/// What each network is made of, as data: geometry, pool sizing, the weighted layers in the order of
-/// their creation, and the groups of its results. Constructors build from it; the tool names, checks
-/// and synthesizes weights from it.
+/// What each network is made of, as data: geometry, pool sizing, the weighted layers in the order
+/// of their creation, and the groups of its results. Constructors build from it; the tool names,
+/// checks and synthesizes weights from it.
 #pragma once
 
 #include <cstddef>
@@ -98,8 +98,8 @@ constexpr LayerSpec dexpressionLayers[] = {
     innerProduct("loss3/classifier_acce_eye", 272 * 14 * 14, 3, withBias),
 };
 constexpr OutputGroup dexpressionOutputs[] = {{"mouth", 2}, {"eye", 3}};
-constexpr NetworkSpec dexpressionNet = {
-    "DexpressionNet", 1, 224, 224, 272 * 56 * 56 * 4, 4, 5, view(dexpressionLayers),
-    view(dexpressionOutputs)};
+constexpr NetworkSpec dexpressionNet = {"DexpressionNet",        1, 224, 224,
+                                        272 * 56 * 56 * 4,       4, 5,   view(dexpressionLayers),
+                                        view(dexpressionOutputs)};
 
 }  // namespace facezoo

@@ -77,7 +77,8 @@ class FaultSweep : public DeviceTest {
     destroy();
     idle_ = host_device::live();
     // The trace of a whole life, and where its phases end.
-    host_device::setObserver([&](const host_device::Call& call) { trace_.emplace_back(call.name); });
+    host_device::setObserver(
+        [&](const host_device::Call& call) { trace_.emplace_back(call.name); });
     construct();
     constructed_ = trace_.size();
     forward();
@@ -94,9 +95,7 @@ class FaultSweep : public DeviceTest {
     EXPECT_EQ(0, NetworkProbe::count());
   }
 
-  void construct() {
-    net_ = new DexpressionNet(seededFile(dexpressionNet).c_str(), 1, "");
-  }
+  void construct() { net_ = new DexpressionNet(seededFile(dexpressionNet).c_str(), 1, ""); }
   std::vector<float> forward() {
     std::vector<float> out(5, -1.0F);
     net_->Forward(images_->data(), 1, out.data(), nullptr);
@@ -109,7 +108,9 @@ class FaultSweep : public DeviceTest {
                              const std::string& line) {
     const std::string library = libraryOf(call);
     EXPECT_EQ(library, thrown.library);
-    EXPECT_EQ(library == "cuda" ? int{kCuda} : library == "cudnn" ? int{kCudnn} : int{kCublas},
+    EXPECT_EQ(library == "cuda"    ? int{kCuda}
+              : library == "cudnn" ? int{kCudnn}
+                                   : int{kCublas},
               thrown.value);
     static const std::map<std::string, std::string> texts = {
         {"cuda", "unspecified launch failure \\(cuda error code: 719\\)"},
@@ -217,9 +218,9 @@ TEST_F(FaultSweep, AllCallsFromOneOn) {
     // The first failure that is checked is the first that is reported. In construction the end of
     // the unwinding may add lines, but never an exception.
     std::size_t first = k;
-    while (first <= trace_.size() && unchecked(trace_[first - 1],
-                                               first > constructed_ && first <= forwarded_,
-                                               trace_.size() - first + 1)) {
+    while (first <= trace_.size() &&
+           unchecked(trace_[first - 1], first > constructed_ && first <= forwarded_,
+                     trace_.size() - first + 1)) {
       ++first;
     }
     if (first <= trace_.size()) {
@@ -240,13 +241,14 @@ TEST_F(FaultSweep, AllCallsFromOneOn) {
           lines.begin(), lines.end(),
           [&](const std::string& line) { return line.find(place) != std::string::npos; }));
     };
-    const bool poolMalloc = raised[0] == "cudaMalloc" && lines[0].find("src/tensor.cpp") != lines[0].npos;
+    const bool poolMalloc =
+        raised[0] == "cudaMalloc" && lines[0].find("src/tensor.cpp") != lines[0].npos;
     Live lost{};
     lost.allocations = raisedOf([](const std::string& call) { return call == "cudaFree"; }) -
                        printedAt("include/layer.h") -
                        (printedAt("src/tensor.cpp") - (poolMalloc ? 1 : 0));
-    lost.handles = raisedOf([](const std::string& call) { return call == "cudnnDestroy"; }) +
-                   (k == 2 ? 1 : 0);
+    lost.handles =
+        raisedOf([](const std::string& call) { return call == "cudnnDestroy"; }) + (k == 2 ? 1 : 0);
     lost.descriptors = raisedOf([](const std::string& call) {
       return call.rfind("cudnnDestroy", 0) == 0 && call != "cudnnDestroy";
     });
@@ -283,12 +285,12 @@ TEST(FaultDeathTest, ClassWideDescriptorsAreCreatedOnceThroughFailures) {
   EXPECT_EXIT(createClassWideThroughFailures<MaxPooling>(
                   3, [](MaxPooling& l, const Tensor& in) { l(in, 3, 2, 0); }),
               exits, "");
-  EXPECT_EXIT(createClassWideThroughFailures<LocalResponseNormalization>(
-                  2, [](LocalResponseNormalization& l,
-                        const Tensor& in) { l(in, 5, 1e-4F, 0.75F, 1.0F); }),
-              exits, "");
   EXPECT_EXIT(
-      createClassWideThroughFailures<Relu>(2, [](Relu& l, const Tensor& in) { l(in); }), exits, "");
+      createClassWideThroughFailures<LocalResponseNormalization>(
+          2, [](LocalResponseNormalization& l, const Tensor& in) { l(in, 5, 1e-4F, 0.75F, 1.0F); }),
+      exits, "");
+  EXPECT_EXIT(createClassWideThroughFailures<Relu>(2, [](Relu& l, const Tensor& in) { l(in); }),
+              exits, "");
   EXPECT_EXIT(
       createClassWideThroughFailures<Softmax>(1, [](Softmax& l, const Tensor& in) { l(in); }),
       exits, "");

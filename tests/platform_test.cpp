@@ -1,4 +1,5 @@
-// The host platform as a device: strict memory, honest statuses, derived data that never goes stale.
+// The host platform as a device: strict memory, honest statuses, derived data that never goes
+// stale.
 #include "layers/handles.h"
 #include "support.h"
 
@@ -151,9 +152,15 @@ TEST_F(PlatformTest, ConvolutionRefusesWhatItCannotDo) {
          c.convolution.create();
        },
        CUDNN_STATUS_BAD_PARAM},
-      {"channels that differ", [](TinyConvolution& c) { describe(c.input, {1, 2, 1, 1}); },
+      {"channels that differ",
+       [](TinyConvolution& c) {
+         describe(c.input, {1, 2, 1, 1});
+       },
        CUDNN_STATUS_BAD_PARAM},
-      {"an output that differs", [](TinyConvolution& c) { describe(c.output, {1, 1, 2, 1}); },
+      {"an output that differs",
+       [](TinyConvolution& c) {
+         describe(c.output, {1, 1, 2, 1});
+       },
        CUDNN_STATUS_BAD_PARAM},
       {"input in host memory", [&](TinyConvolution& c) { c.xData = &onHost; },
        CUDNN_STATUS_BAD_PARAM},
@@ -163,8 +170,7 @@ TEST_F(PlatformTest, ConvolutionRefusesWhatItCannotDo) {
          describe(c.output, {2, 1, 1, 1});
        },
        CUDNN_STATUS_BAD_PARAM},
-      {"another blending", [](TinyConvolution& c) { c.alpha1 = 2.0F; },
-       CUDNN_STATUS_NOT_SUPPORTED},
+      {"another blending", [](TinyConvolution& c) { c.alpha1 = 2.0F; }, CUDNN_STATUS_NOT_SUPPORTED},
       {"no workspace", [](TinyConvolution& c) { c.workspaceBytes = 0; }, CUDNN_STATUS_SUCCESS},
   };
   for (const auto& c : cases) {
@@ -204,7 +210,7 @@ TEST_F(PlatformTest, APackedFilterNeverOutlivesItsContents) {
   set(tiny.bias, -20.0F);
   EXPECT_EQ(0.0F, result());
   set(tiny.bias, std::numeric_limits<float>::quiet_NaN());
-  EXPECT_EQ(0.0F, result());  // the fused activation does not propagate NaN
+  EXPECT_EQ(0.0F, result());      // the fused activation does not propagate NaN
   for (int i = 0; i < 50; ++i) {  // the same address may come back with other contents
     tiny.w = DeviceBuffer();
     tiny.w.allocate(9);

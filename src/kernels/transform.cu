@@ -49,7 +49,9 @@ void convertImages(MeanKind kind, int4 dims, const unsigned char* in, float* out
   const long long floats = static_cast<long long>(dims.y) * dims.z * dims.w;
   for (int n = 0; n < dims.x; ++n, in += floats, out += floats) {
     switch (kind) {
-      case MeanKind::none: launch(kernelNCHW2NHWC_4, grid, block, dims, in, out); break;
+      case MeanKind::none:
+        launch(kernelNCHW2NHWC_4, grid, block, dims, in, out);
+        break;
       case MeanKind::image:
         launch(kernelNCHW2NHWC_wImgMean_4, grid, block, dims, in, out, mean);
         break;

@@ -6,8 +6,8 @@
 #include <string>
 
 /// Convolution, bias and rectified linear unit in one cuDNN call:
-/// y[n, o, i, j] = max(0, b[o] + sum over c, u, v of W[o, c, u, v] · x[n, c, i·s - p + u, j·s - p + v])
-/// with x zero outside the input.
+/// y[n, o, i, j] = max(0, b[o] + sum over c, u, v of W[o, c, u, v] · x[n, c, i·s - p + u, j·s - p +
+/// v]) with x zero outside the input.
 ///
 /// (N, C, H, W) -> (N, K, floor((H + 2p - k) / s) + 1, floor((W + 2p - k) / s) + 1).
 class CBA : public facezoo::Convolution {
@@ -15,7 +15,6 @@ class CBA : public facezoo::Convolution {
   /// @param name full layer name; reads name + "-0" (filter, K·C·k·k floats) and "-1" (bias, K)
   /// @param padded p = k / 2 if set, else 0
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  // NOLINTNEXTLINE(performance-unnecessary-value-param): the layers' common signature
   CBA(std::string name, msgpack::v1::object& weights, int inChannels, int outChannels, int kernel,
       int stride, bool padded)
       : Convolution(name, weights, inChannels, outChannels, kernel, stride, padded) {}
@@ -26,8 +25,8 @@ class CBA : public facezoo::Convolution {
     const float zero = 0.0F;
     facezoo::ActivationDescriptor relu;
     relu.create();
-    CheckCudnn(cudnnSetActivationDescriptor(relu, CUDNN_ACTIVATION_RELU, CUDNN_NOT_PROPAGATE_NAN,
-                                            0.0));
+    CheckCudnn(
+        cudnnSetActivationDescriptor(relu, CUDNN_ACTIVATION_RELU, CUDNN_NOT_PROPAGATE_NAN, 0.0));
     configure(in.base->shape);
     Tensor out(outputShape_);
     float* y = out.base->data;

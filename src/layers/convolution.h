@@ -1,6 +1,6 @@
 /// @file
-/// What every convolution layer is made of: weights, descriptors, and the configuration that belongs
-/// to the last input shape.
+/// What every convolution layer is made of: weights, descriptors, and the configuration that
+/// belongs to the last input shape.
 #pragma once
 
 #include "convolution_query.h"
@@ -38,8 +38,8 @@ class Convolution : public LayerBase {
   }
 
  protected:
-  /// Brings descriptors, output shape and algorithm up to date with the input's shape; makes no call
-  /// if it is the last one.
+  /// Brings descriptors, output shape and algorithm up to date with the input's shape; makes no
+  /// call if it is the last one.
   void configure(int4 shape) {
     if (shape.x == inputShape_.x && shape.y == inputShape_.y && shape.z == inputShape_.z &&
         shape.w == inputShape_.w) {

@@ -13,7 +13,6 @@ class InnerProduct : public LayerBase {
  public:
   /// @param name full layer name; reads name + "-0" (weights [o][i]) and, with a bias, "-1"
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  // NOLINTNEXTLINE(performance-unnecessary-value-param): the layers' common signature
   InnerProduct(std::string name, msgpack::v1::object& weights, int inputSize, int outputSize,
                bool noBias)
       : inputSize_(inputSize), outputSize_(outputSize) {

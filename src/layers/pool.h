@@ -31,7 +31,9 @@ class Pooling : public LayerBase {
                                            window, pad, pad, stride, stride));
     const int4 shape = in.base->shape;
     describe(shared.input, shape);
-    const auto pooled = [&](int size) { return (size + 2 * pad - window + stride - 1) / stride + 1; };
+    const auto pooled = [&](int size) {
+      return (size + 2 * pad - window + stride - 1) / stride + 1;
+    };
     const int4 outputShape = {shape.x, shape.y, pooled(shape.z), pooled(shape.w)};
     describe(shared.output, outputShape);
     const float one = 1.0F;

@@ -16,7 +16,6 @@ class TransformNHWC2NCHW : public LayerBase {
   /// Mean image, interleaved like the input.
   /// @param name full layer name; reads name + "-0", width × height × channels floats
   /// @throws NetworkError 1, cudaError
-  // NOLINTNEXTLINE(performance-unnecessary-value-param): the layers' common signature
   TransformNHWC2NCHW(std::string name, msgpack::v1::object& weights, int width, int height,
                      int channels)
       : kind_(facezoo::MeanKind::image) {

@@ -1,6 +1,6 @@
 /// @file
-/// cuDNN 8 dropped cudnnGetConvolutionForwardAlgorithm. It is rebuilt here on the _v7 query, so that
-/// the library is written once, for the older name.
+/// cuDNN 8 dropped cudnnGetConvolutionForwardAlgorithm. It is rebuilt here on the _v7 query, so
+/// that the library is written once, for the older name.
 #pragma once
 
 #include <cudnn.h>
@@ -26,9 +26,8 @@ inline cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(
   if (status != CUDNN_STATUS_SUCCESS) return status;
   int found = 0;
   cudnnConvolutionFwdAlgoPerf_t candidates[CUDNN_CONVOLUTION_FWD_ALGO_COUNT];
-  status = cudnnGetConvolutionForwardAlgorithm_v7(handle, x, w, convolution, y,
-                                                  CUDNN_CONVOLUTION_FWD_ALGO_COUNT, &found,
-                                                  candidates);
+  status = cudnnGetConvolutionForwardAlgorithm_v7(
+      handle, x, w, convolution, y, CUDNN_CONVOLUTION_FWD_ALGO_COUNT, &found, candidates);
   if (status != CUDNN_STATUS_SUCCESS) return status;
   *algorithm = CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM;
   for (int i = 0; i < found; ++i) {

@@ -8,9 +8,11 @@
 
 #include <cstddef>
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the real runtime's names
 #define __host__
 #define __device__
 #define __global__
+// NOLINTEND(bugprone-reserved-identifier)
 
 extern "C" {
 

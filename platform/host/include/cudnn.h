@@ -1,7 +1,7 @@
 /// @file
 /// The part of cuDNN that the library calls, on the CPU. Names, signatures and values are those of
-/// cuDNN 7. Tensors are 32-bit float, NCHW, packed, in device memory; blending factors are floats in
-/// host memory. Differences from the real library are listed in platform/host/README.md.
+/// cuDNN 7. Tensors are 32-bit float, NCHW, packed, in device memory; blending factors are floats
+/// in host memory. Differences from the real library are listed in platform/host/README.md.
 #pragma once
 
 #include <cstddef>
@@ -52,10 +52,7 @@ typedef enum {
   CUDNN_SOFTMAX_ACCURATE = 1,
   CUDNN_SOFTMAX_LOG = 2
 } cudnnSoftmaxAlgorithm_t;
-typedef enum {
-  CUDNN_SOFTMAX_MODE_INSTANCE = 0,
-  CUDNN_SOFTMAX_MODE_CHANNEL = 1
-} cudnnSoftmaxMode_t;
+typedef enum { CUDNN_SOFTMAX_MODE_INSTANCE = 0, CUDNN_SOFTMAX_MODE_CHANNEL = 1 } cudnnSoftmaxMode_t;
 
 typedef struct cudnnContext* cudnnHandle_t;
 typedef struct cudnnTensorStruct* cudnnTensorDescriptor_t;
@@ -91,11 +88,13 @@ cudnnStatus_t cudnnGetConvolution2dForwardOutputDim(cudnnConvolutionDescriptor_t
                                                     cudnnTensorDescriptor_t input,
                                                     cudnnFilterDescriptor_t filter, int* n, int* c,
                                                     int* h, int* w);
-cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(
-    cudnnHandle_t handle, cudnnTensorDescriptor_t x, cudnnFilterDescriptor_t w,
-    cudnnConvolutionDescriptor_t convolution, cudnnTensorDescriptor_t y,
-    cudnnConvolutionFwdPreference_t preference, size_t memoryLimit,
-    cudnnConvolutionFwdAlgo_t* algorithm);
+cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(cudnnHandle_t handle, cudnnTensorDescriptor_t x,
+                                                  cudnnFilterDescriptor_t w,
+                                                  cudnnConvolutionDescriptor_t convolution,
+                                                  cudnnTensorDescriptor_t y,
+                                                  cudnnConvolutionFwdPreference_t preference,
+                                                  size_t memoryLimit,
+                                                  cudnnConvolutionFwdAlgo_t* algorithm);
 /// y = activation(alpha1 · conv(x) + alpha2 · z + bias).
 cudnnStatus_t cudnnConvolutionBiasActivationForward(
     cudnnHandle_t handle, const void* alpha1, cudnnTensorDescriptor_t xDesc, const void* x,

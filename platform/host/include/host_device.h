@@ -19,7 +19,7 @@ namespace host_device {
 
 struct SimulatedDevice {
   std::string name;
-  int major;                   ///< compute capability
+  int major;  ///< compute capability
   int minor;
   std::size_t totalGlobalMem;  ///< bytes; cudaMalloc beyond it is out of memory
 };
@@ -42,9 +42,9 @@ void setObserver(std::function<void(const Call&)> observer);
 /// A planned failure. The failing call does nothing and returns the status of its library.
 /// Calls that only report (cudaGetLastError, the error strings, the versions) never fail.
 struct Fault {
-  std::size_t at = 1;         ///< the call that fails, counted from 1 since setFault
-  std::string name;           ///< count only calls of this name; empty: all calls
-  bool fromThenOn = false;    ///< all later calls fail too
+  std::size_t at = 1;       ///< the call that fails, counted from 1 since setFault
+  std::string name;         ///< count only calls of this name; empty: all calls
+  bool fromThenOn = false;  ///< all later calls fail too
   cudaError_t cuda = cudaErrorUnknown;
   cudnnStatus_t cudnn = CUDNN_STATUS_INTERNAL_ERROR;
   cublasStatus_t cublas = CUBLAS_STATUS_INTERNAL_ERROR;

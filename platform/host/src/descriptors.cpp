@@ -102,16 +102,26 @@ size_t cudnnGetVersion() {
 const char* cudnnGetErrorString(cudnnStatus_t status) {
   host_device::detail::recordReport("cudnnGetErrorString");
   switch (status) {
-    case CUDNN_STATUS_SUCCESS: return "CUDNN_STATUS_SUCCESS";
-    case CUDNN_STATUS_NOT_INITIALIZED: return "CUDNN_STATUS_NOT_INITIALIZED";
-    case CUDNN_STATUS_ALLOC_FAILED: return "CUDNN_STATUS_ALLOC_FAILED";
-    case CUDNN_STATUS_BAD_PARAM: return "CUDNN_STATUS_BAD_PARAM";
-    case CUDNN_STATUS_INTERNAL_ERROR: return "CUDNN_STATUS_INTERNAL_ERROR";
-    case CUDNN_STATUS_INVALID_VALUE: return "CUDNN_STATUS_INVALID_VALUE";
-    case CUDNN_STATUS_ARCH_MISMATCH: return "CUDNN_STATUS_ARCH_MISMATCH";
-    case CUDNN_STATUS_MAPPING_ERROR: return "CUDNN_STATUS_MAPPING_ERROR";
-    case CUDNN_STATUS_EXECUTION_FAILED: return "CUDNN_STATUS_EXECUTION_FAILED";
-    case CUDNN_STATUS_NOT_SUPPORTED: return "CUDNN_STATUS_NOT_SUPPORTED";
+    case CUDNN_STATUS_SUCCESS:
+      return "CUDNN_STATUS_SUCCESS";
+    case CUDNN_STATUS_NOT_INITIALIZED:
+      return "CUDNN_STATUS_NOT_INITIALIZED";
+    case CUDNN_STATUS_ALLOC_FAILED:
+      return "CUDNN_STATUS_ALLOC_FAILED";
+    case CUDNN_STATUS_BAD_PARAM:
+      return "CUDNN_STATUS_BAD_PARAM";
+    case CUDNN_STATUS_INTERNAL_ERROR:
+      return "CUDNN_STATUS_INTERNAL_ERROR";
+    case CUDNN_STATUS_INVALID_VALUE:
+      return "CUDNN_STATUS_INVALID_VALUE";
+    case CUDNN_STATUS_ARCH_MISMATCH:
+      return "CUDNN_STATUS_ARCH_MISMATCH";
+    case CUDNN_STATUS_MAPPING_ERROR:
+      return "CUDNN_STATUS_MAPPING_ERROR";
+    case CUDNN_STATUS_EXECUTION_FAILED:
+      return "CUDNN_STATUS_EXECUTION_FAILED";
+    case CUDNN_STATUS_NOT_SUPPORTED:
+      return "CUDNN_STATUS_NOT_SUPPORTED";
   }
   return "CUDNN_UNKNOWN_STATUS";
 }
@@ -224,26 +234,25 @@ cudnnStatus_t cudnnSetPooling2dDescriptor(cudnnPoolingDescriptor_t descriptor,
                                           cudnnPoolingMode_t mode, cudnnNanPropagation_t nan,
                                           int windowH, int windowW, int padH, int padW, int strideH,
                                           int strideW) {
-  return enter("cudnnSetPooling2dDescriptor",
-               {mode, windowH, windowW, padH, padW, strideH, strideW}, [&] {
-                 if (!allLive(descriptor) || windowH <= 0 || windowW <= 0 || padH < 0 || padW < 0 ||
-                     padH >= windowH || padW >= windowW || strideH <= 0 || strideW <= 0) {
-                   return CUDNN_STATUS_BAD_PARAM;
-                 }
-                 if ((mode != CUDNN_POOLING_MAX &&
-                      mode != CUDNN_POOLING_AVERAGE_COUNT_INCLUDE_PADDING) ||
-                     nan != CUDNN_PROPAGATE_NAN) {
-                   return CUDNN_STATUS_NOT_SUPPORTED;
-                 }
-                 descriptor->mode = mode;
-                 descriptor->windowH = windowH;
-                 descriptor->windowW = windowW;
-                 descriptor->padH = padH;
-                 descriptor->padW = padW;
-                 descriptor->strideH = strideH;
-                 descriptor->strideW = strideW;
-                 return CUDNN_STATUS_SUCCESS;
-               });
+  return enter(
+      "cudnnSetPooling2dDescriptor", {mode, windowH, windowW, padH, padW, strideH, strideW}, [&] {
+        if (!allLive(descriptor) || windowH <= 0 || windowW <= 0 || padH < 0 || padW < 0 ||
+            padH >= windowH || padW >= windowW || strideH <= 0 || strideW <= 0) {
+          return CUDNN_STATUS_BAD_PARAM;
+        }
+        if ((mode != CUDNN_POOLING_MAX && mode != CUDNN_POOLING_AVERAGE_COUNT_INCLUDE_PADDING) ||
+            nan != CUDNN_PROPAGATE_NAN) {
+          return CUDNN_STATUS_NOT_SUPPORTED;
+        }
+        descriptor->mode = mode;
+        descriptor->windowH = windowH;
+        descriptor->windowW = windowW;
+        descriptor->padH = padH;
+        descriptor->padW = padW;
+        descriptor->strideH = strideH;
+        descriptor->strideW = strideW;
+        return CUDNN_STATUS_SUCCESS;
+      });
 }
 
 cudnnStatus_t cudnnCreateLRNDescriptor(cudnnLRNDescriptor_t* descriptor) {

@@ -52,8 +52,8 @@ bool isLive(const HostObject* object);
 
 template <class... T>
 bool allLive(const T*... objects) {
-  return (... && (isLive(objects) && dynamic_cast<const T*>(static_cast<const HostObject*>(
-                                         objects)) != nullptr));
+  return (... && (isLive(objects) &&
+                  dynamic_cast<const T*>(static_cast<const HostObject*>(objects)) != nullptr));
 }
 
 }  // namespace detail

@@ -29,7 +29,7 @@ struct Axis {
 
 struct Maximum {
   static constexpr float identity = -std::numeric_limits<float>::infinity();
-  static float combine(float a, float b) { return (b > a) | (b != b) ? b : a; }  // keeps a NaN
+  static float combine(float a, float b) { return ((b > a) | (b != b)) ? b : a; }  // keeps a NaN
 };
 struct Sum {
   static constexpr float identity = 0.0f;

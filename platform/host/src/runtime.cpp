@@ -58,8 +58,7 @@ bool mayCopy(void* destination, const void* source, std::size_t bytes, cudaMemcp
       kind > cudaMemcpyDeviceToDevice) {
     return false;
   }
-  const bool readable =
-      fromDevice(kind) ? isDevice(source, bytes) : !touchesDevice(source, bytes);
+  const bool readable = fromDevice(kind) ? isDevice(source, bytes) : !touchesDevice(source, bytes);
   if (!readable) return false;
   return toDevice(kind) ? writeDevice(destination, bytes) : !touchesDevice(destination, bytes);
 }
@@ -151,16 +150,26 @@ cudaError_t cudaGetLastError() {
 const char* cudaGetErrorString(cudaError_t status) {
   detail::recordReport("cudaGetErrorString");
   switch (status) {
-    case cudaSuccess: return "no error";
-    case cudaErrorInvalidValue: return "invalid argument";
-    case cudaErrorMemoryAllocation: return "out of memory";
-    case cudaErrorInitializationError: return "initialization error";
-    case cudaErrorInvalidConfiguration: return "invalid configuration argument";
-    case cudaErrorInvalidDeviceFunction: return "invalid device function";
-    case cudaErrorNoDevice: return "no CUDA-capable device is detected";
-    case cudaErrorInvalidDevice: return "invalid device ordinal";
-    case cudaErrorLaunchFailure: return "unspecified launch failure";
-    case cudaErrorUnknown: return "unknown error";
+    case cudaSuccess:
+      return "no error";
+    case cudaErrorInvalidValue:
+      return "invalid argument";
+    case cudaErrorMemoryAllocation:
+      return "out of memory";
+    case cudaErrorInitializationError:
+      return "initialization error";
+    case cudaErrorInvalidConfiguration:
+      return "invalid configuration argument";
+    case cudaErrorInvalidDeviceFunction:
+      return "invalid device function";
+    case cudaErrorNoDevice:
+      return "no CUDA-capable device is detected";
+    case cudaErrorInvalidDevice:
+      return "invalid device ordinal";
+    case cudaErrorLaunchFailure:
+      return "unspecified launch failure";
+    case cudaErrorUnknown:
+      return "unknown error";
   }
   return "unrecognized error code";
 }
@@ -194,8 +203,8 @@ cudaError_t cudaMemcpy(void* destination, const void* source, size_t bytes, cuda
 cudaError_t cudaMemcpy2D(void* destination, size_t destinationPitch, const void* source,
                          size_t sourcePitch, size_t width, size_t height, cudaMemcpyKind kind) {
   return enter(
-      "cudaMemcpy2D",
-      {static_cast<std::int64_t>(width), static_cast<std::int64_t>(height), kind}, [&] {
+      "cudaMemcpy2D", {static_cast<std::int64_t>(width), static_cast<std::int64_t>(height), kind},
+      [&] {
         if (width == 0 || height == 0) return cudaSuccess;
         if (width > destinationPitch || width > sourcePitch) return cudaErrorInvalidValue;
         // Checked row by row: the gaps between rows belong to the copy of neither side.
