@@ -130,7 +130,7 @@ class ToolTest(unittest.TestCase):
     def test_reads_known_weights(self):
         odds = struct.pack("<5f", 0, math.log(3), 0, math.log(2), math.log(5))
         arrays = {**self.zeros, MOUTH: odds[:8], EYE: odds[8:]}.items()
-        Path("known").write_bytes(pack([*arrays, (MOUTH, bytes(8)), ("spare", b"1")]))
+        Path("known").write_bytes(pack([*arrays, (MOUTH, bytes(4)), ("spare", b"1")]))
         self.assertEqual(f"unused  {MOUTH}\nunused  spare\nOK: 19 arrays of {NET}, 2 unused\n",
                          self.call("weights", "check", NET, "known"))
         self.assertRegex(self.call("weights", "show", "known"),

@@ -46,6 +46,9 @@ NewFile::NewFile(const std::string& path) {
   requireName(path);
   std::error_code error;
   // Renaming would put a file in the place of a link or a device, not behind it.
+  if (fs::is_symlink(fs::symlink_status(path, error)) && !fs::exists(path, error)) {
+    throw Failure(path + ": is a link to nothing");
+  }
   path_ = fs::weakly_canonical(path, error).string();
   const fs::file_status status = fs::status(path_, error);
   if (fs::is_directory(status)) throw Failure(path + ": expected a file name, found a directory");
