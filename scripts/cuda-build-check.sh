@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-cmake --preset cuda -DFACEZOO_TESTS=ON -DFACEZOO_TOOL=ON
+cmake --preset cuda -DFACEZOO_TOOL=ON
 cmake --build --preset cuda
 
 exports() { nm -D --defined-only "$1" | awk '{print $3}' | sort; }

@@ -4,15 +4,15 @@
 set -euo pipefail
 
 packages=(
-  "g++:compiler" "cmake:build system" "ninja-build:build system" "pkg-config:finds stb"
+  "g++:compiler" "cmake:build system" "ninja-build:build system"
   "libdnnl-dev:oneDNN, the arithmetic of the CPU build" "ocl-icd-opencl-dev:asked for by oneDNN"
   "libmsgpack-cxx-dev:weight files"
   "libcli11-dev:command line of the tool" "nlohmann-json3-dev:JSON output of the tool"
   "libstb-dev:decodes and resizes images"
 )
 if [ "${1:-}" = --tests ]; then
-  packages+=("libgtest-dev:tests" "git:lists the sources to check" "clang-format:style check" "clang-tidy:static analysis"
-    "python3:tests of the tool")
+  packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
+    "clang-format:style check" "clang-tidy:static analysis")
 fi
 
 missing=()

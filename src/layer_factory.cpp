@@ -11,11 +11,11 @@ LayerBase* createLayer(const LayerSpec& spec, const std::string& prefix,
   const std::string name = prefix + spec.name;
   switch (spec.kind) {
     case LayerKind::meanImage:
-      return new TransformNHWC2NCHW(name, weights, spec.kernel, spec.stride, spec.in);
+      return new TransformNHWC2NCHW(name, weights, spec.width, spec.height, spec.in);
     case LayerKind::fusedConvolution:
-      return new CBA(name, weights, spec.in, spec.out, spec.kernel, spec.stride, spec.flag);
+      return new CBA(name, weights, spec.in, spec.out, spec.kernel, spec.stride, spec.padded);
     case LayerKind::innerProduct:
-      return new InnerProduct(name, weights, spec.in, spec.out, spec.flag);
+      return new InnerProduct(name, weights, spec.in, spec.out, !spec.hasBias);
   }
   return nullptr;
 }

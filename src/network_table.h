@@ -14,20 +14,29 @@ enum class LayerKind { meanImage, fusedConvolution, innerProduct };
 struct LayerSpec {
   LayerKind kind;
   const char* name;
-  int in, out;         ///< channels, or values of an inner product
-  int kernel, stride;  ///< of a convolution; width and height of a mean image
-  bool flag;           ///< convolution: pads by kernel / 2; inner product: has no bias
+  int in, out;  ///< channels, or values of an inner product
+  int kernel = 1, stride = 1;
+  bool padded = false;  ///< by kernel / 2, so that stride 1 keeps the size
+  bool hasBias = false;
+  int width = 0, height = 0;  ///< of a mean image
 };
 
+constexpr bool samePadding = true;
+constexpr bool noPadding = false;
+constexpr bool withBias = true;
+
 constexpr LayerSpec meanImage(int width, int height, int channels) {
-  return {LayerKind::meanImage, "inMean", channels, channels, width, height, false};
+  LayerSpec spec = {LayerKind::meanImage, "inMean", channels, channels};
+  spec.width = width;
+  spec.height = height;
+  return spec;
 }
 constexpr LayerSpec fusedConvolution(const char* name, int in, int out, int kernel, int stride,
                                      bool padded) {
-  return {LayerKind::fusedConvolution, name, in, out, kernel, stride, padded};
+  return {LayerKind::fusedConvolution, name, in, out, kernel, stride, padded, withBias};
 }
-constexpr LayerSpec innerProduct(const char* name, int in, int out, bool noBias) {
-  return {LayerKind::innerProduct, name, in, out, 1, 1, noBias};
+constexpr LayerSpec innerProduct(const char* name, int in, int out, bool hasBias) {
+  return {LayerKind::innerProduct, name, in, out, 1, 1, noPadding, hasBias};
 }
 
 enum class WeightRole { mean, filter, bias };
@@ -35,22 +44,13 @@ enum class WeightRole { mean, filter, bias };
 /// Calls visit(suffix, elements, role) for every array that `layer` reads, in order.
 template <class Visit>
 void forEachWeight(const LayerSpec& layer, Visit&& visit) {
-  const std::size_t in = layer.in;
-  const std::size_t out = layer.out;
-  const std::size_t taps = static_cast<std::size_t>(layer.kernel) * layer.kernel;
-  switch (layer.kind) {
-    case LayerKind::meanImage:
-      visit("-0", in * layer.kernel * layer.stride, WeightRole::mean);
-      break;
-    case LayerKind::fusedConvolution:
-      visit("-0", out * in * taps, WeightRole::filter);
-      visit("-1", out, WeightRole::bias);
-      break;
-    case LayerKind::innerProduct:
-      visit("-0", out * in, WeightRole::filter);
-      if (!layer.flag) visit("-1", out, WeightRole::bias);
-      break;
+  if (layer.kind == LayerKind::meanImage) {
+    visit("-0", std::size_t{1} * layer.width * layer.height * layer.in, WeightRole::mean);
+    return;
   }
+  visit("-0", std::size_t{1} * layer.out * layer.in * layer.kernel * layer.kernel,
+        WeightRole::filter);
+  if (layer.hasBias) visit("-1", static_cast<std::size_t>(layer.out), WeightRole::bias);
 }
 
 /// Consecutive values of a network's result for one image.
@@ -80,10 +80,6 @@ struct NetworkSpec {
   View<LayerSpec> layers;
   View<OutputGroup> outputs;
 };
-
-constexpr bool samePadding = true;
-constexpr bool noPadding = false;
-constexpr bool withBias = false;
 
 constexpr LayerSpec dexpressionLayers[] = {
     meanImage(224, 224, 1),

@@ -20,7 +20,7 @@ test "$(wc -l <"$dir/application.cpp")" -ge 10
 cmake --install "$build_dir" --prefix "$dir/first" >/dev/null
 mv "$dir/first" "$dir/prefix"
 for standard in 14 17; do
-  cmake -S "$dir" -B "$dir/build$standard" -DCMAKE_PREFIX_PATH="$dir/prefix" \
+  cmake -G Ninja -S "$dir" -B "$dir/build$standard" -DCMAKE_PREFIX_PATH="$dir/prefix" \
     -DCMAKE_CXX_STANDARD=$standard -DCMAKE_CXX_FLAGS='-Wall -Wextra' >/dev/null
   cmake --build "$dir/build$standard" >/dev/null
 done
