@@ -20,6 +20,9 @@ TEST_F(PlatformTest, CopiesMustFitTheirPointers) {
   char* second = nullptr;
   ASSERT_EQ(cudaSuccess, cudaMalloc(&device, kBytes));
   ASSERT_EQ(cudaSuccess, cudaMalloc(&second, kBytes));
+  constexpr auto up = cudaMemcpyHostToDevice, down = cudaMemcpyDeviceToHost;
+  constexpr auto across = cudaMemcpyDeviceToDevice, none = static_cast<cudaMemcpyKind>(4);
+  constexpr auto ok = cudaSuccess, bad = cudaErrorInvalidValue;
   const struct {
     const char* what;
     void* to;
@@ -28,45 +31,40 @@ TEST_F(PlatformTest, CopiesMustFitTheirPointers) {
     cudaMemcpyKind kind;
     cudaError_t status;
   } cases[] = {
-      {"up", device, host, kBytes, cudaMemcpyHostToDevice, cudaSuccess},
-      {"up, inside", device + 60, host, 4, cudaMemcpyHostToDevice, cudaSuccess},
-      {"up, past the end", device + 60, host, 5, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-      {"up, before the start", device - 1, host, 2, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-      {"up from device", device, second, 4, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-      {"up to host", host, other, 4, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-      {"down", host, device, kBytes, cudaMemcpyDeviceToHost, cudaSuccess},
-      {"down, too much", host, device, kBytes + 1, cudaMemcpyDeviceToHost, cudaErrorInvalidValue},
-      {"down to device", second, device, 4, cudaMemcpyDeviceToHost, cudaErrorInvalidValue},
-      {"across", second, device, kBytes, cudaMemcpyDeviceToDevice, cudaSuccess},
-      {"across from host", second, host, 4, cudaMemcpyDeviceToDevice, cudaErrorInvalidValue},
-      {"host to host", host, other, kBytes, cudaMemcpyHostToHost, cudaSuccess},
-      {"a kind that is none", device, host, 4, static_cast<cudaMemcpyKind>(4),
-       cudaErrorInvalidValue},
-      {"to null", nullptr, host, 4, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-      {"from null", device, nullptr, 4, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-      {"wrapped size", device, second, std::size_t(-4), cudaMemcpyDeviceToDevice,
-       cudaErrorInvalidValue},
-      {"nothing", nullptr, nullptr, 0, cudaMemcpyDeviceToDevice, cudaSuccess},
+      {"up", device, host, kBytes, up, ok},
+      {"up, inside", device + 60, host, 4, up, ok},
+      {"up, past the end", device + 60, host, 5, up, bad},
+      {"up, before the start", device - 1, host, 2, up, bad},
+      {"up from device", device, second, 4, up, bad},
+      {"up to host", host, other, 4, up, bad},
+      {"down", host, device, kBytes, down, ok},
+      {"down, too much", host, device, kBytes + 1, down, bad},
+      {"down to device", second, device, 4, down, bad},
+      {"across", second, device, kBytes, across, ok},
+      {"across from host", second, host, 4, across, bad},
+      {"host to host", host, other, kBytes, cudaMemcpyHostToHost, ok},
+      {"a kind that is none", device, host, 4, none, bad},
+      {"to null", nullptr, host, 4, up, bad},
+      {"from null", device, nullptr, 4, up, bad},
+      {"wrapped size", device, second, std::size_t(-4), across, bad},
+      {"nothing", nullptr, nullptr, 0, across, ok},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(c.status, cudaMemcpy(c.to, c.from, c.bytes, c.kind)) << c.what;
     EXPECT_EQ(c.status, cudaGetLastError()) << c.what;
   }
-  EXPECT_EQ(cudaErrorInvalidValue, cudaMemset(device, 0, kBytes + 1));
-  EXPECT_EQ(cudaErrorInvalidValue, cudaMemset(host, 0, 1));
-  EXPECT_EQ(cudaErrorInvalidValue, cudaMemcpy2D(second, 4, device, 8, 5, 2,
-                                                cudaMemcpyDeviceToDevice));  // wider than a pitch
-  EXPECT_EQ(cudaErrorInvalidValue, cudaMemcpy2D(second, 32, device, 4, 4, 3,
-                                                cudaMemcpyDeviceToDevice));  // third row outside
-  EXPECT_EQ(cudaSuccess, cudaMemcpy2D(second, 60, device, 4, 4, 2, cudaMemcpyDeviceToDevice));
-
-  EXPECT_EQ(cudaErrorInvalidValue, cudaFree(device + 4));
-  EXPECT_EQ(cudaErrorInvalidValue, cudaFree(host));
-  EXPECT_EQ(cudaSuccess, cudaFree(nullptr));
-  EXPECT_EQ(cudaSuccess, cudaFree(device));
-  EXPECT_EQ(cudaErrorInvalidValue, cudaFree(device));
-  EXPECT_EQ(cudaErrorInvalidValue, cudaMemcpy(host, device, 4, cudaMemcpyDeviceToHost));
-  EXPECT_EQ(cudaSuccess, cudaFree(second));
+  EXPECT_EQ(bad, cudaMemset(device, 0, kBytes + 1));
+  EXPECT_EQ(bad, cudaMemset(host, 0, 1));
+  EXPECT_EQ(bad, cudaMemcpy2D(second, 4, device, 8, 5, 2, across));   // wider than a pitch
+  EXPECT_EQ(bad, cudaMemcpy2D(second, 32, device, 4, 4, 3, across));  // third row outside
+  EXPECT_EQ(ok, cudaMemcpy2D(second, 60, device, 4, 4, 2, across));
+  EXPECT_EQ(bad, cudaFree(device + 4));
+  EXPECT_EQ(bad, cudaFree(host));
+  EXPECT_EQ(ok, cudaFree(nullptr));
+  EXPECT_EQ(ok, cudaFree(device));
+  EXPECT_EQ(bad, cudaFree(device));
+  EXPECT_EQ(bad, cudaMemcpy(host, device, 4, down));
+  EXPECT_EQ(ok, cudaFree(second));
 }
 
 TEST_F(PlatformTest, ADeviceHasTheMemoryItSays) {
@@ -107,6 +105,11 @@ struct TinyConvolution {
   }
   ~TinyConvolution() { cudnnDestroy(handle); }
 
+  void setBatch(int n) {
+    describe(input, {n, 1, 1, 1});
+    describe(output, {n, 1, 1, 1});
+  }
+
   cudnnStatus_t run() {
     const cudnnStatus_t status = cudnnGetConvolutionForwardAlgorithm(
         handle, input, filterShape, convolution, output,
@@ -132,46 +135,31 @@ struct TinyConvolution {
 
 TEST_F(PlatformTest, ConvolutionRefusesWhatItCannotDo) {
   const float onHost = 1.0F;
+  using C = TinyConvolution&;
+  constexpr auto ok = CUDNN_STATUS_SUCCESS, bad = CUDNN_STATUS_BAD_PARAM;
   const struct {
     const char* what;
-    std::function<void(TinyConvolution&)> spoil;
+    std::function<void(C)> spoil;
     cudnnStatus_t status;
   } cases[] = {
-      {"as it is", [](TinyConvolution&) {}, CUDNN_STATUS_SUCCESS},
-      {"no handle",
-       [](TinyConvolution& c) {
-         cudnnDestroy(c.handle);
-         c.handle = nullptr;
-       },
-       CUDNN_STATUS_BAD_PARAM},
-      {"destroyed filter", [](TinyConvolution& c) { c.filterShape = FilterDescriptor(); },
-       CUDNN_STATUS_BAD_PARAM},
-      {"unset convolution",
-       [](TinyConvolution& c) {
-         c.convolution.destroy();
-         c.convolution.create();
-       },
-       CUDNN_STATUS_BAD_PARAM},
+      {"as it is", [](C) {}, ok},
+      {"no workspace", [](C c) { c.workspaceBytes = 0; }, ok},
+      {"no handle", [](C c) { cudnnDestroy(std::exchange(c.handle, nullptr)); }, bad},
+      {"destroyed filter", [](C c) { c.filterShape = FilterDescriptor(); }, bad},
+      {"unset convolution", [](C c) { (c.convolution = ConvolutionDescriptor()).create(); }, bad},
       {"channels that differ",
-       [](TinyConvolution& c) {
+       [](C c) {
          describe(c.input, {1, 2, 1, 1});
        },
-       CUDNN_STATUS_BAD_PARAM},
+       bad},
       {"an output that differs",
-       [](TinyConvolution& c) {
+       [](C c) {
          describe(c.output, {1, 1, 2, 1});
        },
-       CUDNN_STATUS_BAD_PARAM},
-      {"input in host memory", [&](TinyConvolution& c) { c.xData = &onHost; },
-       CUDNN_STATUS_BAD_PARAM},
-      {"input larger than its memory",
-       [](TinyConvolution& c) {
-         describe(c.input, {2, 1, 1, 1});
-         describe(c.output, {2, 1, 1, 1});
-       },
-       CUDNN_STATUS_BAD_PARAM},
-      {"another blending", [](TinyConvolution& c) { c.alpha1 = 2.0F; }, CUDNN_STATUS_NOT_SUPPORTED},
-      {"no workspace", [](TinyConvolution& c) { c.workspaceBytes = 0; }, CUDNN_STATUS_SUCCESS},
+       bad},
+      {"input in host memory", [&](C c) { c.xData = &onHost; }, bad},
+      {"a batch larger than its memory", [](C c) { c.setBatch(2); }, bad},
+      {"another blending", [](C c) { c.alpha1 = 2.0F; }, CUDNN_STATUS_NOT_SUPPORTED},
   };
   for (const auto& c : cases) {
     TinyConvolution tiny;

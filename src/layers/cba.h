@@ -5,9 +5,9 @@
 
 #include <string>
 
-/// Convolution, bias and rectified linear unit in one cuDNN call:
-/// y[n, o, i, j] = max(0, b[o] + sum over c, u, v of W[o, c, u, v] · x[n, c, i·s - p + u, j·s - p +
-/// v]) with x zero outside the input.
+/// Convolution, bias and rectified linear unit in one cuDNN call: y[n, o, i, j] = max(0, z), where
+/// z = b[o] + sum over c, u, v of W[o, c, u, v] · x[n, c, i·s - p + u, j·s - p + v], and x is zero
+/// outside the input.
 ///
 /// (N, C, H, W) -> (N, K, floor((H + 2p - k) / s) + 1, floor((W + 2p - k) / s) + 1).
 class CBA : public facezoo::Convolution {
