@@ -12,7 +12,7 @@ packages=(
 )
 if [ "${1:-}" = --tests ]; then
   packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
-    "clang-format:style check" "clang-tidy:static analysis")
+    "clang-format:style check" "clang-tidy:static analysis" "libomp-dev:omp.h for clang-tidy")
 fi
 
 missing=()

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 
 namespace facezoo::test {
 namespace {
@@ -126,78 +125,79 @@ TEST_F(WeightFileTest, AFileCutAnywhereIsInsufficient) {
   }
 }
 
-TEST_F(WeightFileTest, EveryArrayIsNeededAtItsLength) {
-  using Packer = Document::Packer;
-  const auto packFloats = [](Packer& packer, std::size_t bytes) {
-    packer.pack_str(static_cast<std::uint32_t>(bytes));
-    packer.pack_str_body(std::string(bytes, '\0').data(), static_cast<std::uint32_t>(bytes));
-  };
-  /// The whole document with the entry `name` replaced by what `change` adds.
-  const auto changed = [](const std::string& name, const std::function<void(Document&)>& change) {
-    Document document;
-    for (const LayerSpec& layer : dexpressionNet.layers) {
-      forEachWeight(layer, [&](const char* suffix, std::size_t elements, WeightRole) {
-        const std::string full = std::string(layer.name) + suffix;
-        if (full == name) {
-          change(document);
-        } else {
-          document.add(full, std::vector<float>(elements, 0.0F));
-        }
-      });
+/// One entry of a map: a value of `bytes` zeros, of the string or binary family, or a number; or a
+/// number for a key.
+struct Entry {
+  std::string key;
+  enum Kind { string, binary, number, numberKey } kind;
+  std::uint32_t bytes;
+};
+
+void add(Document& document, const Entry& entry) {
+  const std::string zeros(entry.bytes, '\0');
+  document.entry([&](Document::Packer& packer) {
+    if (entry.kind == Entry::numberKey) {
+      packer.pack(1);
+    } else {
+      packer.pack(entry.key);
     }
-    return document.bytes();
-  };
-  const auto raw = [](const std::string& name, const std::function<void(Packer&)>& pack) {
-    return [=](Document& d) { d.raw(name, pack); };
-  };
+    switch (entry.kind) {
+      case Entry::string:
+        packer.pack_str(entry.bytes).pack_str_body(zeros.data(), entry.bytes);
+        break;
+      case Entry::binary:
+        packer.pack_bin(entry.bytes).pack_bin_body(zeros.data(), entry.bytes);
+        break;
+      default:
+        packer.pack(5);
+    }
+  });
+}
+
+/// A good document but for the array `name`, which gives way to `entries`.
+std::string changedDocument(const std::string& name, const std::vector<Entry>& entries) {
+  Document document;
+  for (const LayerSpec& layer : dexpressionNet.layers) {
+    forEachWeight(layer, [&](const char* suffix, std::size_t elements, WeightRole) {
+      const std::string full = std::string(layer.name) + suffix;
+      if (full != name)
+        add(document, {full, Entry::string, static_cast<std::uint32_t>(elements * 4)});
+    });
+  }
+  for (const Entry& entry : entries) add(document, entry);
+  return document.bytes();
+}
+
+TEST_F(WeightFileTest, EveryArrayIsNeededAtItsLength) {
   const std::string bias = "conv2b-1";  // 208 floats
+  const std::string absent = bias + " not found.\n";
+  const auto found = [&](const char* bytes) {
+    return "weight size mismatch. " + bias + " " + bytes + " 832\n";
+  };
+  constexpr auto bad = Answer::badWeights, ok = Answer::loads;
   const struct {
     const char* what;
-    std::function<void(Document&)> change;
+    std::vector<Entry> entries;
     Answer answer;
     std::string printed;
   } cases[] = {
-      {"absent", [](Document&) {}, Answer::badWeights, "conv2b-1 not found.\n"},
-      {"another case", raw("Conv2b-1", [&](Packer& p) { packFloats(p, 832); }), Answer::badWeights,
-       "conv2b-1 not found.\n"},
-      {"a space behind", raw("conv2b-1 ", [&](Packer& p) { packFloats(p, 832); }),
-       Answer::badWeights, "conv2b-1 not found.\n"},
-      {"one byte short", raw(bias, [&](Packer& p) { packFloats(p, 831); }), Answer::badWeights,
-       "weight size mismatch. conv2b-1 831 832\n"},
-      {"one byte long", raw(bias, [&](Packer& p) { packFloats(p, 833); }), Answer::badWeights,
-       "weight size mismatch. conv2b-1 833 832\n"},
-      {"binary of the right length",
-       raw(bias,
-           [](Packer& p) {
-             p.pack_bin(832);
-             p.pack_bin_body(std::string(832, '\0').data(), 832);
-           }),
-       Answer::badWeights, "weight size mismatch. conv2b-1 832 832\n"},
-      {"a number", raw(bias, [](Packer& p) { p.pack(5); }), Answer::badWeights,
-       "weight size mismatch. conv2b-1 0 832\n"},
-      {"twice, the first one good",
-       [&](Document& d) {
-         d.raw(bias, [&](Packer& p) { packFloats(p, 832); });
-         d.raw(bias, [&](Packer& p) { packFloats(p, 4); });
-       },
-       Answer::loads, ""},
-      {"twice, the first one bad",
-       [&](Document& d) {
-         d.raw(bias, [&](Packer& p) { packFloats(p, 4); });
-         d.raw(bias, [&](Packer& p) { packFloats(p, 832); });
-       },
-       Answer::badWeights, "weight size mismatch. conv2b-1 4 832\n"},
-      {"beside keys that are no strings",
-       [&](Document& d) {
-         d.entry([](Packer& p) { p.pack(1).pack(2); });
-         d.raw(bias, [&](Packer& p) { packFloats(p, 832); });
-       },
-       Answer::loads, ""},
+      {"absent", {}, bad, absent},
+      {"another case", {{"Conv2b-1", Entry::string, 832}}, bad, absent},
+      {"a space behind", {{"conv2b-1 ", Entry::string, 832}}, bad, absent},
+      {"one byte short", {{bias, Entry::string, 831}}, bad, found("831")},
+      {"one byte long", {{bias, Entry::string, 833}}, bad, found("833")},
+      {"binary of the right length", {{bias, Entry::binary, 832}}, bad, found("832")},
+      {"a number", {{bias, Entry::number, 0}}, bad, found("0")},
+      {"twice, good", {{bias, Entry::string, 832}, {bias, Entry::string, 4}}, ok, ""},
+      {"twice, bad", {{bias, Entry::string, 4}, {bias, Entry::string, 832}}, bad, found("4")},
+      {"a key that is a number", {{"", Entry::numberKey, 0}, {bias, Entry::string, 832}}, ok, ""},
   };
-  for (const auto& c : cases) expect(c.what, changed(bias, c.change), c.answer, c.printed);
+  for (const auto& c : cases) {
+    expect(c.what, changedDocument(bias, c.entries), c.answer, c.printed);
+  }
   // The last head goes missing after nine layers were built; DeviceTest sees what they leave.
-  expect("no eye head", changed("loss3/classifier_acce_eye-0", [](Document&) {}),
-         Answer::badWeights, "loss3/classifier_acce_eye-0 not found.\n");
+  expect("no eye head", changedDocument("loss3/classifier_acce_eye-0", {}), bad,
+         "loss3/classifier_acce_eye-0 not found.\n");
 }
 
 }  // namespace
