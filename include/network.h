@@ -7,7 +7,7 @@
 #include <string>
 
 namespace facezoo {
-struct NetworkSpec;
+struct NetworkTable;
 }
 
 /// A trained network: constructed from a weight file, called with batches of 8-bit images.
@@ -51,10 +51,10 @@ class FACEZOO_EXPORT Network : public LayerBase {
   void openMsgPack(const char* path, msgpack::v1::unpacked& out);
 
  protected:
-  /// The common end of every network's constructor: sets the geometry, creates the layers of `spec`
-  /// in order into `layers`, sizes the pool for `maxBatch` images.
+  /// The common end of every network's constructor: sets the geometry, creates the layers of
+  /// `table` in order into `layers`, sizes the pool for `maxBatch` images.
   /// @throws NetworkError 1, TensorError 0 if no pool block can be that large, and the statuses
-  FACEZOO_NO_EXPORT void build(const facezoo::NetworkSpec& spec, int maxBatch,
+  FACEZOO_NO_EXPORT void build(const facezoo::NetworkTable& table, int maxBatch,
                                const std::string& prefix, Layer* layers);
 
   /// The start of every network's `Forward`: a tensor for `batch` images, of shape (N, H, W, C).

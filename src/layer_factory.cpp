@@ -6,16 +6,16 @@
 
 namespace facezoo {
 
-LayerBase* createLayer(const LayerSpec& spec, const std::string& prefix,
+LayerBase* createLayer(const LayerRow& row, const std::string& prefix,
                        msgpack::v1::object& weights) {
-  const std::string name = prefix + spec.name;
-  switch (spec.kind) {
+  const std::string name = prefix + row.name;
+  switch (row.kind) {
     case LayerKind::meanImage:
-      return new TransformNHWC2NCHW(name, weights, spec.width, spec.height, spec.in);
+      return new TransformNHWC2NCHW(name, weights, row.width, row.height, row.in);
     case LayerKind::fusedConvolution:
-      return new CBA(name, weights, spec.in, spec.out, spec.kernel, spec.stride, spec.padded);
+      return new CBA(name, weights, row.in, row.out, row.kernel, row.stride, row.padded);
     case LayerKind::innerProduct:
-      return new InnerProduct(name, weights, spec.in, spec.out, !spec.hasBias);
+      return new InnerProduct(name, weights, row.in, row.out, !row.hasBias);
   }
   return nullptr;
 }

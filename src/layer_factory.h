@@ -9,10 +9,10 @@
 
 namespace facezoo {
 
-/// Creates the layer that `spec` describes, its weights read under `prefix` + its name. The caller
+/// Creates the layer that `row` describes, its weights read under `prefix` + its name. The caller
 /// owns the result.
 /// @throws what the layer's constructor throws
-LayerBase* createLayer(const LayerSpec& spec, const std::string& prefix,
+LayerBase* createLayer(const LayerRow& row, const std::string& prefix,
                        msgpack::v1::object& weights);
 
 }  // namespace facezoo

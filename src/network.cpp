@@ -83,17 +83,17 @@ void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
   msgpack::unpack(out, bytes.data(), bytes.size(), offset, referenced);
 }
 
-void Network::build(const facezoo::NetworkSpec& spec, int maxBatch, const std::string& prefix,
+void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std::string& prefix,
                     Layer* layers) {
-  channels = spec.channels;
-  width = spec.width;
-  height = spec.height;
-  perImageBytes = spec.perImageBytes;
-  bufferCount = spec.bufferCount;
-  outputDim = spec.outputDim;
+  channels = table.channels;
+  width = table.width;
+  height = table.height;
+  perImageBytes = table.perImageBytes;
+  bufferCount = table.bufferCount;
+  outputDim = table.outputDim;
   const std::int64_t blockBytes = std::int64_t{maxBatch} * perImageBytes;
   if (blockBytes > std::numeric_limits<int>::max()) throw NO_BLOCK;
-  for (const facezoo::LayerSpec& layer : spec.layers) {
+  for (const facezoo::LayerRow& layer : table.layers) {
     *layers++ = facezoo::createLayer(layer, prefix, weights);
   }
   preparePool(static_cast<int>(blockBytes), bufferCount);

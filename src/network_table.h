@@ -11,7 +11,7 @@ namespace facezoo {
 enum class LayerKind { meanImage, fusedConvolution, innerProduct };
 
 /// One weighted layer. Its arrays are named prefix + `name` + suffix.
-struct LayerSpec {
+struct LayerRow {
   LayerKind kind;
   const char* name;
   int in, out;  ///< channels, or values of an inner product
@@ -25,17 +25,17 @@ constexpr bool samePadding = true;
 constexpr bool noPadding = false;
 constexpr bool withBias = true;
 
-constexpr LayerSpec meanImage(int width, int height, int channels) {
-  LayerSpec spec = {LayerKind::meanImage, "inMean", channels, channels};
-  spec.width = width;
-  spec.height = height;
-  return spec;
+constexpr LayerRow meanImage(int width, int height, int channels) {
+  LayerRow row = {LayerKind::meanImage, "inMean", channels, channels};
+  row.width = width;
+  row.height = height;
+  return row;
 }
-constexpr LayerSpec fusedConvolution(const char* name, int in, int out, int kernel, int stride,
-                                     bool padded) {
+constexpr LayerRow fusedConvolution(const char* name, int in, int out, int kernel, int stride,
+                                    bool padded) {
   return {LayerKind::fusedConvolution, name, in, out, kernel, stride, padded, withBias};
 }
-constexpr LayerSpec innerProduct(const char* name, int in, int out, bool hasBias) {
+constexpr LayerRow innerProduct(const char* name, int in, int out, bool hasBias) {
   return {LayerKind::innerProduct, name, in, out, 1, 1, noPadding, hasBias};
 }
 
@@ -43,7 +43,7 @@ enum class WeightRole { mean, filter, bias };
 
 /// Calls visit(suffix, elements, role) for every array that `layer` reads, in order.
 template <class Visit>
-void forEachWeight(const LayerSpec& layer, Visit&& visit) {
+void forEachWeight(const LayerRow& layer, Visit&& visit) {
   if (layer.kind == LayerKind::meanImage) {
     visit("-0", std::size_t{1} * layer.width * layer.height * layer.in, WeightRole::mean);
     return;
@@ -71,17 +71,17 @@ constexpr View<T> view(const T (&rows)[N]) {
   return {rows, N};
 }
 
-struct NetworkSpec {
+struct NetworkTable {
   const char* name;
   int channels, width, height;
   int perImageBytes;  ///< the largest activation of one image
   int bufferCount;    ///< pool blocks that `Forward` takes at once
   int outputDim;
-  View<LayerSpec> layers;
+  View<LayerRow> layers;
   View<OutputGroup> outputs;
 };
 
-constexpr LayerSpec dexpressionLayers[] = {
+constexpr LayerRow dexpressionLayers[] = {
     meanImage(224, 224, 1),
     fusedConvolution("conv1", 1, 64, 7, 2, samePadding),
     fusedConvolution("conv2a", 64, 96, 1, 1, noPadding),
@@ -94,8 +94,8 @@ constexpr LayerSpec dexpressionLayers[] = {
     innerProduct("loss3/classifier_acce_eye", 272 * 14 * 14, 3, withBias),
 };
 constexpr OutputGroup dexpressionOutputs[] = {{"mouth", 2}, {"eye", 3}};
-constexpr NetworkSpec dexpressionNet = {"DexpressionNet",        1, 224, 224,
-                                        272 * 56 * 56 * 4,       4, 5,   view(dexpressionLayers),
-                                        view(dexpressionOutputs)};
+constexpr NetworkTable dexpressionNet = {"DexpressionNet",        1, 224, 224,
+                                         272 * 56 * 56 * 4,       4, 5,   view(dexpressionLayers),
+                                         view(dexpressionOutputs)};
 
 }  // namespace facezoo

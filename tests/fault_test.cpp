@@ -19,9 +19,9 @@ namespace {
 using host_device::Fault;
 using host_device::Live;
 
-/// What one phase of a network's life threw; `library` is empty if nothing.
+/// What one phase of a network's life threw; `source` is the library, empty if nothing.
 struct Thrown {
-  std::string library;
+  std::string source;
   int value = 0;
 };
 
@@ -107,7 +107,7 @@ class FaultSweep : public DeviceTest {
   static void expectReported(const std::string& call, const Thrown& thrown,
                              const std::string& line) {
     const std::string library = libraryOf(call);
-    EXPECT_EQ(library, thrown.library);
+    EXPECT_EQ(library, thrown.source);
     EXPECT_EQ(library == "cuda"    ? int{kCuda}
               : library == "cudnn" ? int{kCudnn}
                                    : int{kCublas},
@@ -163,7 +163,7 @@ class FaultSweep : public DeviceTest {
     std::vector<Thrown> thrown;
     const auto phase = [&](const auto& action) {
       const Thrown result = attempt(action);
-      if (!result.library.empty()) thrown.push_back(result);
+      if (!result.source.empty()) thrown.push_back(result);
     };
     phase([&] { construct(); });
     if (net_) {
@@ -250,7 +250,7 @@ void createClassWideThroughFailures(std::size_t descriptors, const Run& run) {
     Fault fault;
     fault.at = i == 0 ? 1 : 2;
     host_device::setFault(fault);
-    const bool failed = !attempt([&] { run(layer, in); }).library.empty();
+    const bool failed = !attempt([&] { run(layer, in); }).source.empty();
     host_device::clearFault();
     if (!failed) std::exit(1);
   }

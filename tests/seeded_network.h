@@ -13,10 +13,10 @@
 
 namespace facezoo::test {
 
-inline Document seededDocument(const NetworkSpec& spec, const std::string& prefix = "") {
+inline Document seededDocument(const NetworkTable& table, const std::string& prefix = "") {
   Document document;
   unsigned seed = 1;
-  for (const LayerSpec& layer : spec.layers) {
+  for (const LayerRow& layer : table.layers) {
     forEachWeight(layer, [&](const char* suffix, std::size_t elements, WeightRole role) {
       // Keeps activations at their scale, and the last products where softmax can tell them apart.
       const double gain = layer.kind == LayerKind::innerProduct ? 0.01 : 1;
@@ -28,16 +28,17 @@ inline Document seededDocument(const NetworkSpec& spec, const std::string& prefi
   return document;
 }
 
-/// The weight file of `spec`, written once for the process.
-inline const std::string& seededFile(const NetworkSpec& spec) {
+/// The weight file of `table`, written once for the process.
+inline const std::string& seededFile(const NetworkTable& table) {
   static const TemporaryFile file;
-  static const bool written = (seededDocument(spec).save(file.path), true);
+  static const bool written = (seededDocument(table).save(file.path), true);
   (void)written;
   return file.path;
 }
 
-inline std::vector<std::uint8_t> seededImages(const NetworkSpec& spec, int batch) {
-  return seededBytes(static_cast<std::size_t>(batch) * spec.channels * spec.width * spec.height, 7);
+inline std::vector<std::uint8_t> seededImages(const NetworkTable& table, int batch) {
+  return seededBytes(static_cast<std::size_t>(batch) * table.channels * table.width * table.height,
+                     7);
 }
 
 /// Reaches what hosts cannot.

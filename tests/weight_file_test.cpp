@@ -157,7 +157,7 @@ void add(Document& document, const Entry& entry) {
 /// A good document but for the array `name`, which gives way to `entries`.
 std::string changedDocument(const std::string& name, const std::vector<Entry>& entries) {
   Document document;
-  for (const LayerSpec& layer : dexpressionNet.layers) {
+  for (const LayerRow& layer : dexpressionNet.layers) {
     forEachWeight(layer, [&](const char* suffix, std::size_t elements, WeightRole) {
       const std::string full = std::string(layer.name) + suffix;
       if (full != name)

@@ -53,10 +53,10 @@ void info() {
   std::printf("cuBLAS       %s\n", blasVersion().c_str());
   std::printf("required     compute capability %d.0, %zu MiB\n", kRequiredMajor, kRequiredMiB);
   for (const KnownNetwork& known : knownNetworks()) {
-    const facezoo::NetworkSpec& spec = *known.spec;
-    std::printf("network      %s, %d channel(s) of %d x %d pixels, results", spec.name,
-                spec.channels, spec.width, spec.height);
-    for (const facezoo::OutputGroup& group : spec.outputs)
+    const facezoo::NetworkTable& table = *known.table;
+    std::printf("network      %s, %d channel(s) of %d x %d pixels, results", table.name,
+                table.channels, table.width, table.height);
+    for (const facezoo::OutputGroup& group : table.outputs)
       std::printf(" %s (%d)", group.name, group.count);
     std::printf("\n");
   }

@@ -24,12 +24,12 @@ const std::vector<KnownNetwork>& knownNetworks() {
 
 const KnownNetwork& findNetwork(const std::string& name) {
   return *std::find_if(knownNetworks().begin(), knownNetworks().end(),
-                       [&](const KnownNetwork& known) { return name == known.spec->name; });
+                       [&](const KnownNetwork& known) { return name == known.table->name; });
 }
 
 void addNetworkArgument(CLI::App& command, std::string& name) {
   std::vector<std::string> names;
-  for (const KnownNetwork& known : knownNetworks()) names.emplace_back(known.spec->name);
+  for (const KnownNetwork& known : knownNetworks()) names.emplace_back(known.table->name);
   command.add_option("NET", name, "Network, by class name")
       ->required()
       ->check(CLI::IsMember(names));

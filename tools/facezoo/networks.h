@@ -12,7 +12,7 @@
 #include <vector>
 
 struct KnownNetwork {
-  const facezoo::NetworkSpec* spec;
+  const facezoo::NetworkTable* table;
   /// Constructs the network, lends it to `use` and destroys it. A network's destructor may throw,
   /// which no smart pointer would survive.
   void (*with)(const std::string& weightFile, int maxBatch, const std::string& prefix,
@@ -29,8 +29,8 @@ void addPrefixOption(CLI::App& command, std::string& prefix);
 
 /// Calls visit(name, elements, layer, role) for every array of the network, in order.
 template <class Visit>
-void forEachArray(const facezoo::NetworkSpec& network, const std::string& prefix, Visit&& visit) {
-  for (const facezoo::LayerSpec& layer : network.layers) {
+void forEachArray(const facezoo::NetworkTable& network, const std::string& prefix, Visit&& visit) {
+  for (const facezoo::LayerRow& layer : network.layers) {
     facezoo::forEachWeight(layer, [&](const char* suffix, std::size_t elements, auto role) {
       visit(prefix + layer.name + suffix, elements, layer, role);
     });

@@ -16,7 +16,7 @@
 
 namespace {
 
-using facezoo::NetworkSpec;
+using facezoo::NetworkTable;
 using facezoo::OutputGroup;
 
 struct Options {
@@ -28,7 +28,7 @@ struct Options {
 /// Prints results, one line for each image.
 class Report {
  public:
-  Report(const Options& options, const NetworkSpec& network)
+  Report(const Options& options, const NetworkTable& network)
       : format_(options.format), network_(network) {
     for (const std::string& image : options.images) width_ = std::max(width_, columns(image));
   }
@@ -83,7 +83,7 @@ class Report {
   }
 
   const std::string& format_;
-  const NetworkSpec& network_;
+  const NetworkTable& network_;
   std::size_t width_ = columns("image");
 };
 
@@ -107,7 +107,7 @@ class QuietLibrary {
 };
 
 /// Finds what the constructor would, but all of it and without a device.
-void requireWeights(const Options& options, const NetworkSpec& network) {
+void requireWeights(const Options& options, const NetworkTable& network) {
   const WeightFindings findings =
       checkWeights(WeightDocument(options.weights), network, options.prefix);
   if (findings.faults.empty()) return;
@@ -119,34 +119,34 @@ void requireWeights(const Options& options, const NetworkSpec& network) {
 
 void run(const Options& options) {
   const KnownNetwork& known = findNetwork(options.network);
-  const NetworkSpec& spec = *known.spec;
-  const int mostImages = std::numeric_limits<int>::max() / spec.perImageBytes;
+  const NetworkTable& table = *known.table;
+  const int mostImages = std::numeric_limits<int>::max() / table.perImageBytes;
   if (options.batch > mostImages) {
     throw CLI::ValidationError("--batch", options.network + " takes at most " +
                                               std::to_string(mostImages) + ", found " +
                                               std::to_string(options.batch));
   }
-  requireWeights(options, spec);
+  requireWeights(options, table);
   chosenDevice(listDevices());
 
   const std::size_t batch = std::min<std::size_t>(options.batch, options.images.size());
   const auto runBatches = [&](Network& network) {
-    const std::size_t imageBytes = std::size_t(spec.channels) * spec.width * spec.height;
+    const std::size_t imageBytes = std::size_t(table.channels) * table.width * table.height;
     std::vector<unsigned char> pixels(batch * imageBytes);
-    std::vector<float> results(batch * spec.outputDim);
+    std::vector<float> results(batch * table.outputDim);
     DeviceBuffer input(pixels.size());
-    const Report report(options, spec);
+    const Report report(options, table);
     for (std::size_t first = 0; first < options.images.size(); first += batch) {
       const std::size_t count = std::min(batch, options.images.size() - first);
       for (std::size_t i = 0; i < count; ++i)
-        loadImage(options.images[first + i], spec.channels, spec.width, spec.height,
+        loadImage(options.images[first + i], table.channels, table.width, table.height,
                   &pixels[i * imageBytes]);
       checkCall(cudaMemcpy(input.data(), pixels.data(), count * imageBytes, cudaMemcpyHostToDevice),
                 "copy of images to the device");
       network.Forward(input.data(), static_cast<int>(count), results.data(), nullptr);
       if (first == 0) report.head();
       for (std::size_t i = 0; i < count; ++i)
-        report.line(options.images[first + i], &results[i * spec.outputDim]);
+        report.line(options.images[first + i], &results[i * table.outputDim]);
     }
   };
   try {

@@ -11,7 +11,7 @@
 namespace {
 
 using facezoo::LayerKind;
-using facezoo::LayerSpec;
+using facezoo::LayerRow;
 using facezoo::WeightRole;
 
 /// Bell-shaped values of mean 0 and variance 1. The standard's distributions differ between
@@ -37,7 +37,7 @@ struct Distribution {
   float mean, deviation;
 };
 
-Distribution distribution(const LayerSpec& layer, WeightRole role) {
+Distribution distribution(const LayerRow& layer, WeightRole role) {
   constexpr float kActivation = 128;  // about what pixels less their mean reach
   const bool head = layer.kind == LayerKind::innerProduct;
   switch (role) {
@@ -55,7 +55,7 @@ Distribution distribution(const LayerSpec& layer, WeightRole role) {
 
 }  // namespace
 
-void writeRandomWeights(const facezoo::NetworkSpec& network, const std::string& prefix,
+void writeRandomWeights(const facezoo::NetworkTable& network, const std::string& prefix,
                         std::uint64_t seed, std::ostream& out) {
   std::uint32_t count = 0;
   forEachArray(network, prefix, [&](auto&&...) { ++count; });
@@ -65,7 +65,7 @@ void writeRandomWeights(const facezoo::NetworkSpec& network, const std::string& 
   std::vector<float> values;
   forEachArray(
       network, prefix,
-      [&](const std::string& name, std::size_t elements, const LayerSpec& layer, WeightRole role) {
+      [&](const std::string& name, std::size_t elements, const LayerRow& layer, WeightRole role) {
         const Distribution shape = distribution(layer, role);
         values.resize(elements);
         for (float& value : values) value = shape.mean + shape.deviation * bell();

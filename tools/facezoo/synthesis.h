@@ -9,5 +9,5 @@
 
 /// Writes a weight file of seeded random values that keep activations in range from layer to layer
 /// and probabilities off 0 and 1. The same seed gives the same bytes on every machine.
-void writeRandomWeights(const facezoo::NetworkSpec& network, const std::string& prefix,
+void writeRandomWeights(const facezoo::NetworkTable& network, const std::string& prefix,
                         std::uint64_t seed, std::ostream& out);

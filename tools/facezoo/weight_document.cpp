@@ -74,7 +74,7 @@ WeightDocument::WeightDocument(const std::string& path) : bytes_(readFile(path))
   }
 }
 
-WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkSpec& network,
+WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkTable& network,
                             const std::string& prefix) {
   // Of equal names the first counts, which is the one that emplace keeps.
   std::unordered_map<std::string_view, const WeightArray*> byName;

@@ -49,5 +49,5 @@ struct WeightFindings {
   std::vector<std::string> faults;  ///< why the network would not load, or not work
   std::vector<std::string> unused;  ///< names of entries that no layer reads
 };
-WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkSpec& network,
+WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkTable& network,
                             const std::string& prefix);

@@ -19,7 +19,7 @@ struct Options {
 
 void synthesize(const Options& options) {
   NewFile file(options.file);
-  writeRandomWeights(*findNetwork(options.network).spec, options.prefix, options.seed,
+  writeRandomWeights(*findNetwork(options.network).table, options.prefix, options.seed,
                      file.stream());
   file.keep();
   std::printf("%s: weights of %s, seed %ju\n", printable(options.file).c_str(),
@@ -28,7 +28,7 @@ void synthesize(const Options& options) {
 
 void check(const Options& options) {
   const WeightFindings findings = checkWeights(WeightDocument(options.file),
-                                               *findNetwork(options.network).spec, options.prefix);
+                                               *findNetwork(options.network).table, options.prefix);
   for (const std::string& fault : findings.faults)
     std::printf("fault   %s\n", printable(fault).c_str());
   for (const std::string& name : findings.unused)
