@@ -20,11 +20,11 @@ using Names = std::vector<std::string>;
 /// The calls made while `action` runs.
 template <class Action>
 std::vector<Call> callsOf(const Action& action) {
-  std::vector<Call> calls;
-  host_device::setObserver([&](const Call& call) { calls.push_back(call); });
+  const auto calls = std::make_shared<std::vector<Call>>();  // outlives an action that throws
+  host_device::setObserver([calls](const Call& call) { calls->push_back(call); });
   action();
   host_device::setObserver({});
-  return calls;
+  return *calls;
 }
 
 template <class Action>

@@ -28,12 +28,16 @@ void refresh(const Watch& w) { detail::instrumented = w.faulty || w.observer; }
 
 thread_local bool insideObserver = false;
 
+struct InsideObserver {
+  InsideObserver() { insideObserver = true; }
+  ~InsideObserver() { insideObserver = false; }
+};
+
 void tell(const Watch& w, const char* name, std::initializer_list<std::int64_t> arguments) {
   if (!w.observer) return;
   const auto observer = w.observer;  // it may replace itself
-  insideObserver = true;
+  const InsideObserver inside;
   observer({name, arguments});
-  insideObserver = false;
 }
 
 }  // namespace
