@@ -14,7 +14,6 @@ namespace facezoo::test {
 namespace {
 
 using host_device::Call;
-using host_device::Fault;
 using Names = std::vector<std::string>;
 
 /// The calls made while `action` runs.
@@ -55,6 +54,13 @@ Thrown thrownBy(const Action& action) {
   }
   ADD_FAILURE() << "nothing was thrown";
   return static_cast<Thrown>(-1);
+}
+
+void failAt(const char* name, std::size_t at) {
+  host_device::Fault fault;
+  fault.name = name;
+  fault.at = at;
+  host_device::setFault(fault);
 }
 
 class ContractTest : public DeviceTest {
@@ -158,13 +164,8 @@ TEST_F(ContractTest, TheFirstSuitableDeviceIsChosen) {
   host_device::restoreDefaultDevices();
   for (const char* call : {"cudaGetDeviceCount", "cudaSetDevice", "cudaGetDeviceProperties"}) {
     GpuProbe::forget();
-    Fault fault;
-    fault.name = call;
-    fault.cuda = cudaErrorInitializationError;
-    host_device::setFault(fault);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(cudaErrorInitializationError, thrownBy<cudaError>([] { GPU gpu; })) << call;
-    EXPECT_NE("", testing::internal::GetCapturedStderr());
+    failAt(call, 1);
+    EXPECT_EQ(cudaErrorUnknown, thrownBy<cudaError>([] { GPU gpu; })) << call;
     EXPECT_EQ(-1, GpuProbe::chosen());
     host_device::clearFault();
     EXPECT_EQ(0, GPU().getDeviceID());
@@ -185,9 +186,7 @@ TEST_F(ContractTest, ThePoolGrowsAndNeverShrinks) {
     for (std::size_t i = 0; i < calls.size(); ++i) {
       const bool frees = static_cast<int>(i) < step.freed;
       EXPECT_STREQ(frees ? "cudaFree" : "cudaMalloc", calls[i].name);
-      if (!frees) {
-        EXPECT_EQ(step.blockBytes, calls[i].arguments[0]);
-      }
+      EXPECT_TRUE(frees || calls[i].arguments[0] == step.blockBytes);
     }
   }
 }
@@ -201,28 +200,21 @@ TEST_F(ContractTest, BlocksAreTakenFromTheFrontAndReturnedAtTheBack) {
   EXPECT_EQ(0, thrownBy<TensorError>([&] { wants(1 << 30, 4, 1, 1); }));
   EXPECT_EQ(0, thrownBy<TensorError>([&] { wants(INT_MAX, 1, 1, 1); }));
 
-  auto first = std::make_unique<Tensor>(int4{1, 1, 1, 1});
-  const Tensor second({1, 1, 1, 1});
+  Tensor first({1, 1, 1, 1});
+  const float* block = first.base->data;
+  Tensor second({1, 1, 1, 1});
+  Tensor copy = first;
+  first = LayerBase()(Layer()(copy));  // identities, which share the block
+  copy = Tensor();
   EXPECT_EQ(0, thrownBy<TensorError>([&] { wants(1, 1, 1, 1); }));
-  const Tensor copy = *first;
-  const float* block = first->base->data;
-  first.reset();
-  EXPECT_EQ(0, thrownBy<TensorError>([&] { wants(1, 1, 1, 1); }));
-  EXPECT_NE(block, second.base->data);
-  const_cast<Tensor&>(copy) = Tensor();
+  first = Tensor();
   EXPECT_EQ(block, Tensor({1, 1, 1, 1}).base->data);
-  const_cast<Tensor&>(second) = Tensor();
+  second = Tensor();  // comes back behind the other
   EXPECT_EQ(block, Tensor({1, 1, 1, 1}).base->data);
   EXPECT_NE(block, Tensor({1, 1, 1, 1}).base->data);
 }
 
 TEST_F(ContractTest, APoolThatFailedToChangeIsMadeWholeByTheNextSizing) {
-  const auto failAt = [](const char* name, std::size_t at) {
-    Fault fault;
-    fault.name = name;
-    fault.at = at;
-    host_device::setFault(fault);
-  };
   const auto usableBlocks = [] {
     std::vector<Tensor> taken;
     try {
@@ -261,28 +253,6 @@ TEST_F(ContractTest, LayersShareOneContext) {
     EXPECT_EQ(134217728, calls[1].arguments[0]);
     EXPECT_EQ((Names{"cudnnDestroy", "cudaFree"}), namesOf([] { LayerBase::releaseAll(); }));
   }
-}
-
-TEST_F(ContractTest, AHolderDeletesItsLayerOnce) {
-  struct Counted : LayerBase {
-    explicit Counted(int& count) : deleted(count) {}
-    ~Counted() override { ++deleted; }
-    int& deleted;
-  };
-  growPool(16, 1);
-  int deleted = 0;
-  {
-    const Tensor tensor({1, 1, 1, 1});
-    Layer empty, holder;
-    EXPECT_EQ(tensor.base, empty(tensor).base);
-    holder = new Counted(deleted);
-    EXPECT_EQ(tensor.base, holder(tensor).base);
-    Layer copy(holder), assigned;
-    assigned = copy;
-    assigned = *&assigned;
-    EXPECT_EQ(0, deleted);
-  }
-  EXPECT_EQ(1, deleted);
 }
 
 const Names convolutionCreated =

@@ -1,13 +1,8 @@
 // Every call to the platform fails once, and from then on; what the library promises must hold
 // after each.
-#include "layers/lrn.h"
-#include "layers/pool.h"
-#include "layers/relu.h"
-#include "layers/softmax.h"
 #include "seeded_network.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <iostream>
 #include <regex>
 #include <sstream>
@@ -236,44 +231,6 @@ class FaultSweep : public DeviceTest {
 
 TEST_F(FaultSweep, OneFailingCall) { sweep(false); }
 TEST_F(FaultSweep, AllCallsFromOneOn) { sweep(true); }
-
-/// Fails every creation of `layer`'s class-wide descriptors once, in a process where it has none,
-/// and expects `descriptors` of them in the end.
-template <class LayerType, class Run>
-void createClassWideThroughFailures(std::size_t descriptors, const Run& run) {
-  growPool(1024, 2);
-  LayerType layer;
-  const Tensor in({1, 1, 4, 4});
-  const std::size_t before = host_device::live().descriptors;
-  // The first call of all, then ever the second: one creation gets through, the next one fails.
-  for (std::size_t i = 0; i <= descriptors + 1; ++i) {
-    Fault fault;
-    fault.at = i == 0 ? 1 : 2;
-    host_device::setFault(fault);
-    const bool failed = !attempt([&] { run(layer, in); }).source.empty();
-    host_device::clearFault();
-    if (!failed) std::exit(1);
-  }
-  run(layer, in);
-  std::exit(host_device::live().descriptors == before + descriptors ? 0 : 2);
-}
-
-TEST(FaultDeathTest, ClassWideDescriptorsAreCreatedOnceThroughFailures) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";  // a fresh process for each
-  const auto exits = testing::ExitedWithCode(0);
-  EXPECT_EXIT(createClassWideThroughFailures<MaxPooling>(
-                  3, [](MaxPooling& l, const Tensor& in) { l(in, 3, 2, 0); }),
-              exits, "");
-  EXPECT_EXIT(
-      createClassWideThroughFailures<LocalResponseNormalization>(
-          2, [](LocalResponseNormalization& l, const Tensor& in) { l(in, 5, 1e-4F, 0.75F, 1.0F); }),
-      exits, "");
-  EXPECT_EXIT(createClassWideThroughFailures<Relu>(2, [](Relu& l, const Tensor& in) { l(in); }),
-              exits, "");
-  EXPECT_EXIT(
-      createClassWideThroughFailures<Softmax>(1, [](Softmax& l, const Tensor& in) { l(in); }),
-      exits, "");
-}
 
 }  // namespace
 }  // namespace facezoo::test

@@ -1,6 +1,6 @@
 // The host platform as a device: strict memory, honest statuses, derived data that never goes
 // stale.
-#include "layers/handles.h"
+#include "layers/cba.h"
 #include "support.h"
 
 #include <cmath>
@@ -11,6 +11,7 @@ namespace facezoo::test {
 namespace {
 
 using PlatformTest = DeviceTest;
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 
 TEST_F(PlatformTest, CopiesMustFitTheirPointers) {
   constexpr std::size_t kBytes = 64;
@@ -85,127 +86,69 @@ TEST_F(PlatformTest, ADeviceHasTheMemoryItSays) {
   cudaGetLastError();
 }
 
-/// A 1 × 1 convolution of one value, whose every argument can be spoilt.
-struct TinyConvolution {
-  TinyConvolution() {
-    cudnnCreate(&handle);
-    for (TensorDescriptor* d : {&input, &output, &biasShape}) {
-      d->create();
-      describe(*d, {1, 1, 1, 1});
-    }
-    filterShape.create();
-    convolution.create();
-    relu.create();
-    cudnnSetFilter4dDescriptor(filterShape, CUDNN_DATA_FLOAT, CUDNN_TENSOR_NCHW, 1, 1, 1, 1);
-    cudnnSetConvolution2dDescriptor(convolution, 0, 0, 1, 1, 1, 1, CUDNN_CROSS_CORRELATION,
-                                    CUDNN_DATA_FLOAT);
-    cudnnSetActivationDescriptor(relu, CUDNN_ACTIVATION_RELU, CUDNN_NOT_PROPAGATE_NAN, 0.0);
-    for (DeviceBuffer* b : {&x, &w, &bias, &y}) b->allocateZeroed(1);
-    workspace.allocate(1 << 16);
-  }
-  ~TinyConvolution() { cudnnDestroy(handle); }
+/// A fused convolution whose parts can be changed behind its back.
+struct OpenConvolution : CBA {
+  using CBA::bias_, CBA::convolution_, CBA::filter_, CBA::filterShape_, CBA::input_, CBA::output_;
 
-  void setBatch(int n) {
-    describe(input, {n, 1, 1, 1});
-    describe(output, {n, 1, 1, 1});
-  }
+  explicit OpenConvolution(int kernel)
+      : CBA("conv", weights(kernel).root(), 1, 1, kernel, 1, true) {}
 
-  cudnnStatus_t run() {
-    const cudnnStatus_t status = cudnnGetConvolutionForwardAlgorithm(
-        handle, input, filterShape, convolution, output,
-        CUDNN_CONVOLUTION_FWD_SPECIFY_WORKSPACE_LIMIT, workspaceBytes, &algorithm);
-    if (status != CUDNN_STATUS_SUCCESS) return status;
-    return cudnnConvolutionBiasActivationForward(
-        handle, &alpha1, input, xData ? xData : x.get(), filterShape, w.get(), convolution,
-        algorithm, workspace.get(), workspaceBytes, &alpha2, output, y.get(), biasShape, bias.get(),
-        relu, output, y.get());
+  static Document& weights(int kernel) {
+    static Document document;
+    document = Document();
+    return document.add("conv-0", std::vector<float>(kernel * kernel, 2)).add("conv-1", {0.5F});
   }
-
-  cudnnHandle_t handle = nullptr;
-  TensorDescriptor input, output, biasShape;
-  FilterDescriptor filterShape;
-  ConvolutionDescriptor convolution;
-  ActivationDescriptor relu;
-  DeviceBuffer x, w, bias, y, workspace;
-  const float* xData = nullptr;
-  std::size_t workspaceBytes = sizeof(float) << 16;
-  cudnnConvolutionFwdAlgo_t algorithm{};
-  float alpha1 = 1.0F, alpha2 = 0.0F;
+  static void set(const DeviceBuffer& buffer, const std::vector<float>& values) {
+    CheckCuda(cudaMemcpy(buffer.get(), values.data(), values.size() * 4, cudaMemcpyHostToDevice));
+  }
 };
 
 TEST_F(PlatformTest, ConvolutionRefusesWhatItCannotDo) {
-  const float onHost = 1.0F;
-  using C = TinyConvolution&;
-  constexpr auto ok = CUDNN_STATUS_SUCCESS, bad = CUDNN_STATUS_BAD_PARAM;
+  growPool(64, 2);
+  float onHost = 1;
   const struct {
     const char* what;
-    std::function<void(C)> spoil;
-    cudnnStatus_t status;
+    std::function<void(OpenConvolution&, Tensor&)> spoil;
   } cases[] = {
-      {"as it is", [](C) {}, ok},
-      {"no workspace", [](C c) { c.workspaceBytes = 0; }, ok},
-      {"no handle", [](C c) { cudnnDestroy(std::exchange(c.handle, nullptr)); }, bad},
-      {"destroyed filter", [](C c) { c.filterShape = FilterDescriptor(); }, bad},
-      {"unset convolution", [](C c) { (c.convolution = ConvolutionDescriptor()).create(); }, bad},
+      {"destroyed filter", [](auto& c, auto&) { c.filterShape_ = FilterDescriptor(); }},
+      {"unset convolution",
+       [](auto& c, auto&) { (c.convolution_ = ConvolutionDescriptor()).create(); }},
       {"channels that differ",
-       [](C c) {
-         describe(c.input, {1, 2, 1, 1});
-       },
-       bad},
+       [](auto& c, auto&) {
+         describe(c.input_, {1, 2, 1, 1});
+       }},
       {"an output that differs",
-       [](C c) {
-         describe(c.output, {1, 1, 2, 1});
-       },
-       bad},
-      {"input in host memory", [&](C c) { c.xData = &onHost; }, bad},
-      {"a batch larger than its memory", [](C c) { c.setBatch(2); }, bad},
-      {"another blending", [](C c) { c.alpha1 = 2.0F; }, CUDNN_STATUS_NOT_SUPPORTED},
+       [](auto& c, auto&) {
+         describe(c.output_, {1, 1, 2, 1});
+       }},
+      {"a batch larger than its memory",
+       [](auto& c, auto&) {
+         describe(c.input_, {17, 1, 1, 1});
+         describe(c.output_, {17, 1, 1, 1});
+       }},
+      {"input in host memory", [&](auto&, auto& x) { x.base->data = &onHost; }},
   };
   for (const auto& c : cases) {
-    TinyConvolution tiny;
-    c.spoil(tiny);
-    EXPECT_EQ(c.status, tiny.run()) << c.what;
+    OpenConvolution layer(1);
+    Tensor x = upload<float>({3}, {1, 1, 1, 1});
+    EXPECT_EQ(6.5F, download(layer(x))[0]);
+    c.spoil(layer, x);
+    testing::internal::CaptureStderr();
+    EXPECT_THROW(layer(x), cudnnStatus_t) << c.what;
+    EXPECT_NE(std::string::npos,
+              testing::internal::GetCapturedStderr().find("CUDNN_STATUS_BAD_PARAM"));
   }
 }
 
 TEST_F(PlatformTest, APackedFilterNeverOutlivesItsContents) {
-  TinyConvolution tiny;
-  const auto set = [](DeviceBuffer& buffer, float value) {
-    CheckCuda(cudaMemcpy(buffer.get(), &value, sizeof value, cudaMemcpyHostToDevice));
-  };
-  const auto result = [&] {
-    EXPECT_EQ(CUDNN_STATUS_SUCCESS, tiny.run());
-    float value = -1.0F;
-    CheckCuda(cudaMemcpy(&value, tiny.y.get(), sizeof value, cudaMemcpyDeviceToHost));
-    return value;
-  };
-  // A 3 × 3 kernel, so that the filter is packed.
-  cudnnSetFilter4dDescriptor(tiny.filterShape, CUDNN_DATA_FLOAT, CUDNN_TENSOR_NCHW, 1, 1, 3, 3);
-  cudnnSetConvolution2dDescriptor(tiny.convolution, 1, 1, 1, 1, 1, 1, CUDNN_CROSS_CORRELATION,
-                                  CUDNN_DATA_FLOAT);
-  const auto setFilter = [&](float value) {
-    const std::vector<float> nine(9, value);
-    CheckCuda(cudaMemcpy(tiny.w.get(), nine.data(), 36, cudaMemcpyHostToDevice));
-  };
-  tiny.w = DeviceBuffer();
-  tiny.w.allocate(9);
-  set(tiny.x, 3.0F);
-  set(tiny.bias, 0.5F);
-  setFilter(2.0F);
+  growPool(64, 2);
+  OpenConvolution layer(3);
+  const auto result = [&] { return download(layer(upload<float>({3}, {1, 1, 1, 1})))[0]; };
   EXPECT_EQ(6.5F, result());
-  setFilter(4.0F);
+  layer.set(layer.filter_, std::vector<float>(9, 4));
   EXPECT_EQ(12.5F, result());
-  set(tiny.bias, -20.0F);
-  EXPECT_EQ(0.0F, result());
-  set(tiny.bias, std::numeric_limits<float>::quiet_NaN());
-  EXPECT_EQ(0.0F, result());      // the fused activation does not propagate NaN
-  for (int i = 0; i < 50; ++i) {  // the same address may come back with other contents
-    tiny.w = DeviceBuffer();
-    tiny.w.allocate(9);
-    set(tiny.bias, 0.0F);
-    setFilter(static_cast<float>(i));
-    EXPECT_EQ(3.0F * static_cast<float>(i), result());
-  }
+  layer.set(layer.bias_, {nan});
+  EXPECT_EQ(0.0F, result());  // the fused activation does not propagate NaN
 }
 
 TEST_F(PlatformTest, FreshMemoryIsPoisoned) {
