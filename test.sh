@@ -16,7 +16,7 @@ for part in "$@"; do
       cmake --preset "$part" >/dev/null
       cmake --build --preset "$part"
       ctest --preset "$part" -j "$(nproc)"
-      grep '^visited' "build/$part/Testing/Temporary/LastTest.log"
+      grep -hE '^(visited|measured) ' "build/$part/Testing/Temporary/LastTest.log"
       ;;
     style) scripts/style.sh ;;
     *)

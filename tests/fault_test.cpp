@@ -3,6 +3,7 @@
 #include "seeded_network.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <regex>
 #include <sstream>
@@ -231,6 +232,37 @@ class FaultSweep : public DeviceTest {
 
 TEST_F(FaultSweep, OneFailingCall) { sweep(false); }
 TEST_F(FaultSweep, AllCallsFromOneOn) { sweep(true); }
+
+/// Where no stateless layer has its descriptors yet: fails the creation of each once.
+bool firstForwardMeetsEveryFailure() {
+  DexpressionNet net(seededFile(dexpressionNet).c_str(), 1, "");
+  const DeviceArray<std::uint8_t> images(seededImages(dexpressionNet, 1));
+  const std::size_t before = host_device::live().descriptors;
+  std::vector<float> out(5);
+  const auto forward = [&] { net.Forward(images.data(), 1, out.data(), nullptr); };
+  bool reported = true;
+  // Pooling makes three, two of them of tensors; normalization makes two, softmax one.
+  for (const auto& [call, at] : {std::pair{"cudnnCreateTensorDescriptor", 1},
+                                 {"cudnnCreateTensorDescriptor", 2},
+                                 {"cudnnCreatePoolingDescriptor", 1},
+                                 {"cudnnCreateTensorDescriptor", 1},
+                                 {"cudnnCreateLRNDescriptor", 1},
+                                 {"cudnnCreateTensorDescriptor", 1}}) {
+    Fault fault;
+    fault.name = call;
+    fault.at = static_cast<std::size_t>(at);
+    host_device::setFault(fault);
+    reported = attempt(forward).source == "cudnn" && reported;
+    host_device::clearFault();
+  }
+  forward();
+  return reported && host_device::live().descriptors == before + 6;
+}
+
+TEST(FaultDeathTest, DescriptorsThatStayAreCreatedOnceThroughFailures) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";  // a fresh process
+  EXPECT_EXIT(std::exit(firstForwardMeetsEveryFailure() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
 
 }  // namespace
 }  // namespace facezoo::test
