@@ -1,5 +1,6 @@
 #include "GPU.h"
 #include "check.h"
+#include "device_requirement.h"
 
 #include <cuda_runtime.h>
 
@@ -7,11 +8,6 @@
 
 int GPU::DeviceID = -1;
 std::recursive_mutex GPU::mtx;
-
-namespace {
-constexpr int kMinimumMajor = 5;
-constexpr std::size_t kMinimumMemory = std::size_t{2048} << 20;
-}  // namespace
 
 GPU::GPU() {
   if (DeviceID >= 0) return;
@@ -21,7 +17,8 @@ GPU::GPU() {
     CheckCuda(cudaSetDevice(i));
     cudaDeviceProp properties;
     CheckCuda(cudaGetDeviceProperties(&properties, i));
-    if (properties.major >= kMinimumMajor && properties.totalGlobalMem >= kMinimumMemory) {
+    if (properties.major >= facezoo::requiredMajor &&
+        properties.totalGlobalMem >> 20 >= facezoo::requiredMiB) {
       DeviceID = i;
       return;
     }

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <climits>
 #include <functional>
-#include <numeric>
 
 namespace facezoo::test {
 namespace {

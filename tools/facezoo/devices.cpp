@@ -1,5 +1,6 @@
 #include "devices.h"
 
+#include "device_requirement.h"
 #include "failure.h"
 
 #include <algorithm>
@@ -17,10 +18,11 @@ std::vector<Device> listDevices() {
   for (int i = 0; i < count; ++i) {
     cudaDeviceProp& properties = devices[i].properties;
     checkCall(cudaGetDeviceProperties(&properties, i), "properties of device " + std::to_string(i));
-    if (properties.major < kRequiredMajor) {
-      devices[i].shortcoming = "compute capability below " + std::to_string(kRequiredMajor) + ".0";
-    } else if (properties.totalGlobalMem >> 20 < kRequiredMiB) {
-      devices[i].shortcoming = "less than " + std::to_string(kRequiredMiB) + " MiB";
+    if (properties.major < facezoo::requiredMajor) {
+      devices[i].shortcoming =
+          "compute capability below " + std::to_string(facezoo::requiredMajor) + ".0";
+    } else if (properties.totalGlobalMem >> 20 < facezoo::requiredMiB) {
+      devices[i].shortcoming = "less than " + std::to_string(facezoo::requiredMiB) + " MiB";
     }
   }
   return devices;
@@ -31,7 +33,8 @@ std::size_t chosenDevice(const std::vector<Device>& devices) {
                                    [](const Device& d) { return d.shortcoming.empty(); });
   if (chosen != devices.end()) return chosen - devices.begin();
   throw Failure(
-      "no usable CUDA device: expected compute capability " + std::to_string(kRequiredMajor) +
-      ".0 and " + std::to_string(kRequiredMiB) + " MiB, found " +
+      "no usable CUDA device: expected compute capability " +
+      std::to_string(facezoo::requiredMajor) + ".0 and " + std::to_string(facezoo::requiredMiB) +
+      " MiB, found " +
       (devices.empty() ? "no device" : std::to_string(devices.size()) + " device(s) with less"));
 }

@@ -10,9 +10,6 @@
 /// @throws Failure that says which call failed and why
 void checkCall(cudaError_t status, const std::string& call);
 
-constexpr int kRequiredMajor = 5;
-constexpr std::size_t kRequiredMiB = 2048;
-
 struct Device {
   cudaDeviceProp properties;
   std::string shortcoming;  ///< why the library cannot use it; empty if it can

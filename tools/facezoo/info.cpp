@@ -1,4 +1,5 @@
 #include "commands.h"
+#include "device_requirement.h"
 #include "devices.h"
 #include "failure.h"
 #include "networks.h"
@@ -51,7 +52,8 @@ void info() {
   std::printf("CUDA runtime %s, required 10.1\n", runtimeVersion().c_str());
   std::printf("cuDNN        %s, required 7.0\n", version(dnn, dnn < 90000 ? 1000 : 10000).c_str());
   std::printf("cuBLAS       %s\n", blasVersion().c_str());
-  std::printf("required     compute capability %d.0, %zu MiB\n", kRequiredMajor, kRequiredMiB);
+  std::printf("required     compute capability %d.0, %zu MiB\n", facezoo::requiredMajor,
+              facezoo::requiredMiB);
   for (const KnownNetwork& known : knownNetworks()) {
     const facezoo::NetworkTable& table = *known.table;
     std::printf("network      %s, %d channel(s) of %d x %d pixels, results", table.name,

@@ -3,7 +3,6 @@
 #include "files.h"
 
 #include <cstdio>
-#include <exception>
 
 namespace {
 

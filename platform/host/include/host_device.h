@@ -60,10 +60,6 @@ struct Live {
   std::size_t bytes;
   std::size_t handles;      ///< cuDNN and cuBLAS handles
   std::size_t descriptors;  ///< cuDNN descriptors of all kinds
-  bool operator==(const Live& other) const {
-    return allocations == other.allocations && bytes == other.bytes && handles == other.handles &&
-           descriptors == other.descriptors;
-  }
 };
 Live live();
 
