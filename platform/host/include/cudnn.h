@@ -54,6 +54,11 @@ typedef enum {
 } cudnnSoftmaxAlgorithm_t;
 typedef enum { CUDNN_SOFTMAX_MODE_INSTANCE = 0, CUDNN_SOFTMAX_MODE_CHANNEL = 1 } cudnnSoftmaxMode_t;
 
+typedef enum {
+  CUDNN_BATCHNORM_PER_ACTIVATION = 0,
+  CUDNN_BATCHNORM_SPATIAL = 1
+} cudnnBatchNormMode_t;
+
 typedef struct cudnnContext* cudnnHandle_t;
 typedef struct cudnnTensorStruct* cudnnTensorDescriptor_t;
 typedef struct cudnnFilterStruct* cudnnFilterDescriptor_t;
@@ -95,6 +100,13 @@ cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(cudnnHandle_t handle, cudnnTen
                                                   cudnnConvolutionFwdPreference_t preference,
                                                   size_t memoryLimit,
                                                   cudnnConvolutionFwdAlgo_t* algorithm);
+cudnnStatus_t cudnnConvolutionForward(cudnnHandle_t handle, const void* alpha,
+                                      cudnnTensorDescriptor_t xDesc, const void* x,
+                                      cudnnFilterDescriptor_t wDesc, const void* w,
+                                      cudnnConvolutionDescriptor_t convolution,
+                                      cudnnConvolutionFwdAlgo_t algorithm, void* workspace,
+                                      size_t workspaceBytes, const void* beta,
+                                      cudnnTensorDescriptor_t yDesc, void* y);
 /// y = activation(alpha1 · conv(x) + alpha2 · z + bias).
 cudnnStatus_t cudnnConvolutionBiasActivationForward(
     cudnnHandle_t handle, const void* alpha1, cudnnTensorDescriptor_t xDesc, const void* x,
@@ -126,6 +138,16 @@ cudnnStatus_t cudnnLRNCrossChannelForward(cudnnHandle_t handle, cudnnLRNDescript
                                           cudnnLRNMode_t mode, const void* alpha,
                                           cudnnTensorDescriptor_t xDesc, const void* x,
                                           const void* beta, cudnnTensorDescriptor_t yDesc, void* y);
+
+/// Describes the parameters of `x`: one value per channel.
+cudnnStatus_t cudnnDeriveBNTensorDescriptor(cudnnTensorDescriptor_t derived,
+                                            cudnnTensorDescriptor_t x, cudnnBatchNormMode_t mode);
+/// y = scale · (x - mean) / sqrt(variance + epsilon) + bias.
+cudnnStatus_t cudnnBatchNormalizationForwardInference(
+    cudnnHandle_t handle, cudnnBatchNormMode_t mode, const void* alpha, const void* beta,
+    cudnnTensorDescriptor_t xDesc, const void* x, cudnnTensorDescriptor_t yDesc, void* y,
+    cudnnTensorDescriptor_t parameters, const void* scale, const void* bias, const void* mean,
+    const void* variance, double epsilon);
 
 cudnnStatus_t cudnnCreateActivationDescriptor(cudnnActivationDescriptor_t* descriptor);
 cudnnStatus_t cudnnSetActivationDescriptor(cudnnActivationDescriptor_t descriptor,

@@ -21,7 +21,8 @@ struct Axis {
   int input, kernel, pad, stride, output;
 };
 
-/// One convolution. Fused means followed by bias and ReLU.
+/// One convolution. Fused means followed by bias and ReLU; the query, which cannot know, takes it
+/// so, as it may need more workspace.
 struct Problem {
   int n, c, k;
   Axis vertical, horizontal;
@@ -473,6 +474,29 @@ cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(cudnnHandle_t handle, cudnnTen
                    }
                  }
                  return CUDNN_STATUS_NOT_SUPPORTED;
+               });
+}
+
+cudnnStatus_t cudnnConvolutionForward(cudnnHandle_t handle, const void* alpha,
+                                      cudnnTensorDescriptor_t xDesc, const void* x,
+                                      cudnnFilterDescriptor_t wDesc, const void* w,
+                                      cudnnConvolutionDescriptor_t convolution,
+                                      cudnnConvolutionFwdAlgo_t algorithm, void* workspace,
+                                      size_t workspaceBytes, const void* beta,
+                                      cudnnTensorDescriptor_t yDesc, void* y) {
+  return enter("cudnnConvolutionForward",
+               {algorithm, address(workspace), static_cast<std::int64_t>(workspaceBytes)},
+               [&]() -> cudnnStatus_t {
+                 Problem problem;
+                 if (!allLive(handle) || !describe(convolution, xDesc, wDesc, problem) ||
+                     !isOutput(problem, yDesc)) {
+                   return CUDNN_STATUS_BAD_PARAM;
+                 }
+                 if (const auto status = checkPlain(alpha, beta)) return status;
+                 problem.fused = false;
+                 return convolve(algorithm, problem, *xDesc, *wDesc, *yDesc,
+                                 {static_cast<const float*>(x), static_cast<const float*>(w),
+                                  nullptr, static_cast<float*>(y), workspace, workspaceBytes});
                });
 }
 

@@ -1,5 +1,5 @@
 /// @file
-/// Local response normalization across channels.
+/// Local response normalization across channels, and batch normalization with given statistics.
 #include <cudnn.h>
 
 #include <cmath>
@@ -63,6 +63,12 @@ void normalizeTensor(const cudnnLRNStruct& lrn, const cudnnTensorStruct& shape, 
   }
 }
 
+/// y = (x - mean) · factor + bias over one channel of one image.
+HOST_DEVICE_CLONES void normalizePlane(const float* __restrict x, float* __restrict y,
+                                       std::size_t count, float mean, float factor, float bias) {
+  for (std::size_t i = 0; i < count; ++i) y[i] = (x[i] - mean) * factor + bias;
+}
+
 }  // namespace
 
 cudnnStatus_t cudnnLRNCrossChannelForward(cudnnHandle_t handle, cudnnLRNDescriptor_t lrn,
@@ -80,6 +86,57 @@ cudnnStatus_t cudnnLRNCrossChannelForward(cudnnHandle_t handle, cudnnLRNDescript
         if (const auto status = checkPlain(alpha, beta)) return status;
         writeDevice(y, yDesc->bytes());
         normalizeTensor(*lrn, *xDesc, static_cast<const float*>(x), static_cast<float*>(y));
+        return CUDNN_STATUS_SUCCESS;
+      });
+}
+
+cudnnStatus_t cudnnDeriveBNTensorDescriptor(cudnnTensorDescriptor_t derived,
+                                            cudnnTensorDescriptor_t x, cudnnBatchNormMode_t mode) {
+  return enter("cudnnDeriveBNTensorDescriptor", {mode}, [&]() -> cudnnStatus_t {
+    if (!allLive(derived) || !isSet(x)) return CUDNN_STATUS_BAD_PARAM;
+    if (mode != CUDNN_BATCHNORM_SPATIAL) return CUDNN_STATUS_NOT_SUPPORTED;
+    derived->n = derived->h = derived->w = 1;
+    derived->c = x->c;
+    return CUDNN_STATUS_SUCCESS;
+  });
+}
+
+cudnnStatus_t cudnnBatchNormalizationForwardInference(
+    cudnnHandle_t handle, cudnnBatchNormMode_t mode, const void* alpha, const void* beta,
+    cudnnTensorDescriptor_t xDesc, const void* x, cudnnTensorDescriptor_t yDesc, void* y,
+    cudnnTensorDescriptor_t parameters, const void* scale, const void* bias, const void* mean,
+    const void* variance, double epsilon) {
+  return enter(
+      "cudnnBatchNormalizationForwardInference", {mode, address(x), address(y)},
+      [&]() -> cudnnStatus_t {
+        constexpr double kLeastEpsilon = 1e-5;  // the real library's limit
+        if (!allLive(handle) || !areMapped(xDesc, x, yDesc, y) || !sameShape(*xDesc, *yDesc) ||
+            (x != y && overlap(x, xDesc->bytes(), y, yDesc->bytes())) || !isSet(parameters) ||
+            parameters->c != xDesc->c || parameters->elements() != std::size_t{1} * xDesc->c ||
+            epsilon < kLeastEpsilon) {
+          return CUDNN_STATUS_BAD_PARAM;
+        }
+        for (const void* vector : {scale, bias, mean, variance}) {
+          if (!isDevice(vector, parameters->bytes())) return CUDNN_STATUS_BAD_PARAM;
+        }
+        if (const auto status = checkPlain(alpha, beta)) return status;
+        if (mode != CUDNN_BATCHNORM_SPATIAL) return CUDNN_STATUS_NOT_SUPPORTED;
+        writeDevice(y, yDesc->bytes());
+
+        const auto at = [](const void* vector, int c) {
+          return static_cast<const float*>(vector)[c];
+        };
+        const std::size_t plane = std::size_t{1} * xDesc->h * xDesc->w;
+#pragma omp parallel for schedule(static) collapse(2)
+        for (int n = 0; n < xDesc->n; ++n) {
+          for (int c = 0; c < xDesc->c; ++c) {
+            const auto factor =
+                static_cast<float>(at(scale, c) / std::sqrt(at(variance, c) + epsilon));
+            const std::size_t start = (std::size_t{1} * n * xDesc->c + c) * plane;
+            normalizePlane(static_cast<const float*>(x) + start, static_cast<float*>(y) + start,
+                           plane, at(mean, c), factor, at(bias, c));
+          }
+        }
         return CUDNN_STATUS_SUCCESS;
       });
 }
