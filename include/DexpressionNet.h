@@ -6,12 +6,7 @@
 /// Classifies grey 224 × 224 face crops with two heads, mouth and eye.
 class FACEZOO_EXPORT DexpressionNet : public Network {
  public:
-  /// @param weightFile MessagePack file of weights
-  /// @param maxBatch largest batch that `Forward` will be called with
-  /// @param prefix put in front of every weight name
-  /// @throws see `Network::Network`; NetworkError 1 if a weight is missing or mis-sized
   DexpressionNet(const char* weightFile, int maxBatch, std::string prefix);
-  /// Transfers everything; see `Network::Network(Network&)`.
   DexpressionNet(DexpressionNet& other);
   ~DexpressionNet() override;
 
@@ -22,5 +17,6 @@ class FACEZOO_EXPORT DexpressionNet : public Network {
   int Forward(void* images, int batch, float* out1, float* out2) override;
 
  private:
-  Layer layers_[10];
+  Layer trunk_[8];
+  Layer mouth_, eye_;
 };

@@ -4,6 +4,8 @@
 
 #include "layer.h"
 
+#include <cstddef>
+#include <initializer_list>
 #include <string>
 
 namespace facezoo {
@@ -11,6 +13,12 @@ struct NetworkTable;
 }
 
 /// A trained network: constructed from a weight file, called with batches of 8-bit images.
+///
+/// A class `N` of the eight is constructed by `N(weightFile, maxBatch, prefix)`: the path of a
+/// MessagePack file of weights, the largest batch that `Forward` will be called with, and what to
+/// put in front of every weight name. That throws what `Network`'s constructor throws, and
+/// NetworkError 1 if a weight is missing or mis-sized, TensorError 0 if no pool block can be large
+/// enough for `maxBatch`, cudaError, cudnnStatus_t or cublasStatus_t.
 ///
 /// The shared device resources (pool, handles, workspace) live as long as any network does. Calls
 /// on all networks of the process must not overlap; see `GPU::getMutex`.
@@ -51,16 +59,38 @@ class FACEZOO_EXPORT Network : public LayerBase {
   void openMsgPack(const char* path, msgpack::v1::unpacked& out);
 
  protected:
+  /// Neighbouring holders, or one.
+  struct Holders {
+    Holders(Layer& one) : first(&one), count(1) {}
+    template <std::size_t N>
+    Holders(Layer (&several)[N]) : first(several), count(N) {}
+    Layer* first;
+    std::size_t count;
+  };
+
   /// The common end of every network's constructor: sets the geometry, creates the layers of
-  /// `table` in order into `layers`, sizes the pool for `maxBatch` images.
+  /// `table` in order into `holders`, as many as it has rows, sizes the pool for `maxBatch` images.
   /// @throws NetworkError 1, TensorError 0 if no pool block can be that large, and the statuses
   FACEZOO_NO_EXPORT void build(const facezoo::NetworkTable& table, int maxBatch,
-                               const std::string& prefix, Layer* layers);
+                               const std::string& prefix, std::initializer_list<Holders> holders);
 
-  /// The start of every network's `Forward`: a tensor for `batch` images, of shape (N, H, W, C).
-  /// @throws NetworkError 1 if the layers have moved away, TensorError 0
-  FACEZOO_NO_EXPORT Tensor inputTensor(int batch) const;
-  FACEZOO_NO_EXPORT std::size_t inputBytes(int batch) const;
+  // How every network's `Forward` begins and ends. Failures are reported from the calling line.
+
+  /// A tensor that holds `batch` images, of shape (N, H, W, C).
+  /// @throws NetworkError 1 if the layers have moved away; TensorError 0, cudaError
+  FACEZOO_NO_EXPORT Tensor copyIn(const void* images, int batch,
+                                  const char* file = __builtin_FILE(),
+                                  int line = __builtin_LINE()) const;
+  /// Copies all floats of `result` to `out`; `kind` says what memory that is.
+  /// @throws cudaError
+  FACEZOO_NO_EXPORT static void copyOut(const Tensor& result, float* out, cudaMemcpyKind kind,
+                                        const char* file = __builtin_FILE(),
+                                        int line = __builtin_LINE());
+  /// Copies the L2 norm of each image's `features` to host memory, unless `out` is null.
+  /// @throws TensorError 0, cudaError
+  FACEZOO_NO_EXPORT static void copyNorms(const Tensor& features, float* out,
+                                          const char* file = __builtin_FILE(),
+                                          int line = __builtin_LINE());
 
   msgpack::v1::object weights;
   msgpack::v1::unpacked unpacked;

@@ -2,6 +2,7 @@
 
 #include "errors.h"
 #include "layer_factory.h"
+#include "layers/l2_norm.h"
 #include "network_table.h"
 #include "weight_scan.h"
 
@@ -84,7 +85,7 @@ void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
 }
 
 void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std::string& prefix,
-                    Layer* layers) {
+                    std::initializer_list<Holders> holders) {
   channels = table.channels;
   width = table.width;
   height = table.height;
@@ -93,17 +94,31 @@ void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std:
   outputDim = table.outputDim;
   const std::int64_t blockBytes = std::int64_t{maxBatch} * perImageBytes;
   if (blockBytes > std::numeric_limits<int>::max()) throw NO_BLOCK;
-  for (const facezoo::LayerRow& layer : table.layers) {
-    *layers++ = facezoo::createLayer(layer, prefix, weights);
+  const facezoo::LayerRow* row = table.layers.begin();
+  for (const Holders& some : holders) {
+    for (std::size_t i = 0; i < some.count; ++i) {
+      some.first[i] = facezoo::createLayer(*row++, prefix, weights);
+    }
   }
   preparePool(static_cast<int>(blockBytes), bufferCount);
 }
 
-Tensor Network::inputTensor(int batch) const {
+Tensor Network::copyIn(const void* images, int batch, const char* file, int line) const {
   if (unpacked.zone() == nullptr) throw BAD_WEIGHTS;
-  return Tensor({batch, height, width, channels});
+  Tensor tensor({batch, height, width, channels});
+  const std::size_t bytes = static_cast<std::size_t>(batch) * height * width * channels;
+  CheckCuda(cudaMemcpy(tensor.base->data, images, bytes, cudaMemcpyDeviceToDevice), file, line);
+  return tensor;
 }
 
-std::size_t Network::inputBytes(int batch) const {
-  return static_cast<std::size_t>(batch) * height * width * channels;
+void Network::copyOut(const Tensor& result, float* out, cudaMemcpyKind kind, const char* file,
+                      int line) {
+  const int4 shape = result.base->shape;
+  const std::size_t floats = static_cast<std::size_t>(shape.x) * shape.y * shape.z * shape.w;
+  CheckCuda(cudaMemcpy(out, result.base->data, floats * sizeof(float), kind), file, line);
+}
+
+void Network::copyNorms(const Tensor& features, float* out, const char* file, int line) {
+  if (out == nullptr) return;
+  copyOut(L2Norm()(features), out, cudaMemcpyDeviceToHost, file, line);
 }

@@ -16,15 +16,16 @@ namespace facezoo::test {
 inline Document seededDocument(const NetworkTable& table, const std::string& prefix = "") {
   Document document;
   unsigned seed = 1;
-  for (const LayerRow& layer : table.layers) {
-    forEachWeight(layer, [&](const char* suffix, std::size_t elements, WeightRole role) {
-      // Keeps activations at their scale, and the last products where softmax can tell them apart.
-      const double gain = layer.kind == LayerKind::innerProduct ? 0.01 : 1;
-      const double range =
-          role == WeightRole::filter ? gain * std::sqrt(6.0 * layer.out / elements) : 1;
-      document.add(prefix + layer.name + suffix, seededValues(elements, seed++, -range, range));
-    });
-  }
+  forEachWeight(
+      table.layers, prefix,
+      [&](const std::string& name, std::size_t elements, const LayerRow& layer, WeightRole role) {
+        // Keeps activations at their scale, and the last products where softmax can tell
+        // them apart.
+        const double gain = layer.kind == LayerKind::innerProduct ? 0.01 : 1;
+        const double range =
+            role == WeightRole::filter ? gain * std::sqrt(6.0 * layer.out / elements) : 1;
+        document.add(name, seededValues(elements, seed++, -range, range));
+      });
   return document;
 }
 

@@ -150,13 +150,11 @@ void add(Document& document, const Entry& entry) {
 /// A good document but for the array `name`, which gives way to `entries`.
 std::string changedDocument(const std::string& name, const std::vector<Entry>& entries) {
   Document document;
-  for (const LayerRow& layer : dexpressionNet.layers) {
-    forEachWeight(layer, [&](const char* suffix, std::size_t elements, WeightRole) {
-      const std::string full = std::string(layer.name) + suffix;
-      if (full != name)
-        add(document, {full, Entry::string, static_cast<std::uint32_t>(elements * 4)});
-    });
-  }
+  forEachWeight(dexpressionNet.layers, "",
+                [&](const std::string& full, std::size_t elements, auto&&...) {
+                  if (full != name)
+                    add(document, {full, Entry::string, static_cast<std::uint32_t>(elements * 4)});
+                });
   for (const Entry& entry : entries) add(document, entry);
   return document.bytes();
 }

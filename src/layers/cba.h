@@ -17,7 +17,7 @@ class CBA : public facezoo::Convolution {
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
   CBA(std::string name, msgpack::v1::object& weights, int inChannels, int outChannels, int kernel,
       int stride, bool padded)
-      : Convolution(name, weights, inChannels, outChannels, kernel, stride, padded) {}
+      : Convolution(name, weights, inChannels, outChannels, kernel, stride, padded, true) {}
 
   /// @throws cudnnStatus_t, also for an input of other than C channels; TensorError 0
   Tensor operator()(const Tensor& in) override {

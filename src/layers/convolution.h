@@ -15,11 +15,12 @@ namespace facezoo {
 /// dilation 1, cross-correlation; output size floor((H + 2p - k) / s) + 1.
 class Convolution : public LayerBase {
  public:
-  /// @param name full layer name; reads name + "-0", filter [out][in][k][k], and name + "-1", bias
+  /// @param name full layer name; reads name + "-0", filter [out][in][k][k], and, with a bias,
+  ///        name + "-1"
   /// @param padded pads by kernel / 2 (integer division), else not at all
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
   Convolution(const std::string& name, msgpack::v1::object& weights, int inChannels,
-              int outChannels, int kernel, int stride, bool padded) {
+              int outChannels, int kernel, int stride, bool padded, bool hasBias) {
     input_.create();
     output_.create();
     biasShape_.create();
@@ -33,6 +34,7 @@ class Convolution : public LayerBase {
     const int filterFloats = outChannels * inChannels * kernel * kernel;
     filter_.allocateZeroed(filterFloats);
     readWeight(weights, name + "-0", filterFloats * 4, filter_.get());
+    if (!hasBias) return;
     bias_.allocateZeroed(outChannels);
     readWeight(weights, name + "-1", outChannels * 4, bias_.get());
   }
@@ -41,22 +43,17 @@ class Convolution : public LayerBase {
   /// Brings descriptors, output shape and algorithm up to date with the input's shape; makes no
   /// call if it is the last one.
   void configure(int4 shape) {
-    if (shape.x == inputShape_.x && shape.y == inputShape_.y && shape.z == inputShape_.z &&
-        shape.w == inputShape_.w) {
-      return;
-    }
-    // Forgotten first and remembered last: after a failure half-way, the next call starts afresh.
-    inputShape_ = {0, 0, 0, 0};
-    describe(input_, shape);
-    CheckCudnn(cudnnGetConvolution2dForwardOutputDim(convolution_, input_, filterShape_,
-                                                     &outputShape_.x, &outputShape_.y,
-                                                     &outputShape_.z, &outputShape_.w));
-    describe(output_, outputShape_);
-    describe(biasShape_, {1, outputShape_.y, 1, 1});
-    CheckCudnn(cudnnGetConvolutionForwardAlgorithm(
-        handle_, input_, filterShape_, convolution_, output_,
-        CUDNN_CONVOLUTION_FWD_SPECIFY_WORKSPACE_LIMIT, workspaceSize, &algorithm_));
-    inputShape_ = shape;
+    configured_.update(shape, [&] {
+      describe(input_, shape);
+      CheckCudnn(cudnnGetConvolution2dForwardOutputDim(convolution_, input_, filterShape_,
+                                                       &outputShape_.x, &outputShape_.y,
+                                                       &outputShape_.z, &outputShape_.w));
+      describe(output_, outputShape_);
+      describe(biasShape_, {1, outputShape_.y, 1, 1});
+      CheckCudnn(cudnnGetConvolutionForwardAlgorithm(
+          handle_, input_, filterShape_, convolution_, output_,
+          CUDNN_CONVOLUTION_FWD_SPECIFY_WORKSPACE_LIMIT, workspaceSize, &algorithm_));
+    });
   }
 
   // Destroyed from the last to the first: weights before descriptors, inputs before the rest.
@@ -68,7 +65,7 @@ class Convolution : public LayerBase {
   DeviceBuffer bias_;
   DeviceBuffer filter_;
   cudnnConvolutionFwdAlgo_t algorithm_ = {};
-  int4 inputShape_ = {0, 0, 0, 0};
+  ShapeCache configured_;
   int4 outputShape_ = {0, 0, 0, 0};
 };
 

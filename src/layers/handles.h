@@ -63,6 +63,25 @@ inline void describe(cudnnTensorDescriptor_t descriptor, int4 shape,
              file, line);
 }
 
+/// Remembers the shape that a layer is configured for.
+class ShapeCache {
+ public:
+  /// Calls configure() unless `shape` is the one of the last call. Forgets that one first and
+  /// remembers the new one last: after a failure half-way, the next call starts afresh.
+  template <class Configure>
+  void update(int4 shape, const Configure& configure) {
+    const bool same =
+        shape.x == shape_.x && shape.y == shape_.y && shape.z == shape_.z && shape.w == shape_.w;
+    if (same) return;
+    shape_ = {0, 0, 0, 0};
+    configure();
+    shape_ = shape;
+  }
+
+ private:
+  int4 shape_ = {0, 0, 0, 0};
+};
+
 /// Descriptors that all objects of a stateless layer share. They are made by the first call and
 /// never destroyed, on purpose: no GPU call may run in a static destructor.
 template <class Descriptors>

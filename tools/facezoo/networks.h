@@ -26,13 +26,3 @@ const KnownNetwork& findNetwork(const std::string& name);
 
 void addNetworkArgument(CLI::App& command, std::string& name);
 void addPrefixOption(CLI::App& command, std::string& prefix);
-
-/// Calls visit(name, elements, layer, role) for every array of the network, in order.
-template <class Visit>
-void forEachArray(const facezoo::NetworkTable& network, const std::string& prefix, Visit&& visit) {
-  for (const facezoo::LayerRow& layer : network.layers) {
-    facezoo::forEachWeight(layer, [&](const char* suffix, std::size_t elements, auto role) {
-      visit(prefix + layer.name + suffix, elements, layer, role);
-    });
-  }
-}

@@ -1,7 +1,5 @@
 #include "synthesis.h"
 
-#include "networks.h"
-
 #include <msgpack.hpp>
 
 #include <cmath>
@@ -38,19 +36,30 @@ struct Distribution {
 };
 
 Distribution distribution(const LayerRow& layer, WeightRole role) {
-  constexpr float kActivation = 128;  // about what pixels less their mean reach
-  const bool head = layer.kind == LayerKind::innerProduct;
+  constexpr float kActivation = 64;  // about what pixels less their mean reach; results come to 1
+  constexpr int kHidden = 1024;      // narrower inner products give results
+  const bool result = layer.kind == LayerKind::projection ||
+                      (layer.kind == LayerKind::innerProduct && layer.out < kHidden);
   switch (role) {
     case WeightRole::mean:
-      return {127, 8};
+      if (layer.kind == LayerKind::meanImage) return {127, 8};
+      return {0, 1};
     case WeightRole::bias:
-      return {0, head ? 0.1F : 1.0F};
+      return {0, result ? 0.1F : 1.0F};
+    case WeightRole::scale:
+    case WeightRole::variance:
+      return {1, 0.1F};
+    case WeightRole::shift:
+      return {0, 1};
     case WeightRole::filter:
       break;
   }
   const float fanIn = static_cast<float>(layer.in) * layer.kernel * layer.kernel;
-  // Rectified layers keep the mean square of their input; heads bring it down to about 1.
-  return {0, head ? std::sqrt(1 / fanIn) / kActivation : std::sqrt(2 / fanIn)};
+  if (result) return {0, std::sqrt(1 / fanIn) / kActivation};
+  // A ReLU takes half of the mean square away. The larger of two channels takes nothing, and the
+  // residual sums of such layers add to it.
+  const bool rectified = layer.kind != LayerKind::convolution || !layer.hasBias;
+  return {0, std::sqrt((rectified ? 2.0F : 0.7F) / fanIn)};
 }
 
 }  // namespace
@@ -58,13 +67,13 @@ Distribution distribution(const LayerRow& layer, WeightRole role) {
 void writeRandomWeights(const facezoo::NetworkTable& network, const std::string& prefix,
                         std::uint64_t seed, std::ostream& out) {
   std::uint32_t count = 0;
-  forEachArray(network, prefix, [&](auto&&...) { ++count; });
+  facezoo::forEachWeight(network.layers, prefix, [&](auto&&...) { ++count; });
   msgpack::packer<std::ostream> packer(out);
   packer.pack_map(count);
   Bell bell(seed);
   std::vector<float> values;
-  forEachArray(
-      network, prefix,
+  facezoo::forEachWeight(
+      network.layers, prefix,
       [&](const std::string& name, std::size_t elements, const LayerRow& layer, WeightRole role) {
         const Distribution shape = distribution(layer, role);
         values.resize(elements);

@@ -2,7 +2,6 @@
 
 #include "failure.h"
 #include "files.h"
-#include "networks.h"
 #include "weight_scan.h"
 
 #include <algorithm>
@@ -83,26 +82,28 @@ WeightFindings checkWeights(const WeightDocument& document, const facezoo::Netwo
 
   WeightFindings findings;
   std::unordered_set<const WeightArray*> used;
-  forEachArray(network, prefix, [&](const std::string& name, std::size_t elements, auto&&...) {
-    ++findings.expected;
-    const std::string expected =
-        ": expected " + std::to_string(elements * sizeof(float)) + " bytes of str, found ";
-    const auto found = byName.find(name);
-    if (found == byName.end()) {
-      findings.faults.push_back(name + expected + "none");
-      return;
-    }
-    const WeightArray& array = *found->second;
-    used.insert(&array);
-    if (!array.loadable()) {
-      findings.faults.push_back(name + expected + array.type);
-    } else if (array.payload.size() != elements * sizeof(float)) {
-      findings.faults.push_back(name + expected + std::to_string(array.payload.size()));
-    } else if (const std::size_t bad = summarize(array.payload).notFinite; bad > 0) {
-      findings.faults.push_back(name + ": expected finite values, found " + std::to_string(bad) +
-                                " of " + std::to_string(elements) + " NaN or infinite");
-    }
-  });
+  facezoo::forEachWeight(
+      network.layers, prefix, [&](const std::string& name, std::size_t elements, auto&&...) {
+        ++findings.expected;
+        const std::string expected =
+            ": expected " + std::to_string(elements * sizeof(float)) + " bytes of str, found ";
+        const auto found = byName.find(name);
+        if (found == byName.end()) {
+          findings.faults.push_back(name + expected + "none");
+          return;
+        }
+        const WeightArray& array = *found->second;
+        used.insert(&array);
+        if (!array.loadable()) {
+          findings.faults.push_back(name + expected + array.type);
+        } else if (array.payload.size() != elements * sizeof(float)) {
+          findings.faults.push_back(name + expected + std::to_string(array.payload.size()));
+        } else if (const std::size_t bad = summarize(array.payload).notFinite; bad > 0) {
+          findings.faults.push_back(name + ": expected finite values, found " +
+                                    std::to_string(bad) + " of " + std::to_string(elements) +
+                                    " NaN or infinite");
+        }
+      });
   for (const WeightArray& array : document.arrays())
     if (used.count(&array) == 0) findings.unused.push_back(array.name);
   return findings;

@@ -1,0 +1,63 @@
+/// @file
+#pragma once
+
+#include "layer.h"
+#include "layers/handles.h"
+
+#include <string>
+
+/// Batch normalization with stored statistics (Ioffe and Szegedy, 2015), per channel:
+/// y = gamma · (x - mean) / sqrt(var + epsilon) + beta. The shape stays.
+class BatchNormalization : public LayerBase {
+ public:
+  /// @param name full layer name; reads name + "-gamma", "-beta", "-avg_mean" and "-avg_var", one
+  ///        float per channel each
+  /// @param epsilon at least 1e-5, cuDNN's limit
+  /// @throws NetworkError 1, cudaError, cudnnStatus_t
+  BatchNormalization(std::string name, msgpack::v1::object& weights, int channels, double epsilon)
+      : epsilon_(epsilon) {
+    input_.create();
+    output_.create();
+    parameters_.create();
+    const auto read = [&](facezoo::DeviceBuffer& buffer, const char* suffix) {
+      buffer.allocate(channels);
+      readWeight(weights, name + suffix, channels * 4, buffer.get());
+    };
+    read(scale_, "-gamma");
+    read(shift_, "-beta");
+    read(mean_, "-avg_mean");
+    read(variance_, "-avg_var");
+  }
+
+  /// @param in of as many channels as the layer has; not checked
+  /// @throws cudnnStatus_t, TensorError 0
+  Tensor operator()(const Tensor& in) override {
+    const float one = 1.0F;
+    const float zero = 0.0F;
+    const int4 shape = in.base->shape;
+    configured_.update(shape, [&] {
+      facezoo::describe(input_, shape);
+      facezoo::describe(output_, shape);
+      CheckCudnn(cudnnDeriveBNTensorDescriptor(parameters_, input_, CUDNN_BATCHNORM_SPATIAL));
+    });
+    Tensor out(shape);
+    CheckCudnn(cudnnBatchNormalizationForwardInference(
+        handle_, CUDNN_BATCHNORM_SPATIAL, &one, &zero, input_, in.base->data, output_,
+        out.base->data, parameters_, scale_.get(), shift_.get(), mean_.get(), variance_.get(),
+        epsilon_));
+    return out;
+  }
+
+ private:
+  // Destroyed from the last to the first: vectors before descriptors, each in the order of
+  // creation.
+  facezoo::TensorDescriptor parameters_;
+  facezoo::TensorDescriptor output_;
+  facezoo::TensorDescriptor input_;
+  facezoo::DeviceBuffer variance_;
+  facezoo::DeviceBuffer mean_;
+  facezoo::DeviceBuffer shift_;
+  facezoo::DeviceBuffer scale_;
+  double epsilon_;
+  facezoo::ShapeCache configured_;
+};
