@@ -3,5 +3,12 @@
 #pragma once
 
 #include "DexpressionNet.h"
+#include "FANet.h"
 #include "GPU.h"
+#include "GoogLeNet.h"
+#include "GoogLeNetBN.h"
+#include "GoogLeNet_FAA1ch.h"
+#include "GoogLeNet_FAA3ch.h"
+#include "GoogLeNet_FAA3ch_12tasks.h"
+#include "LCNN29.h"
 #include "errors.h"

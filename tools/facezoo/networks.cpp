@@ -18,6 +18,13 @@ void withNetwork(const std::string& weightFile, int maxBatch, const std::string&
 const std::vector<KnownNetwork>& knownNetworks() {
   static const std::vector<KnownNetwork> networks = {
       {&facezoo::dexpressionNet, withNetwork<DexpressionNet>},
+      {&facezoo::faNet, withNetwork<FANet>},
+      {&facezoo::googLeNet, withNetwork<GoogLeNet>},
+      {&facezoo::googLeNetBN, withNetwork<GoogLeNetBN>},
+      {&facezoo::googLeNetFAA1ch, withNetwork<GoogLeNet_FAA1ch>},
+      {&facezoo::googLeNetFAA3ch, withNetwork<GoogLeNet_FAA3ch>},
+      {&facezoo::googLeNetFAA3ch12tasks, withNetwork<GoogLeNet_FAA3ch_12tasks>},
+      {&facezoo::lcnn29, withNetwork<LCNN29>},
   };
   return networks;
 }

@@ -1,0 +1,30 @@
+/// @file
+#pragma once
+
+#include "network.h"
+
+/// Describes a colour 224 × 224 face image by 1024 values: two vectors of 1024 features, one of a
+/// branch inside the trunk and one of its end, projected. `getOutputDim` is 2048, the length
+/// before.
+class FACEZOO_EXPORT GoogLeNetBN : public Network {
+ public:
+  GoogLeNetBN(const char* weightFile, int maxBatch, std::string prefix);
+  GoogLeNetBN(GoogLeNetBN& other);
+  ~GoogLeNetBN() override;
+
+  /// @param images device memory, batch × 224 × 224 × 3 bytes
+  /// @param out1 device memory, batch × 1024 floats
+  /// @param out2 host memory, batch floats, or null: per image the L2 norm of the 2048 values
+  /// before
+  ///        they are projected
+  int Forward(void* images, int batch, float* out1, float* out2) override;
+
+ private:
+  // A pair is a layer and its batch normalization. Layers go in reverse of this order.
+  Layer inMean_;
+  Layer conv1_[2], conv2Reduce_[2], conv2_[2];
+  Layer inceptions_[10];
+  Layer loss1Conv_[2], loss2Conv_[2];
+  Layer loss1Fc_[2], loss2Fc_[2];
+  Layer pca_;
+};

@@ -1,0 +1,22 @@
+/// @file
+#pragma once
+
+#include "network.h"
+
+/// Describes a colour 128 × 128 face image by 512 features.
+class FACEZOO_EXPORT LCNN29 : public Network {
+ public:
+  LCNN29(const char* weightFile, int maxBatch, std::string prefix);
+  LCNN29(LCNN29& other);
+  ~LCNN29() override;
+
+  /// @param images device memory, batch × 128 × 128 × 3 bytes
+  /// @param out1 device memory, batch × 512 floats; not normalized
+  /// @param out2 host memory, batch floats, or null: per image the L2 norm of the 8192 values of
+  /// the
+  ///        last feature map, which enter the fully connected layer
+  int Forward(void* images, int batch, float* out1, float* out2) override;
+
+ private:
+  Layer layers_[21];
+};
