@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the library for the CPU and runs a network on the sample portrait.
+# Builds the library for the CPU and runs the eight networks on the sample portrait.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -14,10 +14,15 @@ if ! { cmake --preset host -DFACEZOO_TESTS=OFF && cmake --build --preset host; }
 fi
 
 tool=build/host/bin/facezoo
-weights=build/DexpressionNet.weights
-[ -s "$weights" ] || "$tool" weights synth DexpressionNet -o "$weights" --seed 1
+weights=$(mktemp -p build)
+trap 'rm -f "$weights"' EXIT
 echo
-echo "The weights are synthetic: seeded random numbers, so the probabilities below show that the"
-echo "network runs, not what the face expresses."
-echo
-"$tool" run DexpressionNet -w "$weights" samples/portrait.jpg
+echo "The weights are synthetic: seeded random numbers, so the results below show that the networks"
+echo "run, not what the face expresses."
+for network in DexpressionNet FANet GoogLeNet GoogLeNetBN GoogLeNet_FAA1ch GoogLeNet_FAA3ch \
+  GoogLeNet_FAA3ch_12tasks LCNN29; do
+  echo
+  echo "$network"
+  "$tool" weights synth "$network" -o "$weights" --seed 1 >/dev/null
+  "$tool" run "$network" -w "$weights" samples/portrait.jpg
+done

@@ -81,6 +81,33 @@ class ToolTest(unittest.TestCase):
         self.assert_near(expected, list(map(float, row[1:])))
         self.assert_near(expected, list(map(float, below[len(name):].split())))
 
+    def test_runs_every_network(self):
+        two, twelve = {"mouth": 2, "eye": 3}, {
+            "eye": 3, "mouth": 2, "head": 2, "hair": 2, "eye_condition": 4, "mouth_open": 4,
+            "mouth_corner": 4, "yaw": 1, "pitch": 1, "blur": 1, "noise": 1, "luminance": 1}
+        for net, groups in dict(
+                FANet={"landmarks": 136, "norm": 1}, GoogLeNet={"features": 512, "norm": 1},
+                GoogLeNetBN={"features": 1024, "norm": 1}, LCNN29={"features": 512, "norm": 1},
+                GoogLeNet_FAA1ch=two, GoogLeNet_FAA3ch=two, GoogLeNet_FAA3ch_12tasks=twelve).items():
+            with self.subTest(net):
+                self.call("weights", "synth", net, "-o", "all")
+                self.assertRegex(self.call("weights", "check", net, "all"), rf"OK: \d+ .*{net}, 0")
+                run = "run", net, "-w", "all", "face.jpg", "--format"
+                line = json.loads(self.call(*run, "json"))
+                found = {name: value if isinstance(value, list) else [value]
+                         for name, value in line.items() if name != "image"}
+                self.assertEqual([*groups.items()], [(g, len(v)) for g, v in found.items()])
+                values = sum(found.values(), [])
+                self.assertGreater(max(values) - min(values), 0.1)
+                head, row = csv.reader(self.call(*run, "csv").splitlines())
+                self.assertEqual(len(head), len(row))
+                self.assertEqual([struct.pack("f", v) for v in values],
+                                 [struct.pack("f", float(cell)) for cell in row[1:]])
+                top, below = self.call(*run, "table").splitlines()
+                self.assertEqual(len(top), len(below))
+                shown = [[n for n, v in zip(top.split(), below.split()) if g in n] for g in groups]
+                self.assertTrue(all(shown), shown)
+
     def test_batches_and_sizes(self):
         png("dot", b"\x5a", 1, 1)  # as grey as the largest square of `big`
         png("big", bytes(3000) + b"\x5a" * 18000 + b"\xff" * 3000, 6000, 3)

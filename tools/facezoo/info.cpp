@@ -60,7 +60,7 @@ void info() {
                 table.channels, table.width, table.height);
     for (const facezoo::OutputGroup& group : table.outputs)
       std::printf(" %s (%d)", group.name, group.count);
-    std::printf("\n");
+    std::printf("%s\n", table.hasNorm ? " norm (1)" : "");
   }
   const std::vector<Device> devices = listDevices();
   printDevices(devices);

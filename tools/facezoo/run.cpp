@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <limits>
 #include <memory>
@@ -25,40 +26,63 @@ struct Options {
   std::vector<std::string> images;
 };
 
+/// What the network gives for one image, the norm included.
+std::vector<OutputGroup> groupsOf(const NetworkTable& network) {
+  std::vector<OutputGroup> groups(network.outputs.begin(), network.outputs.end());
+  if (network.hasNorm) groups.push_back({"norm", 1});
+  return groups;
+}
+
 /// Prints results, one line for each image.
 class Report {
  public:
   Report(const Options& options, const NetworkTable& network)
-      : format_(options.format), network_(network) {
-    for (const std::string& image : options.images) width_ = std::max(width_, columns(image));
+      : format_(options.format), groups_(groupsOf(network)) {
+    widths_.push_back(columns("image"));
+    for (const std::string& image : options.images)
+      widths_[0] = std::max(widths_[0], columns(image));
   }
 
-  void head() const {
+  void head() {
     if (format_ == "json") return;
-    std::vector<std::string> names;
-    for (const OutputGroup& group : network_.outputs)
-      for (int i = 0; i < group.count; ++i)
-        names.push_back(std::string(group.name) + "_" + std::to_string(i));
-    row("image", names);
+    std::vector<std::string> names = {"image"};
+    for (const OutputGroup& group : groups_) {
+      const bool single = group.count == 1;
+      for (int i = 0; i < shown(group); ++i)
+        names.push_back(group.name + (single ? "" : "_" + std::to_string(i)));
+      if (shown(group) < group.count) names.push_back("...");
+    }
+    constexpr std::size_t kNumber = 10;
+    for (std::size_t i = 1; i < names.size(); ++i)
+      widths_.push_back(names[i] == "..." ? 3 : std::max(kNumber, columns(names[i])));
+    row(names);
   }
 
-  void line(const std::string& image, const float* values) const {
+  /// @param values of all groups
+  void line(const std::string& image, const std::vector<float>& values) const {
+    const float* value = values.data();
     if (format_ == "json") {
       nlohmann::ordered_json line = {{"image", image}};
-      for (const OutputGroup& group : network_.outputs) {
-        line[group.name] = std::vector<float>(values, values + group.count);
-        values += group.count;
+      for (const OutputGroup& group : groups_) {
+        if (group.count == 1) {
+          line[group.name] = *value;
+        } else {
+          line[group.name] = std::vector<float>(value, value + group.count);
+        }
+        value += group.count;
       }
       std::puts(line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
       return;
     }
-    std::vector<std::string> cells(network_.outputDim);
-    for (std::string& cell : cells) {
-      char text[32];
-      std::snprintf(text, sizeof text, format_ == "csv" ? "%.9g" : "%.6f", *values++);
-      cell = text;
+    std::vector<std::string> cells = {image};
+    for (const OutputGroup& group : groups_) {
+      for (int i = 0; i < shown(group); ++i) {
+        cells.push_back(number(value[i]));
+      }
+      if (shown(group) < group.count) cells.emplace_back("...");
+      value += group.count;
     }
-    row(image, cells);
+    row(cells);
   }
 
  private:
@@ -68,23 +92,44 @@ class Report {
   }
 
   static std::string quoted(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
     std::string result = "\"";
     for (const char c : text) result += c == '"' ? "\"\"" : std::string(1, c);
     return result + "\"";
   }
 
-  void row(const std::string& image, const std::vector<std::string>& cells) const {
+  std::string number(float value) const {
     const bool csv = format_ == "csv";
-    const bool plain = !csv || image.find_first_of(",\"\r\n") == std::string::npos;
-    std::printf("%s", csv ? (plain ? image : quoted(image)).c_str() : printable(image).c_str());
-    if (!csv) std::printf("%*s", static_cast<int>(width_ - columns(image)), "");
-    for (const std::string& cell : cells) std::printf(csv ? ",%s" : "  %8s", cell.c_str());
+    char text[32];
+    std::snprintf(text, sizeof text, csv ? "%.9g" : std::abs(value) < 100 ? "%.6f" : "%.6g", value);
+    return text;
+  }
+
+  /// How many of its values a line holds. A table of hundreds of columns serves nobody.
+  int shown(const OutputGroup& group) const {
+    constexpr int kMost = 8;
+    constexpr int kFirst = 4;
+    return format_ == "table" && group.count > kMost ? kFirst : group.count;
+  }
+
+  /// The first cell is the image.
+  void row(const std::vector<std::string>& cells) const {
+    const bool csv = format_ == "csv";
+    std::printf("%s", (csv ? quoted(cells[0]) : printable(cells[0])).c_str());
+    if (!csv) std::printf("%*s", static_cast<int>(widths_[0] - columns(cells[0])), "");
+    for (std::size_t i = 1; i < cells.size(); ++i) {
+      if (csv) {
+        std::printf(",%s", cells[i].c_str());
+      } else {
+        std::printf("  %*s", static_cast<int>(widths_[i]), cells[i].c_str());
+      }
+    }
     std::printf("\n");
   }
 
   const std::string& format_;
-  const NetworkTable& network_;
-  std::size_t width_ = columns("image");
+  std::vector<OutputGroup> groups_;
+  std::vector<std::size_t> widths_;
 };
 
 /// Keeps the library's own lines off standard error, where the tool says one line of its own. With
@@ -132,10 +177,14 @@ void run(const Options& options) {
   const std::size_t batch = std::min<std::size_t>(options.batch, options.images.size());
   const auto runBatches = [&](Network& network) {
     const std::size_t imageBytes = std::size_t(table.channels) * table.width * table.height;
+    const std::size_t perImage = table.outputCount();
+    const bool onDevice = table.memory == facezoo::Results::onDevice;
     std::vector<unsigned char> pixels(batch * imageBytes);
-    std::vector<float> results(batch * table.outputDim);
+    std::vector<float> results(batch * perImage);
+    std::vector<float> norms(table.hasNorm ? batch : 0);
     DeviceBuffer input(pixels.size());
-    const Report report(options, table);
+    DeviceBuffer output(onDevice ? results.size() * sizeof(float) : 1);
+    Report report(options, table);
     for (std::size_t first = 0; first < options.images.size(); first += batch) {
       const std::size_t count = std::min(batch, options.images.size() - first);
       for (std::size_t i = 0; i < count; ++i)
@@ -143,10 +192,20 @@ void run(const Options& options) {
                   &pixels[i * imageBytes]);
       checkCall(cudaMemcpy(input.data(), pixels.data(), count * imageBytes, cudaMemcpyHostToDevice),
                 "copy of images to the device");
-      network.Forward(input.data(), static_cast<int>(count), results.data(), nullptr);
+      network.Forward(input.data(), static_cast<int>(count),
+                      onDevice ? static_cast<float*>(output.data()) : results.data(),
+                      table.hasNorm ? norms.data() : nullptr);
+      if (onDevice) {
+        checkCall(cudaMemcpy(results.data(), output.data(), count * perImage * sizeof(float),
+                             cudaMemcpyDeviceToHost),
+                  "copy of results from the device");
+      }
       if (first == 0) report.head();
-      for (std::size_t i = 0; i < count; ++i)
-        report.line(options.images[first + i], &results[i * table.outputDim]);
+      for (std::size_t i = 0; i < count; ++i) {
+        std::vector<float> values(&results[i * perImage], &results[i * perImage] + perImage);
+        if (table.hasNorm) values.push_back(norms[i]);
+        report.line(options.images[first + i], values);
+      }
     }
   };
   try {
@@ -183,6 +242,7 @@ void addRun(CLI::App& tool) {
   command->footer(
       "Images are turned grey for a network of one channel, cropped around their centre to its\n"
       "aspect ratio, then resampled to its size. An orientation tag is ignored.\n"
+      "A table shows the first values of a long group; JSON and CSV hold all of them.\n"
       "Example: facezoo run DexpressionNet -w weights.msgpack --format json face.jpg");
   command->callback([options] { run(*options); });
 }
