@@ -1,14 +1,23 @@
+#include "layers/batch_norm.h"
 #include "layers/cba.h"
 #include "layers/concat.h"
+#include "layers/conv.h"
+#include "layers/eltwise.h"
+#include "layers/inception_mfm.h"
+#include "layers/inception_v1.h"
+#include "layers/inception_v3.h"
 #include "layers/inner_product.h"
+#include "layers/l2_norm.h"
 #include "layers/lrn.h"
 #include "layers/pool.h"
+#include "layers/projection.h"
 #include "layers/relu.h"
 #include "layers/softmax.h"
 #include "layers/transform.h"
 #include "reference.h"
 
 #include <array>
+#include <cmath>
 #include <limits>
 #include <tuple>
 
@@ -16,6 +25,7 @@ namespace facezoo::test {
 namespace {
 
 using testing::PrintToString;
+using Shape = std::array<int, 4>;  // n, c, h, w
 constexpr double epsilon = std::numeric_limits<float>::epsilon();
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 constexpr float infinity = std::numeric_limits<float>::infinity();
@@ -24,7 +34,7 @@ struct LayerTest : DeviceTest {
   // Blocks nobody has written to, so that an output element left out shows.
   void freshPool() {
     freePool();
-    preparePool(4 << 20, 6);
+    preparePool(4 << 20, 7);
   }
   void SetUp() override {
     DeviceTest::SetUp();
@@ -38,13 +48,9 @@ Tensor upload(const Image4& x) {
 
 TEST_F(LayerTest, InputConversion) {
   const std::vector<float> channelMean = {104, 117, 123};
-  using Case = std::array<int, 4>;
-  for (const Case& shape : {Case{1, 1, 1, 1},
-                            {1, 2, 2, 3},
-                            {5, 1, 33, 3},
-                            {2, 33, 31, 1},
-                            {5, 7, 64, 3},
-                            {2, 65, 3, 2}}) {
+  const Shape shapes[] = {{1, 1, 1, 1},   {1, 2, 2, 3},  {5, 1, 33, 3},  // n, h, w, c
+                          {2, 33, 31, 1}, {5, 7, 64, 3}, {2, 65, 3, 2}};
+  for (const Shape& shape : shapes) {
     SCOPED_TRACE(PrintToString(shape));
     const int n = shape[0], h = shape[1], w = shape[2], c = shape[3];
     const auto bytes = seededBytes(static_cast<std::size_t>(n) * h * w * c, 1);
@@ -53,22 +59,16 @@ TEST_F(LayerTest, InputConversion) {
     weights.add("inMean-0", meanImage);
     const auto check = [&](TransformNHWC2NCHW&& layer, const std::vector<float>& mean) {
       freshPool();
-      const Image4 expected = convertInput(bytes, n, h, w, c, mean);
+      const Image4 expected = convertInput({n, h, w, c, {bytes.begin(), bytes.end()}}, mean);
       expectClose(layer(test::upload(bytes, {n, h, w, c})), expected, expected, epsilon);
     };
     check(TransformNHWC2NCHW("inMean"), {});
     check(TransformNHWC2NCHW("inMean", channelMean.data()), {&channelMean[0], &channelMean[0] + c});
     check(TransformNHWC2NCHW("inMean", weights.root(), w, h, c), meanImage);
   }
-  // A mean image has the order of the bytes, not that of the result.
-  Document weights;
-  weights.add("inMean-0", {0, 10, 20, 1, 11, 21});
-  TransformNHWC2NCHW layer("inMean", weights.root(), 2, 1, 3);
-  const std::vector<std::uint8_t> bytes = {0, 10, 20, 1, 11, 25};
-  expectEqual(layer(test::upload(bytes, {1, 1, 2, 3})), {1, 3, 1, 2, {0, 0, 0, 0, 0, 4}});
 }
 
-TEST_F(LayerTest, FusedConvolution) {
+TEST_F(LayerTest, Convolution) {
   // n, c, h, w, outputs, kernel, stride, padded, Ho, Wo
   const std::array<int, 10> cases[] = {
       {1, 1, 1, 1, 1, 1, 1, 1, 1, 1},       {5, 1, 1, 1, 3, 3, 1, 1, 1, 1},
@@ -85,66 +85,97 @@ TEST_F(LayerTest, FusedConvolution) {
     const auto filter = seededValues(static_cast<std::size_t>(outputs) * taps, 1);
     const auto bias = seededValues(outputs, 2);
     Document weights;
-    weights.add("conv-0", filter).add("conv-1", bias);
-    CBA layer("conv", weights.root(), c, outputs, kernel, stride, padded != 0);
-    // The second batch size makes the layer adapt what it has prepared for the first.
+    weights.add("biased-0", filter).add("biased-1", bias).add("bare-0", filter);
+    auto& root = weights.root();
+    const bool pads = padded != 0;
+    CBA fused("biased", root, c, outputs, kernel, stride, pads);
+    Convolution2D biased("biased", root, c, outputs, kernel, stride, pads, false);
+    Convolution2D bare("bare", root, c, outputs, kernel, stride, pads, true);
+    // The second batch size makes the layers adapt what they have prepared for the first.
     for (int n : {batch, batch + 1}) {
-      freshPool();
       const Image4 x = seededImage(n, c, h, w, 3);
-      const int pad = padded != 0 ? kernel / 2 : 0;
-      const Image4 expected = relu(convolution(x, filter, bias, kernel, stride, pad));
-      EXPECT_EQ(std::pair(outH, outW), std::pair(expected.h, expected.w));
-      // Algorithms that transform tiles round a few dozen times more than they have products.
-      expectClose(layer(upload(x)), expected,
-                  convolutionScale(x, filter, bias, kernel, stride, pad), roundings(taps, 32));
+      const int pad = pads ? kernel / 2 : 0;
+      const Image4 sums = convolution(x, filter, bias, kernel, stride, pad);
+      const Image4 scale = convolutionScale(x, filter, bias, kernel, stride, pad);
+      EXPECT_EQ(std::pair(outH, outW), std::pair(sums.h, sums.w));
+      const auto check = [&](LayerBase& layer, const Image4& expected) {
+        freshPool();
+        // Algorithms that transform tiles round a few dozen times more than they have products.
+        expectClose(layer(upload(x)), expected, scale, roundings(taps, 32));
+      };
+      check(fused, relu(sums));
+      check(biased, sums);
+      check(bare, convolution(x, filter, {}, kernel, stride, pad));
     }
   }
-  // Below zero is exactly zero.
-  Document weights;
-  weights.add("conv-0", {1, -1}).add("conv-1", {-0.5F, 0});
-  CBA layer("conv", weights.root(), 1, 2, 1, 1, false);
-  expectEqual(layer(upload({1, 1, 1, 3, {-2, 0.25, 2}})), {1, 2, 1, 3, {0, 0, 1.5, 2, 0, 0}});
 }
 
-TEST_F(LayerTest, InnerProduct) {
-  using Case = std::array<int, 5>;  // n, c, h, w, outputs
-  for (const Case& t : {Case{1, 1, 1, 1, 1},
-                        {1, 3, 5, 7, 11},
-                        {2, 3, 5, 7, 11},
-                        {5, 512, 6, 6, 3},
-                        {1, 512, 6, 6, 3},
-                        {5, 37, 1, 1, 130}})
-    for (bool noBias : {false, true}) {
-      SCOPED_TRACE(PrintToString(t) + (noBias ? " without bias" : ""));
-      freshPool();
-      const Image4 x = seededImage(t[0], t[1], t[2], t[3], 1);
-      const int inputs = flat(x).c, outputs = t[4];
-      const auto matrix = seededValues(static_cast<std::size_t>(outputs) * inputs, 2);
-      const auto bias = seededValues(noBias ? 0 : outputs, 3, 1, 2);
-      Document weights;
-      weights.add("fc-0", matrix);
-      if (!noBias) weights.add("fc-1", bias);
-      InnerProduct layer("fc", weights.root(), inputs, outputs, noBias);
-      expectClose(layer(upload(x)), convolution(flat(x), matrix, bias, 1, 1, 0),
-                  convolutionScale(flat(x), matrix, bias, 1, 1, 0), roundings(inputs));
+TEST_F(LayerTest, MatrixProducts) {
+  const std::array<int, 5> cases[] = {// n, c, h, w, outputs
+                                      {1, 1, 1, 1, 1},     {1, 3, 5, 7, 11},  {2, 3, 5, 7, 11},
+                                      {5, 512, 6, 6, 3},   {1, 512, 6, 6, 3}, {5, 37, 1, 1, 130},
+                                      {1, 512, 2, 2, 130}, {5, 2048, 1, 1, 7}};
+  for (const auto& t : cases) {
+    const auto& [n, c, h, w, outputs] = t;
+    SCOPED_TRACE(PrintToString(t));
+    Image4 x = seededImage(n, c, h, w, 1);
+    const int inputs = flat(x).c;
+    const auto matrix = seededValues(static_cast<std::size_t>(outputs) * inputs, 2);
+    const auto bias = seededValues(outputs, 3, 1, 2), mean = seededValues(inputs, 4, 1, 2);
+    Document weights;
+    weights.add("fc-0", matrix).add("fc-1", bias).add("bare-0", matrix);
+    weights.add("pca-0", matrix).add("pca-1", mean);
+    freshPool();
+    const Tensor in = upload(x);
+    const auto check = [&](LayerBase&& layer, const std::vector<float>& added) {
+      expectClose(layer(in), convolution(flat(x), matrix, added, 1, 1, 0),
+                  convolutionScale(flat(x), matrix, added, 1, 1, 0), roundings(inputs));
+      expectEqual(in, x);
+    };
+    check(InnerProduct("fc", weights.root(), inputs, outputs, false), bias);
+    check(InnerProduct("bare", weights.root(), inputs, outputs, true), {});
+    // A projection leaves its input without the mean, and takes it away again the next time.
+    for (int times = 0; inputs == 2048 && times < 2; ++times) {
+      for (std::size_t i = 0; i < x.v.size(); ++i)
+        x.v[i] = static_cast<float>(x.v[i] - mean[i % inputs]);
+      check(Projection("pca", weights.root(), outputs), {});
     }
+  }
+}
+
+TEST_F(LayerTest, BatchNormalization) {
+  using Case = std::pair<Shape, double>;
+  for (const auto& [t, added] :
+       {Case{{5, 17, 5, 7}, 1e-2}, {{1, 1024, 1, 1}, 1e-5}, {{2, 64, 14, 14}, 1e-3}}) {
+    SCOPED_TRACE(PrintToString(t));
+    freshPool();
+    // All terms above zero: nothing cancels, and the result is the scale of its rounding errors.
+    const Image4 x = seededImage(t[0], t[1], t[2], t[3], 5, 0, 2);
+    std::array<std::vector<float>, 4> parameters = {
+        seededValues(x.c, 1, 0.5, 2), seededValues(x.c, 2, 0.5, 2), seededValues(x.c, 3, -3, -1),
+        seededValues(x.c, 4, 0.1, 4)};
+    parameters[3][0] = 0;
+    Document weights;
+    weights.add("bn-gamma", parameters[0]).add("bn-beta", parameters[1]);
+    weights.add("bn-avg_mean", parameters[2]).add("bn-avg_var", parameters[3]);
+    const Tensor in = upload(x);
+    const Image4 expected = batchNormalization(x, parameters, added);
+    expectClose(BatchNormalization("bn", weights.root(), x.c, added)(in), expected, expected,
+                roundings(4));
+    expectEqual(in, x);
+  }
 }
 
 TEST_F(LayerTest, LocalResponseNormalization) {
   // One object and alternating parameters: nothing of one call may reach the next.
   LocalResponseNormalization layer;
-  using Case = std::tuple<std::array<int, 4>, unsigned, float, float, float>;
-  for (const Case& t : {Case{{1, 1, 1, 1}, 5, 1e-4F, 0.75F, 1.0F},
-                        {{5, 3, 3, 5}, 5, 5e-4F, 0.75F, 2.0F},
-                        {{2, 4, 7, 7}, 5, 1e-4F, 0.75F, 1.0F},
-                        {{2, 64, 14, 13}, 5, 5e-4F, 0.75F, 2.0F},
-                        {{1, 17, 9, 16}, 3, 1e-2F, 0.5F, 1.5F},
-                        {{5, 9, 1, 2}, 4, 1e-2F, 0.6F, 1.0F}}) {
-    const auto& [shape, size, alpha, beta, k] = t;
-    SCOPED_TRACE(PrintToString(t));
+  const Image4 x = seededImage(2, 17, 9, 5, 1, -200, 200);
+  using Case = std::array<float, 4>;
+  for (const auto& [window, alpha, beta, k] :
+       {Case{5, 1e-4F, 0.75F, 1}, {5, 5e-4F, 0.75F, 2}, {3, 1e-2F, 0.5F, 1.5F}, {4, 0.1F, 1, 1}}) {
     freshPool();
-    const Image4 x = seededImage(shape[0], shape[1], shape[2], shape[3], 1, -200, 200);
-    const Image4 expected = lrn(x, static_cast<int>(size), alpha, beta, k);
+    const auto size = static_cast<unsigned>(window);
+    const Image4 expected = lrn(x, window, alpha, beta, k);
     // The power may cost a dozen roundings more.
     expectClose(layer(upload(x), size, alpha, beta, k), expected, expected, roundings(size, 16));
   }
@@ -153,14 +184,11 @@ TEST_F(LayerTest, LocalResponseNormalization) {
 TEST_F(LayerTest, ReluKeepsNan) {
   expectEqual(Relu()(upload({1, 2, 1, 3, {-3.5, 0, 2.25, nan, infinity, -infinity}})),
               {1, 2, 1, 3, {0, 0, 2.25, nan, infinity, 0}});
-  const Image4 x = seededImage(5, 3, 7, 9, 1);
-  expectEqual(Relu()(upload(x)), relu(x));
 }
 
 TEST_F(LayerTest, Softmax) {
-  using Case = std::array<int, 4>;
-  for (const Case& t :
-       {Case{1, 1, 3, 2}, {1, 2, 1, 1}, {5, 3, 1, 1}, {5, 26, 1, 1}, {2, 4, 3, 5}}) {
+  for (const Shape& t :
+       {Shape{1, 1, 3, 2}, {1, 2, 1, 1}, {5, 3, 1, 1}, {5, 26, 1, 1}, {2, 4, 3, 5}}) {
     SCOPED_TRACE(PrintToString(t));
     freshPool();
     const Image4 x = seededImage(t[0], t[1], t[2], t[3], 1, -20, 20);
@@ -178,8 +206,9 @@ TEST_F(LayerTest, Pooling) {
       {1, 1, 1, 1, 1, 1, 0, 1, 1},       {1, 1, 2, 2, 3, 2, 0, 1, 1},
       {1, 3, 112, 112, 3, 2, 0, 56, 56}, {5, 2, 28, 28, 3, 1, 1, 28, 28},
       {2, 3, 14, 14, 3, 2, 0, 7, 7},     {2, 3, 7, 7, 5, 3, 0, 2, 2},
-      {5, 3, 7, 7, 7, 1, 0, 1, 1},       {2, 5, 13, 10, 3, 2, 1, 7, 6},
-      {1, 2, 6, 9, 2, 2, 0, 3, 5},       {1, 16, 9, 33, 3, 1, 1, 9, 33}};
+      {1, 2, 16, 16, 5, 3, 0, 5, 5},     {5, 3, 7, 7, 7, 1, 0, 1, 1},
+      {2, 5, 13, 10, 3, 2, 1, 7, 6},     {1, 2, 6, 9, 2, 2, 0, 3, 5},
+      {1, 16, 9, 33, 3, 1, 1, 9, 33}};
   for (const auto& t : cases)
     for (bool withNan : {false, true}) {
       const auto& [n, c, h, w, window, stride, pad, outH, outW] = t;
@@ -195,30 +224,83 @@ TEST_F(LayerTest, Pooling) {
       expectClose(AveragePooling()(upload(x), window, stride, pad), average, average,
                   roundings(window * window));
     }
-  const Image4 border{1, 1, 3, 3, {4, 6, 4, 6, 9, 6, 4, 6, 4}};
-  expectClose(AveragePooling()(upload({1, 1, 3, 3, std::vector<double>(9, 9)}), 3, 1, 1), border,
-              border, roundings(9));
 }
 
-TEST_F(LayerTest, Concatenation) {
-  using Case = std::tuple<std::array<int, 3>, std::vector<int>>;  // n, h, w and the channels
-  for (const Case& t : {Case{{1, 1, 1}, {2, 3}},
-                        {{2, 28, 28}, {64, 32}},
-                        {{5, 3, 5}, {4}},
-                        {{2, 7, 3}, {1, 5, 2, 3}}}) {
-    const auto& [shape, channels] = t;
+TEST_F(LayerTest, ElementWise) {
+  SliceEltwiseMax largerOf;
+  EltwiseSum sumOf;
+  for (const Shape& t : {Shape{1, 2, 1, 1}, {5, 6, 3, 5}, {2, 4, 16, 32}, {2, 10, 33, 31}}) {
     SCOPED_TRACE(PrintToString(t));
     freshPool();
-    std::vector<Image4> parts;
-    std::vector<Tensor> tensors;
-    for (int c : channels) {
-      parts.push_back(seededImage(shape[0], c, shape[1], shape[2], c));
-      tensors.push_back(upload(parts.back()));
+    Image4 a = seededImage(t[0], t[1], t[2], t[3], 1), b = seededImage(t[0], t[1], t[2], t[3], 2);
+    a.v[0] = b.v[0] = 1e-40F;
+    const Tensor left = upload(a), right = upload(b);
+    Image4 sum = a;
+    for (std::size_t i = 0; i < sum.v.size(); ++i) sum.v[i] = static_cast<float>(a.v[i] + b.v[i]);
+    expectEqual(largerOf(left), sliceMax(a));
+    expectEqual(sumOf(left, right), sum);
+    expectEqual(left, a);
+    expectEqual(right, b);
+    EXPECT_EQ(left.base, static_cast<LayerBase&>(sumOf)(left).base);
+  }
+  expectEqual(largerOf(upload({1, 2, 1, 4, {nan, 1, nan, -1e-40F, 2, nan, nan, -1}})),
+              {1, 1, 1, 4, {nan, 1, nan, -1e-40F}});
+  EXPECT_THROW(largerOf(upload(zeros(1, 3, 2, 2))), TensorError);
+}
+
+TEST_F(LayerTest, L2NormIsTheSequentialLoopBitForBit) {
+  L2Norm layer;
+  const Shape shapes[] = {{2, 1, 1, 1},    {129, 4, 1, 1}, {129, 5, 1, 1}, {300, 7, 1, 1},
+                          {5, 2048, 1, 1}, {5, 128, 8, 8}, {5, 512, 6, 6}};
+  std::vector<Image4> inputs = {{5, 2, 1, 1, {0, 0, 3, 4, 1e-22F, 1e-22F, infinity, 1, nan, 1}}};
+  for (const Shape& t : shapes) inputs.push_back(seededImage(t[0], t[1], t[2], t[3], 1, -100, 100));
+  for (const Image4& x : inputs) {
+    SCOPED_TRACE(testing::Message() << x.n << " samples of " << x.index(1, 0, 0, 0));
+    Image4 norms = zeros(x.n, 1, 1, 1);
+    for (int n = 0; n < x.n; ++n) {
+      float sum = 0;
+      for (std::size_t i = x.index(n, 0, 0, 0); i < x.index(n + 1, 0, 0, 0); ++i)
+        sum = std::fmaf(static_cast<float>(x.v[i]), static_cast<float>(x.v[i]), sum);
+      norms.v[n] = std::sqrt(sum);
     }
-    const Tensor joined = Concat()(tensors);
-    EXPECT_NE(tensors.front().base, joined.base);
-    expectEqual(joined, concat(parts));
-    expectEqual(tensors.back(), parts.back());
+    freshPool();
+    const Tensor in = upload(x);
+    expectEqual(layer(in), norms);
+    expectEqual(in, x);
+  }
+}
+
+using Weights = msgpack::v1::object;
+template <class Block, class... Sizes>
+std::function<std::unique_ptr<LayerBase>(Weights&)> block(Sizes... sizes) {
+  return [=](Weights& weights) { return std::make_unique<Block>("b/", weights, sizes...); };
+}
+
+TEST_F(LayerTest, Blocks) {
+  const struct {
+    const char* step;
+    Shape shape;
+    std::function<std::unique_ptr<LayerBase>(Weights&)> create;
+  } cases[] = {
+      {"v1:b/ 3 4 5 2 7 6", {2, 8, 7, 5}, block<InceptionV1>(8, 3, 4, 5, 2, 7, 6)},
+      {"v1:b/ 3 4 5 2 7 6", {5, 8, 1, 1}, block<InceptionV1>(8, 3, 4, 5, 2, 7, 6)},
+      {"v3:b/ 3 4 5 2 7 6 0", {2, 8, 7, 5}, block<InceptionV3_1>(8, 3, 4, 5, 2, 7, 6, false)},
+      {"v3:b/ 3 4 5 2 7 6 1", {2, 8, 7, 5}, block<InceptionV3_1>(8, 3, 4, 5, 2, 7, 6, true)},
+      {"v3:b/ 5 4 3 7 2 6 0", {5, 3, 1, 1}, block<InceptionV3_1>(3, 5, 4, 3, 7, 2, 6, false)},
+      {"v3:b/ 0 128 3 4 5", {2, 8, 6, 10}, block<InceptionV3_2>(8, 3, 4, 5)},
+      {"residual:b/", {2, 6, 7, 5}, block<InceptionMFM>(6)},
+      {"residual:b/", {5, 1, 1, 1}, block<InceptionMFM>(1)}};
+  for (const auto& t : cases) {
+    SCOPED_TRACE(testing::Message() << t.step << " on " << PrintToString(t.shape));
+    const Image4 x = seededImage(t.shape[0], t.shape[1], t.shape[2], t.shape[3], 1, -60, 60);
+    Chain chain;
+    const Image4 expected = chain.run(t.step, x);
+    Document weights;
+    for (const auto& [name, values] : chain.weights) weights.add(name, values);
+    freshPool();
+    const Tensor in = upload(x);
+    expectClose(t.create(weights.root())->operator()(in), expected, largest(expected), 1e-4);
+    expectEqual(in, x);
   }
 }
 

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
+#include <numeric>
+#include <sstream>
 
 namespace facezoo::test {
 namespace {
@@ -33,13 +36,11 @@ Image4 seededImage(int n, int c, int h, int w, unsigned seed, double low, double
 
 Image4 flat(const Image4& x) { return {x.n, x.c * x.h * x.w, 1, 1, x.v}; }
 
-Image4 convertInput(const std::vector<std::uint8_t>& bytes, int n, int h, int w, int c,
-                    const std::vector<float>& mean) {
-  const bool perChannel = mean.size() == static_cast<std::size_t>(c);
-  return generate(n, c, h, w, [&](int in, int ic, int iy, int ix) {
-    const std::size_t at = (static_cast<std::size_t>(iy) * w + ix) * c + ic;
-    const double m = mean.empty() ? 0 : mean[perChannel ? ic : at];
-    return bytes[static_cast<std::size_t>(in) * h * w * c + at] - m;
+Image4 convertInput(const Image4& bytes, const std::vector<float>& mean) {
+  const bool perChannel = mean.size() == static_cast<std::size_t>(bytes.w);
+  return generate(bytes.n, bytes.w, bytes.c, bytes.h, [&](int n, int c, int y, int x) {
+    const double m = mean.empty() ? 0 : mean[perChannel ? c : bytes.index(0, y, x, c)];
+    return bytes.at(n, y, x, c) - m;
   });
 }
 
@@ -134,6 +135,157 @@ Image4 concat(const std::vector<Image4>& parts) {
   return y;
 }
 
+Image4 batchNormalization(const Image4& x, const std::array<std::vector<float>, 4>& p,
+                          double epsilon) {
+  return generate(x.n, x.c, x.h, x.w, [&](int n, int c, int i, int j) {
+    return p[0][c] * (x.at(n, c, i, j) - p[2][c]) / std::sqrt(p[3][c] + epsilon) + p[1][c];
+  });
+}
+
+Image4 sliceMax(const Image4& x) {
+  return generate(x.n, x.c / 2, x.h, x.w, [&](int n, int c, int i, int j) {
+    const double first = x.at(n, c, i, j), second = x.at(n, c + x.c / 2, i, j);
+    return first < second ? second : first;
+  });
+}
+
+namespace {
+
+using Weights = std::map<std::string, std::vector<float>>;
+using Sizes = std::vector<double>;
+constexpr double pixels = 60;  // the scale of most activations
+
+const std::vector<float>& get(Weights& weights, const std::string& name, int count, double low,
+                              double high) {
+  const auto [entry, added] = weights.try_emplace(name);
+  if (added) entry->second = seededValues(count, static_cast<unsigned>(weights.size()), low, high);
+  return entry->second;
+}
+
+double rootMeanSquare(const Image4& x) {
+  return std::sqrt(std::inner_product(x.v.begin(), x.v.end(), x.v.begin(), 0.0) /
+                   static_cast<double>(x.v.size()));
+}
+
+/// @param s outputs, kernel (1), stride (1), padding (what keeps the size at stride 1)
+Image4 sums(Weights& w, const std::string& name, const Image4& x, const Sizes& s, double scale,
+            bool hasBias = true) {
+  const auto size = [&](std::size_t i, int most) {
+    return static_cast<int>(i < s.size() ? s[i] : most);
+  };
+  const int outputs = size(0, 0), kernel = size(1, 1), taps = x.c * kernel * kernel;
+  const double range = scale / rootMeanSquare(x) * std::sqrt(3.0 / taps);
+  const std::vector<float>& filter = get(w, name + "-0", taps * outputs, -range, range);
+  std::vector<float> bias;
+  if (hasBias) bias = get(w, name + "-1", outputs, -scale / 2, scale / 2);
+  return convolution(x, filter, bias, kernel, size(2, 1), size(3, kernel / 2));
+}
+
+Image4 cba(Weights& w, const std::string& name, const Image4& x, const Sizes& s) {
+  return relu(sums(w, name, x, s, pixels));
+}
+
+Image4 normalized(Weights& w, const std::string& name, const Image4& x, const Sizes& s) {
+  const Image4 y = sums(w, name, x, s, 0.1, false);  // so small that epsilon shows
+  const double r = rootMeanSquare(y);
+  const auto each = [&](const char* suffix, double low, double high) {
+    return get(w, name + "/bn-" + suffix, y.c, low, high);
+  };
+  return relu(
+      batchNormalization(y,
+                         {each("gamma", 0.5, 1.5), each("beta", -0.5, 0.5),
+                          each("avg_mean", -r / 2, r / 2), each("avg_var", r * r / 2, 2 * r * r)},
+                         1e-5));
+}
+
+Image4 projection(Weights& w, const std::string& name, Image4 x, const Sizes& s) {
+  const double r = rootMeanSquare(x);
+  const std::vector<float>& mean = get(w, name + "-1", x.c, -r, r);
+  for (std::size_t i = 0; i < x.v.size(); ++i) x.v[i] -= mean[i % x.c];
+  return sums(w, name, x, s, 1, false);
+}
+
+Image4 v1(Weights& w, const std::string& p, const Image4& x, const Sizes& s) {
+  return concat({cba(w, p + "1x1", x, {s.at(0)}),
+                 cba(w, p + "3x3", cba(w, p + "3x3_reduce", x, {s.at(1)}), {s.at(2), 3}),
+                 cba(w, p + "5x5", cba(w, p + "5x5_reduce", x, {s.at(3)}), {s.at(4), 5}),
+                 cba(w, p + "pool_proj", pool(x, Pool::max, 3, 1, 1), {s.at(5)})});
+}
+
+/// @param s the constructor's widths and flag; without a first branch, the block that halves
+Image4 v3(Weights& w, const std::string& p, const Image4& x, const Sizes& s) {
+  const bool halves = s.at(0) == 0;
+  const double stride = halves ? 2 : 1;
+  std::vector<Image4> parts;
+  if (!halves) parts.push_back(normalized(w, p + "1x1", x, {s.at(0)}));
+  Image4 y = normalized(w, p + "3x3_reduce", x, {s.at(1)});
+  parts.push_back(normalized(w, p + "3x3", y, {s.at(2), 3, stride}));
+  y = normalized(w, p + "double3x3_reduce", x, {s.at(3)});
+  y = normalized(w, p + "double3x3a", y, {s.at(4), 3});
+  parts.push_back(normalized(w, p + "double3x3b", y, {s.at(4), 3, stride}));
+  y = halves ? pool(x, Pool::max, 3, 2, 0)
+             : pool(x, s.at(6) != 0 ? Pool::max : Pool::average, 3, 1, 1);
+  parts.push_back(halves ? y : normalized(w, p + "pool_proj", y, {s.at(5)}));
+  return concat(parts);
+}
+
+Image4 residual(Weights& w, const std::string& name, const Image4& x) {
+  const double outputs = 2 * x.c;
+  Image4 y = sliceMax(sums(w, name + "_conv1", x, {outputs, 3}, pixels));
+  y = sliceMax(sums(w, name + "_conv2", y, {outputs, 3}, pixels));
+  for (std::size_t i = 0; i < y.v.size(); ++i) y.v[i] += x.v[i];
+  return y;
+}
+
+}  // namespace
+
+Image4 Chain::run(const std::string& steps, Image4 x) {
+  std::istringstream all(steps);
+  for (std::string step; std::getline(all, step, ';');) {
+    std::istringstream words(step);
+    std::string layer, name;
+    std::getline(std::getline(words >> std::ws, layer, ':'), name, ' ');
+    const Sizes s{std::istream_iterator<double>(words), {}};
+    const int size = s.empty() ? 0 : static_cast<int>(s[0]);
+    const auto join = [&](const std::string& to, const Image4& part) {
+      Image4& joined = kept[to];
+      joined = joined.v.empty() ? part : concat({joined, part});
+    };
+    if (layer == "image") x = convertInput(x, get(weights, "inMean-0", x.c * x.h * x.w, 100, 156));
+    if (layer == "means") x = convertInput(x, {s.begin(), s.end()});
+    if (layer == "cba") x = cba(weights, name, x, s);
+    if (layer == "conv") x = sums(weights, name, x, s, pixels);
+    if (layer == "normalized") x = normalized(weights, name, x, s);
+    if (layer == "flat") x = flat(x);
+    if (layer == "project") x = projection(weights, name, x, s);
+    if (layer == "max") x = pool(x, Pool::max, size, s.at(1), s.at(2));
+    if (layer == "avg") x = pool(x, Pool::average, size, s.at(1), s.at(2));
+    if (layer == "lrn") x = lrn(x, size, s.at(1), s.at(2), s.at(3));
+    if (layer == "relu") x = relu(x);
+    if (layer == "mfm") x = sliceMax(x);
+    if (layer == "v1") x = v1(weights, name, x, s);
+    if (layer == "v3") x = v3(weights, name, x, s);
+    if (layer == "residual") x = residual(weights, name, x);
+    if (layer == "norm")
+      kept["norm"] =
+          convolutionScale(flat(x), std::vector<float>(x.index(1, 0, 0, 0), 1), {}, 1, 1, 0);
+    if (layer == "set") kept[name] = x;
+    if (layer == "get") x = kept.at(name);
+    const std::string head = "loss3/classifier_" + name;
+    if (layer == "classify") join("heads", softmax(sums(weights, head, flat(x), s, 1)));
+    if (layer == "regress") join("heads", sums(weights, head, flat(x), s, 1));
+    if (layer == "join") join(name, x);
+  }
+  return x;
+}
+
+Image4 largest(Image4 x) {
+  double most = 0;
+  for (double value : x.v) most = std::max(most, std::abs(value));
+  std::fill(x.v.begin(), x.v.end(), most);
+  return x;
+}
+
 double roundings(double count, double more) {
   return (4 * std::sqrt(count) + more) * std::numeric_limits<float>::epsilon();
 }
@@ -146,10 +298,7 @@ void expectClose(const std::vector<float>& got, const Image4& expected, const Im
     const double e = expected.v[i];
     const double bound = relative * std::abs(scale.v[i]);
     if (std::isnan(e) ? std::isnan(got[i]) : e == got[i] || std::abs(e - got[i]) <= bound) continue;
-    const int row = i / expected.w, plane = row / expected.h;
-    ADD_FAILURE() << "n " << plane / expected.c << " c " << plane % expected.c << " h "
-                  << row % expected.h << " w " << i % expected.w << ": expected " << e << " ± "
-                  << bound << ", got " << got[i];
+    ADD_FAILURE() << "value " << i << ": expected " << e << " ± " << bound << ", got " << got[i];
     ++shown;
   }
 }

@@ -4,6 +4,9 @@
 
 #include "support.h"
 
+#include <array>
+#include <map>
+
 namespace facezoo::test {
 
 /// Values in the order of tensors: element (n, c, y, x) is at ((n·C + c)·H + y)·W + x.
@@ -21,9 +24,9 @@ Image4 seededImage(int n, int c, int h, int w, unsigned seed, double low = -1, d
 /// One image of n·h·w·c values becomes (n, c·h·w, 1, 1).
 Image4 flat(const Image4& x);
 
+/// @param bytes N, H, W, C, as in input tensors
 /// @param mean empty, one value per channel, or one per byte of an image, in their order
-Image4 convertInput(const std::vector<std::uint8_t>& bytes, int n, int h, int w, int c,
-                    const std::vector<float>& mean);
+Image4 convertInput(const Image4& bytes, const std::vector<float>& mean);
 /// @param bias one value per output, or empty
 Image4 convolution(const Image4& x, const std::vector<float>& filter,
                    const std::vector<float>& bias, int kernel, int stride, int pad);
@@ -38,10 +41,28 @@ enum class Pool { max, average };
 /// Positions beyond the padded input do not exist: they count neither as values nor in the divisor.
 Image4 pool(const Image4& x, Pool kind, int window, int stride, int pad);
 Image4 concat(const std::vector<Image4>& parts);
+/// @param parameters gamma, beta, mean and variance of each channel
+Image4 batchNormalization(const Image4& x, const std::array<std::vector<float>, 4>& parameters,
+                          double epsilon);
+/// The larger of each value in the first half of the channels and its partner in the second: a NaN
+/// in the first wins, a NaN in the second loses.
+Image4 sliceMax(const Image4& x);
+
+/// Chains of layers on seeded weights that are made when first asked for. They suit their input, so
+/// that each layer and each branch matters to the results, however deep.
+struct Chain {
+  std::map<std::string, std::vector<float>> weights;
+  std::map<std::string, Image4> kept;  ///< what "set", "join" and "norm" leave
+
+  /// @param steps "layer:NAME sizes", separated by ';'; the definition knows the layers
+  Image4 run(const std::string& steps, Image4 x);
+};
 
 /// What `count` roundings of terms of either sign add up to, and `more` in a row, as a share of the
 /// scale: like a random walk, with room for the few in a thousand that stray furthest.
 double roundings(double count, double more = 4);
+/// Every value the largest of x: the scale for results of many layers.
+Image4 largest(Image4 x);
 /// Expects the shape, and every value within `relative` times the same place's value in `scale`.
 void expectClose(const Tensor& got, const Image4& expected, const Image4& scale, double relative);
 void expectClose(const std::vector<float>& got, const Image4& expected, const Image4& scale,
