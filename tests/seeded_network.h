@@ -1,49 +1,110 @@
 /// @file
-/// A whole network on seeded weights, for tests of the contract rather than of the numbers.
+/// Whole networks on seeded weights, for tests of the contract rather than of the numbers.
 #pragma once
 
-#include "DexpressionNet.h"
+#include "facezoo.h"
 #include "network_table.h"
 #include "support.h"
 
 #include <cmath>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace facezoo::test {
 
-inline Document seededDocument(const NetworkTable& table, const std::string& prefix = "") {
+inline Document seededDocument(const NetworkTable& table) {
   Document document;
   unsigned seed = 1;
   forEachWeight(
-      table.layers, prefix,
+      table.layers, "",
       [&](const std::string& name, std::size_t elements, const LayerRow& layer, WeightRole role) {
-        // Keeps activations at their scale, and the last products where softmax can tell
-        // them apart.
-        const double gain = layer.kind == LayerKind::innerProduct ? 0.01 : 1;
-        const double range =
-            role == WeightRole::filter ? gain * std::sqrt(6.0 * layer.out / elements) : 1;
-        document.add(name, seededValues(elements, seed++, -range, range));
+        // Keeps activations at their scale, through a ReLU or a maximum of two, and the last
+        // products where softmax can tell them apart.
+        const bool plain = layer.kind == LayerKind::convolution && layer.hasBias;
+        const double gain = layer.kind == LayerKind::innerProduct && layer.out < 10 ? 0.01 : 1;
+        const double range = gain * std::sqrt((plain ? 3.0 : 6.0) * layer.out / elements);
+        using Range = std::pair<double, double>;
+        const auto [low, high] = role == WeightRole::filter           ? Range(-range, range)
+                                 : role == WeightRole::variance       ? Range(0.5, 2)
+                                 : role == WeightRole::scale          ? Range(0.5, 1.5)
+                                 : layer.kind == LayerKind::meanImage ? Range(96, 160)
+                                                                      : Range(-1, 1);
+        document.add(name, seededValues(elements, seed++, low, high));
       });
   return document;
 }
 
 /// The weight file of `table`, written once for the process.
-inline const std::string& seededFile(const NetworkTable& table) {
-  static const TemporaryFile file;
-  static const bool written = (seededDocument(table).save(file.path), true);
-  (void)written;
-  return file.path;
+inline const char* seededFile(const NetworkTable& table) {
+  static std::map<std::string, TemporaryFile> files;
+  const auto [file, isNew] = files.try_emplace(table.name);
+  if (isNew) seededDocument(table).save(file->second.path);
+  return file->second.path.c_str();
 }
 
-inline std::vector<std::uint8_t> seededImages(const NetworkTable& table, int batch) {
-  return seededBytes(static_cast<std::size_t>(batch) * table.channels * table.width * table.height,
-                     7);
+/// What a host has for `Forward`: seeded images, and room for all results that there are.
+struct ForwardCall {
+  const NetworkTable& table;
+  const int maxBatch;
+  const std::size_t values = static_cast<std::size_t>(maxBatch) * table.outputCount();
+  DeviceArray<std::uint8_t> images{seededBytes(
+      static_cast<std::size_t>(maxBatch) * table.channels * table.width * table.height, 7)};
+  std::vector<float> host = std::vector<float>(values + maxBatch);
+  DeviceArray<float> device{host};
+
+  void operator()(Network& network, int batch) {
+    float* const out1 = table.memory == Results::onDevice ? device.data() : host.data();
+    float* const out2 = table.hasNorm ? &host[values] : nullptr;
+    EXPECT_EQ(0, network.Forward(images.data(), batch, out1, out2));
+  }
+  /// The results since the last time; zeros where there are none.
+  std::vector<float> take() {
+    if (table.memory == Results::onDevice) {
+      const std::size_t bytes = values * sizeof(float);
+      CheckCuda(cudaMemcpy(host.data(), device.data(), bytes, cudaMemcpyDeviceToHost));
+      CheckCuda(cudaMemset(device.data(), 0, bytes));
+    }
+    return std::exchange(host, std::vector<float>(host.size()));
+  }
+  std::vector<float> results(Network& network, int batch) {
+    take();
+    (*this)(network, batch);
+    return take();
+  }
+};
+
+/// A network, and what its graph takes from the pool.
+struct NetworkKind {
+  const NetworkTable& table;
+  Network* (*construct)(const char* weightFile, int maxBatch);
+  int blocks;         ///< taken at once
+  int largestTensor;  ///< bytes of one image
+};
+
+template <class Net>
+Network* construct(const char* weightFile, int maxBatch) {
+  return new Net(weightFile, maxBatch, "");
 }
+
+const NetworkKind networkKinds[] = {
+    {dexpressionNet, construct<DexpressionNet>, 4, 272 * 56 * 56 * 4},
+    {faNet, construct<FANet>, 2, 96 * 109 * 109 * 4},
+    {googLeNet, construct<GoogLeNet>, 9, 64 * 128 * 128 * 4},
+    {googLeNetBN, construct<GoogLeNetBN>, 9, 64 * 112 * 112 * 4},
+    {googLeNetFAA1ch, construct<GoogLeNet_FAA1ch>, 7, 64 * 112 * 112 * 4},
+    {googLeNetFAA3ch, construct<GoogLeNet_FAA3ch>, 7, 64 * 112 * 112 * 4},
+    {googLeNetFAA3ch12tasks, construct<GoogLeNet_FAA3ch_12tasks>, 7, 64 * 112 * 112 * 4},
+    {lcnn29, construct<LCNN29>, 3, 96 * 128 * 128 * 4},
+};
+
+/// The end of a test's name.
+inline void PrintTo(const NetworkKind& kind, std::ostream* out) { *out << kind.table.name; }
 
 /// Reaches what hosts cannot.
-struct NetworkProbe : DexpressionNet {
+struct NetworkProbe : Network {
   static int count() { return network_count; }
 };
 
