@@ -152,7 +152,8 @@ class ToolTest(unittest.TestCase):
                   f"{EYE}: expected finite values, found 3 of 3 NaN or infinite"]
         listing = "".join(f"fault   {fault}\n" for fault in faults) + "unused  spare\n"
         self.fail_all([(f"weights check {NET} bad", 1, "bad: 4 of 19 arrays")], listing)
-        self.fail_all([(RUN + " bad", 1, "bad: " + "; ".join(faults))])
+        self.fail_all([(RUN + " bad", 1, "bad: " + "; ".join(faults)),
+                       ("run LCNN29 face.jpg -w good", 1, "good: conv1-0: .*found 12544; .*55 more")])
 
     def test_reads_known_weights(self):
         odds = struct.pack("<5f", 0, math.log(3), 0, math.log(2), math.log(5))

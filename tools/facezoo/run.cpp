@@ -156,9 +156,12 @@ void requireWeights(const Options& options, const NetworkTable& network) {
   const WeightFindings findings =
       checkWeights(WeightDocument(options.weights), network, options.prefix);
   if (findings.faults.empty()) return;
+  constexpr std::size_t kMost = 5;
+  const std::size_t named = std::min(kMost, findings.faults.size());
   std::string line = options.weights;
-  for (const std::string& fault : findings.faults)
-    line += (&fault == &findings.faults.front() ? ": " : "; ") + fault;
+  for (std::size_t i = 0; i < named; ++i) line += (i == 0 ? ": " : "; ") + findings.faults[i];
+  if (const std::size_t more = findings.faults.size() - named; more > 0)
+    line += "; and " + std::to_string(more) + " more, which weights check lists";
   throw Failure(line);
 }
 
