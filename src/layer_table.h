@@ -55,10 +55,10 @@ constexpr View<T> view(const std::array<T, N>& elements) {
   return {elements.data(), N};
 }
 
-constexpr bool samePadding = true;
-constexpr bool noPadding = false;
-constexpr bool withBias = true;
-constexpr bool noBias = false;
+inline constexpr bool samePadding = true;
+inline constexpr bool noPadding = false;
+inline constexpr bool withBias = true;
+inline constexpr bool noBias = false;
 
 constexpr LayerRow meanImage(int width, int height, int channels) {
   LayerRow row = {LayerKind::meanImage, "inMean", channels, channels};
@@ -143,8 +143,8 @@ constexpr LayerRow inceptionV1(const char* name, int in, int c1, int r3, int c3,
   for (int i = 0; i < 6; ++i) row.branches[i] = branches[i];
   return row;
 }
-constexpr bool averagePooled = false;
-constexpr bool maxPooled = true;
+inline constexpr bool averagePooled = false;
+inline constexpr bool maxPooled = true;
 constexpr LayerRow inceptionV3_1(const char* name, int in, int c1x1, int c3r, int c3, int cd3r,
                                  int cd3, int cpool, bool maxPool) {
   LayerRow row = {LayerKind::inceptionV3_1, name, in, c1x1 + c3 + cd3 + cpool};

@@ -15,8 +15,8 @@ struct OutputGroup {
 };
 
 enum class Results { onHost, onDevice };
-constexpr bool withNorm = true;
-constexpr bool withoutNorm = false;
+inline constexpr bool withNorm = true;
+inline constexpr bool withoutNorm = false;
 
 struct InputGeometry {
   int channels, width, height;
@@ -50,7 +50,7 @@ constexpr std::array<LayerRow, N + M> join(const std::array<LayerRow, N>& first,
   return all;
 }
 
-constexpr LayerRow dexpressionLayers[] = {
+inline constexpr LayerRow dexpressionLayers[] = {
     meanImage(224, 224, 1),
     fusedConvolution("conv1", 1, 64, 7, 2, samePadding),
     fusedConvolution("conv2a", 64, 96, 1, 1, noPadding),
@@ -62,12 +62,12 @@ constexpr LayerRow dexpressionLayers[] = {
     innerProduct("loss3/classifier_acce_mouth", 272 * 14 * 14, 2, withBias),
     innerProduct("loss3/classifier_acce_eye", 272 * 14 * 14, 3, withBias),
 };
-constexpr OutputGroup mouthAndEye[] = {{"mouth", 2}, {"eye", 3}};
-constexpr NetworkTable dexpressionNet = {
+inline constexpr OutputGroup mouthAndEye[] = {{"mouth", 2}, {"eye", 3}};
+inline constexpr NetworkTable dexpressionNet = {
     {1, 224, 224},           {272 * 56 * 56 * 4, 4}, "DexpressionNet", 5,
     view(dexpressionLayers), view(mouthAndEye),      Results::onHost,  withoutNorm};
 
-constexpr LayerRow faNetLayers[] = {
+inline constexpr LayerRow faNetLayers[] = {
     meanImage(224, 224, 3),
     fusedConvolution("conv1", 3, 96, 7, 2, noPadding),
     fusedConvolution("conv2", 96, 256, 5, 1, noPadding),
@@ -78,8 +78,8 @@ constexpr LayerRow faNetLayers[] = {
     innerProduct("fc7", 4096, 4096, withBias),
     innerProduct("68point", 4096, 136, withBias),
 };
-constexpr OutputGroup landmarks[] = {{"landmarks", 136}};
-constexpr NetworkTable faNet = {
+inline constexpr OutputGroup landmarks[] = {{"landmarks", 136}};
+inline constexpr NetworkTable faNet = {
     {3, 224, 224},     {96 * 109 * 109 * 4, 3}, "FANet",         136,
     view(faNetLayers), view(landmarks),         Results::onHost, withNorm};
 
@@ -100,33 +100,33 @@ constexpr std::array<LayerRow, 13> inceptionV1Trunk(int edge, int channels) {
            inceptionV1("inception_5b/", 832, 384, 192, 384, 48, 128, 128)}};
 }
 
-constexpr LayerRow googLeNetEnd[] = {
+inline constexpr LayerRow googLeNetEnd[] = {
     fusedConvolution("loss2/conv", 528, 128, 1, 1, noPadding),
     innerProduct("loss2/fc", 128 * 5 * 5, 1024, withBias),
     projection("pca", 512),
 };
-constexpr auto googLeNetLayers = join(inceptionV1Trunk(256, 1), googLeNetEnd);
-constexpr OutputGroup features512[] = {{"features", 512}};
-constexpr NetworkTable googLeNet = {
+inline constexpr auto googLeNetLayers = join(inceptionV1Trunk(256, 1), googLeNetEnd);
+inline constexpr OutputGroup features512[] = {{"features", 512}};
+inline constexpr NetworkTable googLeNet = {
     {1, 256, 256},         {64 * 128 * 128 * 4, 10}, "GoogLeNet",       2048,
     view(googLeNetLayers), view(features512),        Results::onDevice, withNorm};
 
 /// Created in this order; the two-head networks give the mouth's results first.
-constexpr LayerRow eyeAndMouthHeads[] = {
+inline constexpr LayerRow eyeAndMouthHeads[] = {
     innerProduct("loss3/classifier_acce_eye", 1024, 3, withBias),
     innerProduct("loss3/classifier_acce_mouth", 1024, 2, withBias),
 };
-constexpr auto faa1chLayers = join(inceptionV1Trunk(224, 1), eyeAndMouthHeads);
-constexpr NetworkTable googLeNetFAA1ch = {
+inline constexpr auto faa1chLayers = join(inceptionV1Trunk(224, 1), eyeAndMouthHeads);
+inline constexpr NetworkTable googLeNetFAA1ch = {
     {1, 224, 224},      {64 * 112 * 112 * 4, 7}, "GoogLeNet_FAA1ch", 5,
     view(faa1chLayers), view(mouthAndEye),       Results::onHost,    withoutNorm};
 
-constexpr auto faa3chLayers = join(inceptionV1Trunk(224, 3), eyeAndMouthHeads);
-constexpr NetworkTable googLeNetFAA3ch = {
+inline constexpr auto faa3chLayers = join(inceptionV1Trunk(224, 3), eyeAndMouthHeads);
+inline constexpr NetworkTable googLeNetFAA3ch = {
     {3, 224, 224},      {64 * 128 * 128 * 4, 10}, "GoogLeNet_FAA3ch", 5,
     view(faa3chLayers), view(mouthAndEye),        Results::onHost,    withoutNorm};
 
-constexpr LayerRow twelveHeads[] = {
+inline constexpr LayerRow twelveHeads[] = {
     innerProduct("loss3/classifier_acce_eye", 1024, 3, withBias),
     innerProduct("loss3/classifier_acce_mouth", 1024, 2, withBias),
     innerProduct("loss3/classifier_acce_head", 1024, 2, withBias),
@@ -140,21 +140,21 @@ constexpr LayerRow twelveHeads[] = {
     innerProduct("loss3/classifier_noise", 1024, 1, withBias),
     innerProduct("loss3/classifier_lumi", 1024, 1, withBias),
 };
-constexpr auto twelveTasksLayers = join(inceptionV1Trunk(224, 3), twelveHeads);
-constexpr OutputGroup twelveTasks[] = {{"eye", 3},          {"mouth", 2},         {"head", 2},
-                                       {"hair", 2},         {"eye_condition", 4}, {"mouth_open", 4},
-                                       {"mouth_corner", 4}, {"yaw", 1},           {"pitch", 1},
-                                       {"blur", 1},         {"noise", 1},         {"luminance", 1}};
-constexpr NetworkTable googLeNetFAA3ch12tasks = {{3, 224, 224},
-                                                 {64 * 128 * 128 * 4, 7},
-                                                 "GoogLeNet_FAA3ch_12tasks",
-                                                 26,
-                                                 view(twelveTasksLayers),
-                                                 view(twelveTasks),
-                                                 Results::onHost,
-                                                 withoutNorm};
+inline constexpr auto twelveTasksLayers = join(inceptionV1Trunk(224, 3), twelveHeads);
+inline constexpr OutputGroup twelveTasks[] = {
+    {"eye", 3},           {"mouth", 2},      {"head", 2},         {"hair", 2},
+    {"eye_condition", 4}, {"mouth_open", 4}, {"mouth_corner", 4}, {"yaw", 1},
+    {"pitch", 1},         {"blur", 1},       {"noise", 1},        {"luminance", 1}};
+inline constexpr NetworkTable googLeNetFAA3ch12tasks = {{3, 224, 224},
+                                                        {64 * 128 * 128 * 4, 7},
+                                                        "GoogLeNet_FAA3ch_12tasks",
+                                                        26,
+                                                        view(twelveTasksLayers),
+                                                        view(twelveTasks),
+                                                        Results::onHost,
+                                                        withoutNorm};
 
-constexpr LayerRow lcnn29Layers[] = {
+inline constexpr LayerRow lcnn29Layers[] = {
     noMean(3),
     convolution("conv1", 3, 96, 5, 1, samePadding, withBias),
     convolution("conv2_1", 48, 96, 1, 1, noPadding, withBias),
@@ -177,12 +177,12 @@ constexpr LayerRow lcnn29Layers[] = {
     inceptionMFM("10", 128),
     innerProduct("fc1", 128 * 8 * 8, 512, withBias),
 };
-constexpr NetworkTable lcnn29 = {
+inline constexpr NetworkTable lcnn29 = {
     {3, 128, 128},      {96 * 128 * 128 * 4, 5}, "LCNN29",          512,
     view(lcnn29Layers), view(features512),       Results::onDevice, withNorm};
 
 /// The "loss1/" layers are part of the weight file, though `Forward` does not run them.
-constexpr LayerRow googLeNetBNLayers[] = {
+inline constexpr LayerRow googLeNetBNLayers[] = {
     channelMean(104, 117, 123),
     convolution("conv1/7x7_s2", 3, 64, 7, 2, samePadding, noBias),
     batchNormalization("conv1/7x7_s2/bn", 64),
@@ -210,8 +210,8 @@ constexpr LayerRow googLeNetBNLayers[] = {
     batchNormalization("loss2/fc/bn", 1024),
     projection("pca", 1024),
 };
-constexpr OutputGroup features1024[] = {{"features", 1024}};
-constexpr NetworkTable googLeNetBN = {
+inline constexpr OutputGroup features1024[] = {{"features", 1024}};
+inline constexpr NetworkTable googLeNetBN = {
     {3, 224, 224},           {64 * 112 * 112 * 4, 10}, "GoogLeNetBN",     2048,
     view(googLeNetBNLayers), view(features1024),       Results::onDevice, withNorm};
 
