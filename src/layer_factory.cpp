@@ -16,7 +16,7 @@ LayerBase* createLayer(const LayerRow& row, const std::string& prefix,
                        msgpack::v1::object& weights) {
   constexpr double kEpsilon = 1e-5;  // of every batch normalization
   const std::string name = prefix + row.name;
-  const int* c = row.branches;
+  const auto& c = row.branches;
   switch (row.kind) {
     case LayerKind::meanImage:
       return new TransformNHWC2NCHW(name, weights, row.width, row.height, row.in);

@@ -28,14 +28,14 @@ enum class LayerKind {
 struct LayerRow {
   LayerKind kind;
   const char* name;
-  int in, out;  ///< channels, or values of an inner product
+  int in, out;  ///< channels, or values of an inner product; `out` is 0 for a block
   int kernel = 1, stride = 1;
   bool padded = false;  ///< by kernel / 2, so that stride 1 keeps the size
   bool hasBias = false;
-  int width = 0, height = 0;  ///< of a mean image
-  float means[3] = {};        ///< one per channel
-  int branches[6] = {};       ///< channels inside a block, as its constructor takes them
-  bool maxPool = false;       ///< what an `InceptionV3_1` pools with; else the average
+  int width = 0, height = 0;         ///< of a mean image
+  float means[3] = {};               ///< one per channel
+  std::array<int, 6> branches = {};  ///< channels inside a block, as its constructor takes them
+  bool maxPool = false;              ///< what an `InceptionV3_1` pools with; else the average
 };
 
 /// Neighbouring elements that something else owns.
@@ -136,31 +136,29 @@ constexpr std::array<LayerRow, 2> inceptionMFMLayers(int channels) {
            convolution("_conv2", channels, 2 * channels, 3, 1, samePadding, withBias)}};
 }
 
+constexpr LayerRow block(LayerKind kind, const char* name, int in,
+                         const std::array<int, 6>& branches) {
+  LayerRow row = {kind, name, in, 0};
+  row.branches = branches;
+  return row;
+}
 constexpr LayerRow inceptionV1(const char* name, int in, int c1, int r3, int c3, int r5, int c5,
                                int cp) {
-  LayerRow row = {LayerKind::inceptionV1, name, in, c1 + c3 + c5 + cp};
-  const int branches[] = {c1, r3, c3, r5, c5, cp};
-  for (int i = 0; i < 6; ++i) row.branches[i] = branches[i];
-  return row;
+  return block(LayerKind::inceptionV1, name, in, {c1, r3, c3, r5, c5, cp});
 }
 inline constexpr bool averagePooled = false;
 inline constexpr bool maxPooled = true;
 constexpr LayerRow inceptionV3_1(const char* name, int in, int c1x1, int c3r, int c3, int cd3r,
                                  int cd3, int cpool, bool maxPool) {
-  LayerRow row = {LayerKind::inceptionV3_1, name, in, c1x1 + c3 + cd3 + cpool};
-  const int branches[] = {c1x1, c3r, c3, cd3r, cd3, cpool};
-  for (int i = 0; i < 6; ++i) row.branches[i] = branches[i];
+  LayerRow row = block(LayerKind::inceptionV3_1, name, in, {c1x1, c3r, c3, cd3r, cd3, cpool});
   row.maxPool = maxPool;
   return row;
 }
 constexpr LayerRow inceptionV3_2(const char* name, int in, int c3, int cd3r, int cd3) {
-  LayerRow row = {LayerKind::inceptionV3_2, name, in, c3 + cd3 + in};
-  const int branches[] = {c3, cd3r, cd3};
-  for (int i = 0; i < 3; ++i) row.branches[i] = branches[i];
-  return row;
+  return block(LayerKind::inceptionV3_2, name, in, {c3, cd3r, cd3});
 }
 constexpr LayerRow inceptionMFM(const char* name, int channels) {
-  return {LayerKind::inceptionMFM, name, channels, channels};
+  return block(LayerKind::inceptionMFM, name, channels, {});
 }
 
 enum class WeightRole { mean, filter, bias, scale, shift, variance };
@@ -176,7 +174,7 @@ void forEachWeight(const Rows& rows, const std::string& prefix, const Visit& vis
     };
     const std::size_t in = row.in;
     const std::size_t out = row.out;
-    const int* c = row.branches;
+    const auto& c = row.branches;
     switch (row.kind) {
       case LayerKind::meanImage:
         array("-0", in * row.width * row.height, WeightRole::mean);
