@@ -5,7 +5,6 @@ set -euo pipefail
 
 packages=(
   "g++:compiler" "cmake:build system" "ninja-build:build system"
-  "libdnnl-dev:oneDNN, the arithmetic of the CPU build" "ocl-icd-opencl-dev:asked for by oneDNN"
   "libmsgpack-cxx-dev:weight files"
   "libcli11-dev:command line of the tool" "nlohmann-json3-dev:JSON output of the tool"
   "libstb-dev:decodes and resizes images"

@@ -1,7 +1,7 @@
 // The host platform as a device: strict memory, honest statuses, derived data that never goes
 // stale.
 #include "layers/cba.h"
-#include "support.h"
+#include "reference.h"
 
 #include <cmath>
 #include <functional>
@@ -137,6 +137,68 @@ TEST_F(PlatformTest, ConvolutionRefusesWhatItCannotDo) {
     EXPECT_THROW(layer(x), cudnnStatus_t) << c.what;
     EXPECT_NE(std::string::npos,
               testing::internal::GetCapturedStderr().find("CUDNN_STATUS_BAD_PARAM"));
+  }
+}
+
+/// A convolution whose algorithm and workspace are the test's choice.
+struct ChosenConvolution : CBA {
+  using CBA::algorithm_, CBA::CBA, CBA::workspaceSize;
+};
+
+TEST_F(PlatformTest, EveryAlgorithmInEveryInstructionSetAndWorkspace) {
+  constexpr auto loops = CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM;
+  constexpr auto panels = CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM;
+  constexpr auto winograd = CUDNN_CONVOLUTION_FWD_ALGO_WINOGRAD_NONFUSED;
+  const struct {
+    cudnnConvolutionFwdAlgo_t algorithm;
+    int n, c, h, w, outputs, kernel, stride, padded;
+  } cases[] = {
+      {loops, 2, 3, 9, 11, 5, 3, 2, 1},      {panels, 3, 7, 6, 5, 9, 1, 1, 1},
+      {panels, 1, 5, 30, 41, 19, 1, 1, 0},   {panels, 3, 3, 23, 22, 10, 7, 2, 1},
+      {panels, 2, 4, 9, 7, 8, 3, 1, 1},      {panels, 1, 1, 3, 90, 1, 3, 3, 0},
+      {panels, 2, 2, 2, 1, 3, 5, 1, 1},      {winograd, 1, 2, 1, 1, 3, 3, 1, 1},
+      {winograd, 3, 9, 13, 11, 17, 3, 1, 1}, {winograd, 1, 3, 70, 90, 4, 3, 1, 0},
+      {winograd, 2, 5, 9, 14, 9, 5, 1, 1},   {winograd, 5, 2, 7, 7, 8, 5, 1, 0},
+  };
+  using host_device::InstructionSet;
+  for (const auto set : {InstructionSet::baseline, InstructionSet::avx2, InstructionSet::avx512}) {
+    if (!host_device::useInstructionSet(set)) {
+      std::printf("measured nothing: this machine lacks set %d\n", static_cast<int>(set));
+      continue;
+    }
+    for (const auto& t : cases) {
+      const int taps = t.c * t.kernel * t.kernel, pad = t.padded != 0 ? t.kernel / 2 : 0;
+      const auto filter = seededValues(static_cast<std::size_t>(t.outputs) * taps, 1);
+      const auto bias = seededValues(t.outputs, 2);
+      Document weights;
+      weights.add("conv-0", filter).add("conv-1", bias);
+      ChosenConvolution layer("conv", weights.root(), t.c, t.outputs, t.kernel, t.stride,
+                              t.padded != 0);
+      const Image4 x = seededImage(t.n, t.c, t.h, t.w, 3);
+      const Image4 y = relu(convolution(x, filter, bias, t.kernel, t.stride, pad));
+      const Image4 scale = convolutionScale(x, filter, bias, t.kernel, t.stride, pad);
+      int served = 0;
+      for (layer.workspaceSize = 128U << 20U;; layer.workspaceSize = layer.workspaceSize * 3 / 4) {
+        freePool();
+        growPool(1 << 18, 2);  // blocks that nobody has written to
+        const Tensor input =
+            upload(std::vector<float>(x.v.begin(), x.v.end()), {t.n, t.c, t.h, t.w});
+        if (served == 0) layer(input);  // lets the layer prepare for the shape
+        layer.algorithm_ = t.algorithm;
+        testing::internal::CaptureStderr();
+        try {
+          expectClose(layer(input), y, scale, roundings(taps, 128));
+        } catch (cudnnStatus_t status) {
+          EXPECT_EQ(CUDNN_STATUS_BAD_PARAM, status);
+          testing::internal::GetCapturedStderr();
+          break;
+        }
+        testing::internal::GetCapturedStderr();
+        ++served;
+        if (t.algorithm == loops && layer.workspaceSize < 16) break;
+      }
+      EXPECT_LT(20, served) << t.algorithm << ", " << t.c << " to " << t.outputs << " channels";
+    }
   }
 }
 

@@ -67,4 +67,10 @@ Live live();
 /// what nobody wrote shows in the results.
 void poisonFreshMemory(bool on);
 
+/// What convolutions and matrix products are computed with. At load it is the best set of this
+/// machine: AVX2 stands for AVX2 and FMA, AVX-512 for its foundation.
+enum class InstructionSet { baseline, avx2, avx512 };
+/// Changes it for the calls that follow. False, and nothing changed, if this machine lacks it.
+bool useInstructionSet(InstructionSet set);
+
 }  // namespace host_device

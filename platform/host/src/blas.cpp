@@ -1,51 +1,49 @@
 /// @file
 /// The matrix products of cuBLAS.
 #include <cublas_v2.h>
-#include <dnnl.h>
-
-#include <vector>
 
 #include "compute.h"
 #include "instrumentation.h"
+#include "vector_code.h"
 
 using namespace host_device::detail;
 
 namespace {
 
-/// The order of the additions is part of the code, so that it does not depend on the machine.
-HOST_DEVICE_CLONES float dot(const float* a, const float* b, std::size_t count) {
-  constexpr std::size_t lanes = 32;
-  float partial[lanes] = {};
-  std::size_t i = 0;
-  for (; i + lanes <= count; i += lanes) {
-    for (std::size_t lane = 0; lane < lanes; ++lane) partial[lane] += a[i + lane] * b[i + lane];
-  }
-  float sum = 0.0f;
-  for (; i < count; ++i) sum += a[i] * b[i];
-  for (const float value : partial) sum += value;
-  return sum;
-}
+/// A row-major product: c[i, j] = alpha · sum over k of a[i, k] b[j, k] + beta · c[i, j]. Both
+/// factors are read where they lie, along k.
+struct Product {
+  std::size_t rows, columns, size;
+  float alpha, beta;
+  const float* a;
+  std::size_t aStride;
+  const float* b;
+  std::size_t bStride;
+  float* c;
+  std::size_t cStride;
+};
 
-/// Dot products of `count` rows of `a`, each `size` long, with x. Few rows are cut into pieces, so
-/// that there is something to do for every thread.
-void dotRows(const float* a, std::size_t stride, std::size_t size, int count, const float* x,
-             std::vector<float>& sums) {
-  constexpr std::size_t piece = 2048;
-  const std::size_t pieces = count < 64 ? (size + piece - 1) / piece : 1;
-  const std::size_t pieceSize = pieces > 1 ? piece : size;
-  sums.resize(count * pieces);
-#pragma omp parallel for schedule(static) collapse(2) if (count * size > piece)
-  for (int row = 0; row < count; ++row) {
-    for (std::size_t p = 0; p < pieces; ++p) {
-      const std::size_t begin = p * pieceSize;
-      sums[row * pieces + p] =
-          dot(a + row * stride + begin, x + begin, std::min(size - begin, pieceSize));
+/// Threads share the rows of the taller factor, since it is what takes the time to read.
+void multiply(const Product& product) {
+  constexpr std::size_t block = 4, columns = 32;
+  const std::size_t blocks = dividedUp(product.rows, block);
+#pragma omp parallel for schedule(static) if (product.rows * product.columns * product.size > 4096)
+  for (std::size_t i = 0; i < blocks; ++i) {
+    const std::size_t first = i * block, count = std::min(block, product.rows - first);
+    for (std::size_t j = 0; j < product.columns; j += columns) {
+      float sums[block * columns];
+      const std::size_t wide = std::min(columns, product.columns - j);
+      vectorCode().dotProducts(product.size, product.a + first * product.aStride, product.aStride,
+                               static_cast<int>(count), product.b + j * product.bStride,
+                               product.bStride, static_cast<int>(wide), sums, columns);
+      for (std::size_t r = 0; r < count; ++r) {
+        for (std::size_t s = 0; s < wide; ++s) {
+          float& to = product.c[(j + s) * product.cStride + first + r];
+          const float scaled = product.alpha * sums[r * columns + s];
+          to = product.beta == 0.0f ? scaled : scaled + product.beta * to;
+        }
+      }
     }
-  }
-  for (int row = 0; row < count && pieces > 1; ++row) {
-    float sum = 0.0f;
-    for (std::size_t p = 0; p < pieces; ++p) sum += sums[row * pieces + p];
-    sums[row] = sum;
   }
 }
 
@@ -78,12 +76,9 @@ cublasStatus_t cublasSgemv_v2(cublasHandle_t handle, cublasOperation_t trans, in
     if (!isMatrix(A, m, n, lda) || !isMatrix(x, m, 1, m) || !isMatrix(y, n, 1, n)) {
       return CUBLAS_STATUS_INVALID_VALUE;
     }
-    std::vector<float> sums;
-    dotRows(A, lda, m, n, x, sums);
     writeDevice(y, n * sizeof(float));
-    for (int i = 0; i < n; ++i) {
-      y[i] = *alpha * sums[i] + (*beta == 0.0f ? 0.0f : *beta * y[i]);
-    }
+    multiply({std::size_t{1} * n, 1, std::size_t{1} * m, *alpha, *beta, A, std::size_t{1} * lda, x,
+              std::size_t{1} * m, y, std::size_t{1} * n});
     return CUBLAS_STATUS_SUCCESS;
   });
 }
@@ -99,13 +94,11 @@ cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
         !isMatrix(C, m, n, ldc)) {
       return CUBLAS_STATUS_INVALID_VALUE;
     }
+    if (transa != CUBLAS_OP_T || transb != CUBLAS_OP_N) return CUBLAS_STATUS_NOT_SUPPORTED;
     writeDevice(C, (std::size_t{1} * ldc * (n - 1) + m) * sizeof(float));
-    // Column-major C is row-major C transposed, and so are A and B.
-    const auto letter = [](cublasOperation_t operation) {
-      return operation == CUBLAS_OP_T ? 'T' : 'N';
-    };
-    const auto status =
-        dnnl_sgemm(letter(transb), letter(transa), n, m, k, *alpha, B, ldb, A, lda, *beta, C, ldc);
-    return status == dnnl_success ? CUBLAS_STATUS_SUCCESS : CUBLAS_STATUS_EXECUTION_FAILED;
+    // A column-major matrix is a row-major one transposed.
+    multiply({std::size_t{1} * m, std::size_t{1} * n, std::size_t{1} * k, *alpha, *beta, A,
+              std::size_t{1} * lda, B, std::size_t{1} * ldb, C, std::size_t{1} * ldc});
+    return CUBLAS_STATUS_SUCCESS;
   });
 }

@@ -30,6 +30,16 @@ inline std::int64_t address(const void* pointer) {
   return reinterpret_cast<std::intptr_t>(pointer);
 }
 
+inline std::size_t dividedUp(std::size_t a, std::size_t b) { return (a + b - 1) / b; }
+
+/// Part `index` of [0, count) cut into `parts` even ones.
+struct Range {
+  std::size_t begin, end;
+};
+inline Range part(std::size_t count, std::size_t index, std::size_t parts) {
+  return {count * index / parts, count * (index + 1) / parts};
+}
+
 inline bool isSet(const cudnnTensorStruct* tensor) { return allLive(tensor) && tensor->n > 0; }
 
 inline bool sameShape(const cudnnTensorStruct& a, const cudnnTensorStruct& b) {

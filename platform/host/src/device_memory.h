@@ -5,10 +5,10 @@
 
 #include <cuda_runtime.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 namespace host_device {
 namespace detail {
@@ -18,7 +18,7 @@ namespace detail {
 struct Derived {
   virtual ~Derived() = default;
 };
-using DerivedKey = std::vector<std::int64_t>;
+using DerivedKey = std::array<std::int64_t, 7>;
 
 cudaError_t allocateDevice(void** pointer, std::size_t bytes);
 /// Null is freed without effect; an address that no live allocation starts at is an invalid value.

@@ -1,0 +1,100 @@
+/// @file
+/// One convolution, and the algorithms that can compute it.
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+
+#include "compute.h"
+#include "vector_code.h"
+
+namespace host_device {
+namespace detail {
+
+struct Axis {
+  int input, kernel, pad, stride, output;
+};
+
+struct Problem {
+  int n, c, k;
+  Axis vertical, horizontal;
+
+  std::size_t inputPlane() const { return std::size_t{1} * vertical.input * horizontal.input; }
+  std::size_t outputPlane() const { return std::size_t{1} * vertical.output * horizontal.output; }
+  /// Products that add up to one output.
+  std::size_t depth() const { return std::size_t{1} * c * vertical.kernel * horizontal.kernel; }
+  /// Filters of all output channels, in panels as high as a tile of the vector code.
+  std::size_t rowGroups() const;
+};
+
+/// The bias is null in a plain convolution; with one, the result is rectified.
+struct Operands {
+  const float* x;
+  const float* w;
+  const float* bias;
+  float* y;
+  void* workspace;
+  std::size_t workspaceBytes;
+};
+
+/// A way to compute a convolution.
+struct Algorithm {
+  cudnnConvolutionFwdAlgo_t id;
+  bool (*supports)(const Problem&);
+  /// Whether it is faster than what comes after it.
+  bool (*pays)(const Problem&);
+  /// What it needs at least; more lets it work on more at once.
+  std::size_t (*workspaceBytes)(const Problem&);
+  void (*run)(const Problem&, const Operands&);
+};
+
+/// Winograd's minimal filtering, for 3 x 3 and 5 x 5 with stride 1.
+extern const Algorithm winograd;
+/// A matrix product with columns of the input that are gathered panel by panel.
+extern const Algorithm panels;
+/// Plain loops, which need nothing: the last resort.
+extern const Algorithm loops;
+
+/// A filter rearranged for an algorithm. It lives with the allocation that it was made from.
+struct PackedFilter : Derived {
+  explicit PackedFilter(std::size_t floats);
+  float* data() const { return data_.get(); }
+
+ private:
+  struct Free {
+    void operator()(float* data) const { std::free(data); }
+  };
+  std::unique_ptr<float, Free> data_;
+};
+
+/// The filter of `problem` as `pack` rearranges it; packed by the first call.
+std::shared_ptr<PackedFilter> packedFilter(cudnnConvolutionFwdAlgo_t id, const Problem& problem,
+                                           const float* w, std::size_t floats,
+                                           void (*pack)(const Problem&, const float*, float*));
+
+/// Deals out a workspace, from the first cache line in it.
+class Scratch {
+ public:
+  static constexpr std::size_t line = 64 / sizeof(float);
+
+  explicit Scratch(const Operands& operands)
+      : next_(reinterpret_cast<float*>(dividedUp(address(operands.workspace), 64) * 64)),
+        end_(reinterpret_cast<float*>(address(operands.workspace) + operands.workspaceBytes)) {}
+
+  std::size_t floatsLeft() const { return end_ - next_; }
+  float* take(std::size_t floats) {
+    float* const taken = next_;
+    next_ += lines(floats);
+    return taken;
+  }
+  static std::size_t lines(std::size_t floats) { return dividedUp(floats, line) * line; }
+  /// Bytes of a workspace that starts anywhere and holds `floats`.
+  static std::size_t bytes(std::size_t floats) { return (floats + line) * sizeof(float); }
+
+ private:
+  float *next_, *end_;
+};
+
+}  // namespace detail
+}  // namespace host_device

@@ -1,0 +1,258 @@
+/// @file
+/// Convolution as a product of the filter, (output channels, depth), by columns of inputs, (depth,
+/// outputs), on planar tensors. The columns of a few vectors of outputs at a time are gathered to a
+/// panel that stays in the cache while all output channels pass over it.
+#include <omp.h>
+
+#include <algorithm>
+
+#include "convolution.h"
+
+namespace host_device {
+namespace detail {
+namespace {
+
+bool always(const Problem&) { return true; }
+
+/// Packed as [row group][depth][row].
+void packPanels(const Problem& problem, const float* w, float* packed) {
+  const std::size_t rows = vectorCode().rows, depth = problem.depth();
+#pragma omp parallel for schedule(static)
+  for (std::size_t group = 0; group < problem.rowGroups(); ++group) {
+    float* to = packed + group * depth * rows;
+    for (std::size_t d = 0; d < depth; ++d) {
+      for (std::size_t k = group * rows; k < (group + 1) * rows; ++k) {
+        *to++ = k < static_cast<std::size_t>(problem.k) ? w[k * depth + d] : 0.0f;
+      }
+    }
+  }
+}
+
+bool isPointwise(const Problem& problem) {
+  const auto pointwise = [](const Axis& axis) {
+    return axis.kernel == 1 && axis.stride == 1 && axis.pad == 0;
+  };
+  return pointwise(problem.vertical) && pointwise(problem.horizontal);
+}
+
+/// A padded copy of the input in which the inputs of neighbouring outputs are neighbours: each row
+/// is split into as many phases as the stride is long. A pointwise convolution needs none.
+struct Phases {
+  explicit Phases(const Problem& problem)
+      : v(problem.vertical),
+        h(problem.horizontal),
+        width(h.output - 1 + static_cast<int>(dividedUp(h.kernel, h.stride))),
+        height((v.output - 1) * v.stride + v.kernel),
+        row(std::size_t{1} * width * h.stride),
+        plane(row * height) {}
+
+  void copyPlane(const float* x, float* to) const {
+    for (int i = 0; i < height; ++i) {
+      const int y = i - v.pad;
+      const bool outside = y < 0 || y >= v.input;
+      const float* const from = x + std::ptrdiff_t{1} * y * h.input;
+      for (int phase = 0; phase < h.stride; ++phase, to += width) {
+        // Columns phase + j * stride - pad, of which [first, last) are inside.
+        const int offset = h.pad - phase;
+        const int first =
+            std::min(width, offset > 0 ? static_cast<int>(dividedUp(offset, h.stride)) : 0);
+        const int reach = h.input + offset;
+        const int last =
+            outside || reach <= 0
+                ? first
+                : std::clamp(static_cast<int>(dividedUp(reach, h.stride)), first, width);
+        std::fill_n(to, first, 0.0f);
+        for (int j = first; j < last; ++j) to[j] = from[j * h.stride - offset];
+        std::fill(to + last, to + width, 0.0f);
+      }
+    }
+  }
+
+  const Axis &v, &h;
+  const int width, height;
+  const std::size_t row, plane;
+};
+
+/// How threads share the product: each has a part of the columns and a part of the row groups.
+struct Grid {
+  std::size_t columns = 1, rows = 1;
+
+  Grid(std::size_t threads, std::size_t vectors, std::size_t groups, std::size_t height) {
+    // Gathering a vector of columns takes about as long as multiplying it by four rows.
+    constexpr std::size_t gathering = 4;
+    std::size_t least = SIZE_MAX;
+    for (std::size_t r = 1; r <= threads; ++r) {
+      const std::size_t c = threads / r;
+      const std::size_t cost = dividedUp(vectors, c) * (dividedUp(groups, r) * height + gathering);
+      if (cost >= least) continue;
+      least = cost;
+      columns = c;
+      rows = r;
+    }
+  }
+};
+
+class Product {
+ public:
+  Product(const Problem& problem, const Operands& operands, const float* filter)
+      : problem_(problem),
+        operands_(operands),
+        filter_(filter),
+        phases_(problem),
+        pointwise_(isPointwise(problem)) {
+    Scratch scratch(operands);
+    const std::size_t perImage = imageFloats(problem), perThread = threadFloats(problem);
+    const std::size_t room = scratch.floatsLeft() - fixedFloats;
+    threads_ = std::clamp<std::size_t>((room - perImage) / perThread, 1, omp_get_max_threads());
+    images_ = problem.n;
+    if (perImage > 0) {
+      images_ = std::clamp<std::size_t>((room - threads_ * perThread) / perImage, 1, problem.n);
+    }
+    panels_ = scratch.take(threads_ * perThread);
+    copy_ = scratch.take(0);
+  }
+
+  static std::size_t leastFloats(const Problem& problem) {
+    return imageFloats(problem) + threadFloats(problem) + fixedFloats;
+  }
+
+  void run() const {
+    for (std::size_t first = 0; first < static_cast<std::size_t>(problem_.n); first += images_) {
+      const std::size_t images = std::min(images_, problem_.n - first);
+      const std::size_t outputs = images * problem_.outputPlane();
+      const float* const x = operands_.x + first * problem_.c * problem_.inputPlane();
+      float* const y = operands_.y + first * problem_.k * problem_.outputPlane();
+      const std::size_t vectors = dividedUp(outputs, code_.lanes), groups = problem_.rowGroups();
+      const Grid grid(threads_, vectors, groups, code_.rows);
+#pragma omp parallel num_threads(static_cast <int>(threads_))
+      {
+        const std::size_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
+        if (!pointwise_) {
+          const Range planes = part(images * problem_.c, thread, threads);
+          for (std::size_t plane = planes.begin; plane < planes.end; ++plane) {
+            phases_.copyPlane(x + plane * problem_.inputPlane(), copy_ + plane * phases_.plane);
+          }
+#pragma omp barrier
+        }
+        // With fewer threads than were asked for, each takes the places of several.
+        for (std::size_t place = thread; place < grid.columns * grid.rows; place += threads) {
+          multiply(pointwise_ ? x : copy_, y, outputs,
+                   part(vectors, place % grid.columns, grid.columns),
+                   part(groups, place / grid.columns, grid.rows),
+                   panels_ + thread * threadFloats(problem_));
+        }
+      }
+    }
+  }
+
+ private:
+  static constexpr std::size_t widest = std::size_t{1} * kWidest * kMostLanes;
+  /// What may be read past the end of the copy.
+  static constexpr std::size_t fixedFloats = kMostLanes;
+
+  static std::size_t imageFloats(const Problem& problem) {
+    return isPointwise(problem) ? 0 : problem.c * Phases(problem).plane;
+  }
+  /// A panel, what may be written past its end, and a tile of results.
+  static std::size_t threadFloats(const Problem& problem) {
+    return Scratch::lines(problem.depth() * kWidest * vectorCode().lanes + kMostLanes) +
+           kMostRows * widest;
+  }
+
+  void multiply(const float* x, float* y, std::size_t outputs, Range vectors, Range groups,
+                float* panel) const {
+    const std::size_t depth = problem_.depth(), lanes = code_.lanes;
+    float* const tile = panel + threadFloats(problem_) - kMostRows * widest;
+    const std::size_t panels = dividedUp(vectors.end - vectors.begin, kWidest);
+    for (std::size_t p = 0; p < panels; ++p) {
+      const Range own = part(vectors.end - vectors.begin, p, panels);
+      const std::size_t width = (own.end - own.begin) * lanes;
+      const std::size_t begin = (vectors.begin + own.begin) * lanes;
+      const std::size_t end = std::min(outputs, begin + width);
+      gather(x, begin, end, width, panel);
+
+      Run runs[widest];
+      const int count = runsOf(begin, end, problem_.outputPlane(), problem_.k, runs);
+      for (std::size_t group = groups.begin; group < groups.end; ++group) {
+        code_.multiply[own.end - own.begin - 1](depth, filter_ + group * depth * code_.rows, panel,
+                                                tile, width);
+        const std::size_t k = group * code_.rows;
+        const int rows = static_cast<int>(std::min<std::size_t>(code_.rows, problem_.k - k));
+        for (int i = 0; i < count; ++i) {
+          code_.store(tile + runs[i].to, width, rows, runs[i].count,
+                      operands_.bias ? operands_.bias + k : nullptr, 1,
+                      y + runs[i].from + k * problem_.outputPlane(), problem_.outputPlane());
+        }
+      }
+    }
+  }
+
+  /// The runs of [begin, end) in planes, each the first of `channels` planes of an image.
+  static int runsOf(std::size_t begin, std::size_t end, std::size_t plane, std::size_t channels,
+                    Run* runs) {
+    int count = 0;
+    for (std::size_t i = begin; i < end; i += runs[count++].count) {
+      const std::size_t length = std::min(end - i, plane - i % plane);
+      runs[count] = {i / plane * plane * channels + i % plane, static_cast<int>(i - begin),
+                     static_cast<int>(length)};
+    }
+    return count;
+  }
+
+  /// The panel's row (c, u, v) holds for each output the input under that element of the filter.
+  void gather(const float* x, std::size_t begin, std::size_t end, std::size_t width,
+              float* panel) const {
+    Run runs[widest];
+    if (pointwise_) {
+      const std::size_t plane = problem_.inputPlane();
+      const int count = runsOf(begin, end, plane, problem_.c, runs);
+      for (int c = 0; c < problem_.c; ++c, panel += width) {
+        code_.copyRuns(runs, count, x + c * plane, panel, false);
+      }
+      return;
+    }
+    const Axis &v = problem_.vertical, &h = problem_.horizontal;
+    int count = runsOf(begin, end, h.output, 1, runs);
+    for (int i = 0; i < count; ++i) {
+      const std::size_t row = runs[i].from / h.output, column = runs[i].from % h.output;
+      runs[i].from = row / v.output * problem_.c * phases_.plane +
+                     row % v.output * v.stride * phases_.row + column;
+    }
+    for (int c = 0; c < problem_.c; ++c, x += phases_.plane) {
+      for (int u = 0; u < v.kernel; ++u) {
+        for (int t = 0; t < h.kernel; ++t, panel += width) {
+          code_.copyRuns(runs, count,
+                         x + u * phases_.row + t % h.stride * phases_.width + t / h.stride, panel,
+                         true);
+        }
+      }
+    }
+  }
+
+  const Problem& problem_;
+  const Operands& operands_;
+  const float* filter_;
+  const VectorCode& code_ = vectorCode();
+  const Phases phases_;
+  const bool pointwise_;
+  std::size_t threads_, images_;
+  float *panels_, *copy_;
+};
+
+std::size_t panelsWorkspace(const Problem& problem) {
+  return Scratch::bytes(Product::leastFloats(problem));
+}
+
+void runPanels(const Problem& problem, const Operands& operands) {
+  const std::size_t floats = problem.rowGroups() * problem.depth() * vectorCode().rows;
+  const auto filter = packedFilter(panels.id, problem, operands.w, floats, packPanels);
+  Product(problem, operands, filter->data()).run();
+}
+
+}  // namespace
+
+const Algorithm panels = {CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM, always, always,
+                          panelsWorkspace, runPanels};
+
+}  // namespace detail
+}  // namespace host_device
