@@ -1,6 +1,7 @@
 #include "network.h"
 
 #include "errors.h"
+#include "file_bytes.h"
 #include "layer_factory.h"
 #include "layers/l2_norm.h"
 #include "network_table.h"
@@ -12,24 +13,17 @@
 #include <fstream>
 #include <limits>
 #include <utility>
-#include <vector>
 
 int Network::network_count = 0;
 
 namespace {
 
-/// All bytes of the file. A directory, which opens but cannot be read, is not found either.
-std::vector<char> readFile(const char* path) {
+/// A directory, which opens but cannot be read, is not found either.
+facezoo::FileBytes readFile(const char* path) {
   std::ifstream file;
   if (path != nullptr) file.open(path, std::ios::in | std::ios::binary);
-  std::vector<char> bytes;
-  constexpr std::size_t kChunk = std::size_t{1} << 20;
-  for (std::size_t size = 0; file.is_open() && file.good();) {
-    bytes.resize(size + kChunk);
-    file.read(bytes.data() + size, kChunk);
-    size += static_cast<std::size_t>(file.gcount());
-    bytes.resize(size);
-  }
+  facezoo::FileBytes bytes;
+  if (file.is_open()) bytes = facezoo::readAll(file, path);
   if (!file.is_open() || file.bad()) {
     std::printf("Weight file not found.\n");
     throw WEIGHT_FILE_NOT_FOUND;
@@ -77,11 +71,17 @@ Network::~Network() noexcept(false) {  // NOLINT(bugprone-exception-escape)
 }
 
 void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
-  const std::vector<char> bytes = readFile(path);
-  facezoo::checkDocument(bytes.data(), bytes.size());
+  facezoo::FileBytes bytes = readFile(path);
+  facezoo::checkDocument(bytes.data.get(), bytes.size);
   std::size_t offset = 0;
   bool referenced = false;
-  msgpack::unpack(out, bytes.data(), bytes.size(), offset, referenced);
+  // The payloads stay where they were read, and live as long as the document.
+  const auto keepInPlace = [](auto, std::size_t, void*) { return true; };
+  msgpack::v1::unpacked document =
+      msgpack::unpack(bytes.data.get(), bytes.size, offset, referenced, keepInPlace);
+  document.zone()->push_finalizer(facezoo::freeFileBytes, bytes.data.get());
+  bytes.data.release();  // NOLINT(bugprone-unused-return-value)
+  out = std::move(document);
 }
 
 void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std::string& prefix,

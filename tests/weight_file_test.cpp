@@ -2,10 +2,13 @@
 #include "seeded_network.h"
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <thread>
+#include <utility>
 
 namespace facezoo::test {
 namespace {
@@ -73,6 +76,37 @@ TEST_F(WeightFileTest, WhatIsNotAReadableFileIsNotFound) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(Answer::notFound, construct(nullptr));
   testing::internal::GetCapturedStdout();
+}
+
+TEST_F(WeightFileTest, AFileWithoutASizeIsReadToItsEnd) {
+  const std::string good = seededDocument(dexpressionNet).bytes();
+  const TemporaryFile pipe;
+  ASSERT_EQ(0, mkfifo(pipe.path.c_str(), S_IRUSR | S_IWUSR));
+  for (const auto& [length, answer] :
+       {std::pair{good.size(), Answer::loads}, {good.size() - 1, Answer::insufficientBytes}}) {
+    std::thread writer(
+        [&, end = length] { std::ofstream(pipe.path, std::ios::binary).write(good.data(), end); });
+    EXPECT_EQ(answer, construct(pipe.path.c_str()));
+    writer.join();
+  }
+}
+
+TEST_F(WeightFileTest, TheDocumentOutlivesItsFileAndEveryHolderButTheLast) {
+  const Document document = seededDocument(dexpressionNet);
+  const std::string good = document.bytes();
+  msgpack::v1::unpacked last;
+  {
+    msgpack::v1::unpacked first;
+    const TemporaryFile file;
+    document.save(file.path);
+    DexpressionNet net(file.path.c_str(), 1, "");
+    net.openMsgPack(file.path.c_str(), first);
+    net.openMsgPack(file.path.c_str(), first);
+    last = std::move(first);
+  }
+  msgpack::v1::sbuffer packed;
+  msgpack::v1::pack(packed, last.get());
+  EXPECT_TRUE(good == std::string(packed.data(), packed.size()));
 }
 
 TEST_F(WeightFileTest, DocumentsOfTheWrongFormHaveTheirAnswers) {

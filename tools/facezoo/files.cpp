@@ -21,18 +21,18 @@ void requireName(const std::string& path) {
 
 }  // namespace
 
-std::vector<char> readFile(const std::string& path) {
+facezoo::FileBytes readFile(const std::string& path) {
   requireName(path);
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (error) throw Failure(path + ": cannot be read: " + error.message());
   if (fs::is_directory(status)) throw Failure(path + ": expected a file, found a directory");
   if (!fs::is_regular_file(status)) throw Failure(path + ": expected a regular file");
-  std::vector<char> bytes(fs::file_size(path));
   errno = 0;
   std::ifstream file(path, std::ios::binary);
-  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  if (!file) throw Failure(path + ": cannot be read: " + reason(errno));
+  facezoo::FileBytes bytes;
+  if (file) bytes = facezoo::readAll(file, path.c_str());
+  if (!file.is_open() || file.bad()) throw Failure(path + ": cannot be read: " + reason(errno));
   return bytes;
 }
 

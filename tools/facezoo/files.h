@@ -1,12 +1,13 @@
 /// @file
 #pragma once
 
+#include "file_bytes.h"
+
 #include <fstream>
 #include <string>
-#include <vector>
 
 /// The whole of a regular file. @throws Failure
-std::vector<char> readFile(const std::string& path);
+facezoo::FileBytes readFile(const std::string& path);
 
 /// `text` with its control characters replaced, so that a name from a file cannot break a line or
 /// steer the terminal.

@@ -51,8 +51,8 @@ bool jpegReachesItsEnd(std::string_view file) {
 
 void loadImage(const std::string& path, int channels, int width, int height,
                unsigned char* pixels) {
-  const std::vector<char> bytes = readFile(path);
-  const std::string_view file(bytes.data(), bytes.size());
+  const facezoo::FileBytes bytes = readFile(path);
+  const std::string_view file(bytes.data.get(), bytes.size);
   if (file.empty()) throw Failure(path + ": expected a PNG or JPEG image, found an empty file");
   const bool jpeg = file.substr(0, 3) == "\xFF\xD8\xFF";
   if (!jpeg && file.substr(0, 8) != "\x89PNG\r\n\x1A\n")

@@ -2,6 +2,7 @@
 
 #include <msgpack.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -71,16 +72,19 @@ void writeRandomWeights(const facezoo::NetworkTable& network, const std::string&
   msgpack::packer<std::ostream> packer(out);
   packer.pack_map(count);
   Bell bell(seed);
+  constexpr std::size_t kMost = 4096;
   std::vector<float> values;
   facezoo::forEachWeight(
       network.layers, prefix,
       [&](const std::string& name, std::size_t elements, const LayerRow& layer, WeightRole role) {
         const Distribution shape = distribution(layer, role);
-        values.resize(elements);
-        for (float& value : values) value = shape.mean + shape.deviation * bell();
         packer.pack(name);
-        const auto bytes = static_cast<std::uint32_t>(elements * sizeof(float));
-        packer.pack_str(bytes);
-        packer.pack_str_body(reinterpret_cast<const char*>(values.data()), bytes);
+        packer.pack_str(static_cast<std::uint32_t>(elements * sizeof(float)));
+        for (std::size_t left = elements; left > 0; left -= values.size()) {
+          values.resize(std::min(left, kMost));
+          for (float& value : values) value = shape.mean + shape.deviation * bell();
+          packer.pack_str_body(reinterpret_cast<const char*>(values.data()),
+                               static_cast<std::uint32_t>(values.size() * sizeof(float)));
+        }
       });
 }

@@ -46,15 +46,15 @@ FloatSummary summarize(std::string_view payload) {
 }
 
 WeightDocument::WeightDocument(const std::string& path) : bytes_(readFile(path)) {
-  if (bytes_.empty()) throw Failure(path + ": expected a MessagePack map, found an empty file");
+  if (bytes_.size == 0) throw Failure(path + ": expected a MessagePack map, found an empty file");
   try {
-    facezoo::checkDocument(bytes_.data(), bytes_.size());
+    facezoo::checkDocument(bytes_.data.get(), bytes_.size);
     std::size_t end = 0;
     const auto keepInFile = [](auto, std::size_t, void*) { return true; };
-    msgpack::unpack(document_, bytes_.data(), bytes_.size(), end, keepInFile);
+    msgpack::unpack(document_, bytes_.data.get(), bytes_.size, end, keepInFile);
   } catch (const msgpack::v1::insufficient_bytes&) {
     throw Failure(path + ": expected a complete MessagePack map, found its end missing after " +
-                  std::to_string(bytes_.size()) + " bytes");
+                  std::to_string(bytes_.size) + " bytes");
   } catch (const msgpack::v1::unpack_error&) {
     throw Failure(path +
                   ": expected a MessagePack map, found bytes that are not MessagePack or "

@@ -1,6 +1,7 @@
 /// @file
 #pragma once
 
+#include "file_bytes.h"
 #include "network_table.h"
 
 #include <msgpack.hpp>
@@ -39,7 +40,7 @@ class WeightDocument {
   const std::vector<WeightArray>& arrays() const { return arrays_; }
 
  private:
-  std::vector<char> bytes_;
+  facezoo::FileBytes bytes_;
   msgpack::v1::object_handle document_;
   std::vector<WeightArray> arrays_;
 };

@@ -3,6 +3,8 @@
 #include "host_device.h"
 #include "simulated_devices.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
@@ -15,6 +17,7 @@ namespace {
 
 /// Wide enough for any vector load; also what the real runtime promises.
 constexpr std::size_t kAlignment = 256;
+constexpr std::size_t kHugePage = std::size_t{2} << 20;
 
 struct Allocation {
   std::size_t bytes;
@@ -49,6 +52,16 @@ Entry holder(Registry& r, const void* pointer, std::size_t bytes) {
   return inside ? entry : r.allocations.end();
 }
 
+/// Null if there is no memory. First touching a large block in pages of 4 KiB would take several
+/// times as long as filling it.
+void* allocate(std::size_t bytes) {
+  const bool large = bytes >= kHugePage;
+  const std::size_t alignment = large ? kHugePage : kAlignment;
+  void* block = std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
+  if (large && block != nullptr) madvise(block, bytes, MADV_HUGEPAGE);
+  return block;
+}
+
 void fillWithSignallingNaN(void* block, std::size_t bytes) {
   const float nan = std::numeric_limits<float>::signaling_NaN();
   std::uint32_t pattern;
@@ -70,8 +83,7 @@ cudaError_t allocateDevice(void** pointer, std::size_t bytes) {
   const std::size_t total = deviceMemory(device);
   std::size_t& used = r.usedBytes[device];
   if (used > total || bytes > total - used) return cudaErrorMemoryAllocation;
-  const std::size_t rounded = (bytes + kAlignment - 1) / kAlignment * kAlignment;
-  void* block = std::aligned_alloc(kAlignment, rounded);
+  void* block = allocate(bytes);
   if (block == nullptr) return cudaErrorMemoryAllocation;
   try {
     r.allocations.emplace(address(block), Allocation{bytes, device, {}});
