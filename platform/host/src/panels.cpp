@@ -12,6 +12,10 @@ namespace host_device {
 namespace detail {
 namespace {
 
+/// Panels are gathered in blocks that stay in the second cache.
+constexpr std::size_t kBlockBytes = std::size_t{128} << 10;
+constexpr std::size_t kMostPanels = 8;
+
 bool always(const Problem&) { return true; }
 
 /// Packed as [row group][depth][row].
@@ -101,19 +105,24 @@ class Product {
         phases_(problem),
         pointwise_(isPointwise(problem)) {
     Scratch scratch(operands);
-    const std::size_t perImage = imageFloats(problem), perThread = threadFloats(problem);
+    const std::size_t perImage = imageFloats(problem);
     const std::size_t room = scratch.floatsLeft() - fixedFloats;
-    threads_ = std::clamp<std::size_t>((room - perImage) / perThread, 1, omp_get_max_threads());
+    threads_ = omp_get_max_threads();
+    blockPanels_ =
+        std::clamp<std::size_t>(kBlockBytes / sizeof(float) / panelFloats(problem), 1, kMostPanels);
+    if (room < perImage + threads_ * threadFloats(problem, blockPanels_)) blockPanels_ = 1;
+    perThread_ = threadFloats(problem, blockPanels_);
+    threads_ = std::clamp<std::size_t>((room - perImage) / perThread_, 1, threads_);
     images_ = problem.n;
     if (perImage > 0) {
-      images_ = std::clamp<std::size_t>((room - threads_ * perThread) / perImage, 1, problem.n);
+      images_ = std::clamp<std::size_t>((room - threads_ * perThread_) / perImage, 1, problem.n);
     }
-    panels_ = scratch.take(threads_ * perThread);
+    panels_ = scratch.take(threads_ * perThread_);
     copy_ = scratch.take(0);
   }
 
   static std::size_t leastFloats(const Problem& problem) {
-    return imageFloats(problem) + threadFloats(problem) + fixedFloats;
+    return imageFloats(problem) + threadFloats(problem, 1) + fixedFloats;
   }
 
   void run() const {
@@ -138,8 +147,7 @@ class Product {
         for (std::size_t place = thread; place < grid.columns * grid.rows; place += threads) {
           multiply(pointwise_ ? x : copy_, y, outputs,
                    part(vectors, place % grid.columns, grid.columns),
-                   part(groups, place / grid.columns, grid.rows),
-                   panels_ + thread * threadFloats(problem_));
+                   part(groups, place / grid.columns, grid.rows), panels_ + thread * perThread_);
         }
       }
     }
@@ -150,40 +158,77 @@ class Product {
   /// What may be read past the end of the copy.
   static constexpr std::size_t fixedFloats = kMostLanes;
 
+  struct Panel {
+    std::size_t width;
+    float* data;
+    int inputRuns, outputRuns;
+    Run inputs[widest], outputs[widest];
+  };
+
   static std::size_t imageFloats(const Problem& problem) {
     return isPointwise(problem) ? 0 : problem.c * Phases(problem).plane;
   }
-  /// A panel, what may be written past its end, and a tile of results.
-  static std::size_t threadFloats(const Problem& problem) {
-    return Scratch::lines(problem.depth() * kWidest * vectorCode().lanes + kMostLanes) +
-           kMostRows * widest;
+  /// With what may be written past its end.
+  static std::size_t panelFloats(const Problem& problem) {
+    return problem.depth() * kWidest * vectorCode().lanes + kMostLanes;
+  }
+  /// A block of panels and a tile of results.
+  static std::size_t threadFloats(const Problem& problem, std::size_t blockPanels) {
+    return Scratch::lines(panelFloats(problem) * blockPanels) + kMostRows * widest;
   }
 
   void multiply(const float* x, float* y, std::size_t outputs, Range vectors, Range groups,
-                float* panel) const {
-    const std::size_t depth = problem_.depth(), lanes = code_.lanes;
-    float* const tile = panel + threadFloats(problem_) - kMostRows * widest;
-    const std::size_t panels = dividedUp(vectors.end - vectors.begin, kWidest);
-    for (std::size_t p = 0; p < panels; ++p) {
-      const Range own = part(vectors.end - vectors.begin, p, panels);
-      const std::size_t width = (own.end - own.begin) * lanes;
-      const std::size_t begin = (vectors.begin + own.begin) * lanes;
-      const std::size_t end = std::min(outputs, begin + width);
-      gather(x, begin, end, width, panel);
-
-      Run runs[widest];
-      const int count = runsOf(begin, end, problem_.outputPlane(), problem_.k, runs);
-      for (std::size_t group = groups.begin; group < groups.end; ++group) {
-        code_.multiply[own.end - own.begin - 1](depth, filter_ + group * depth * code_.rows, panel,
-                                                tile, width);
-        const std::size_t k = group * code_.rows;
-        const int rows = static_cast<int>(std::min<std::size_t>(code_.rows, problem_.k - k));
-        for (int i = 0; i < count; ++i) {
-          code_.store(tile + runs[i].to, width, rows, runs[i].count,
-                      operands_.bias ? operands_.bias + k : nullptr, 1,
-                      y + runs[i].from + k * problem_.outputPlane(), problem_.outputPlane());
+                float* scratch) const {
+    const std::size_t depth = problem_.depth(), plane = problem_.outputPlane();
+    float* const tile = scratch + perThread_ - kMostRows * widest;
+    const std::size_t all = dividedUp(vectors.end - vectors.begin, kWidest);
+    const std::size_t blocks = dividedUp(all, blockPanels_);
+    for (std::size_t b = 0; b < blocks; ++b) {
+      Panel panels[kMostPanels];
+      float* data = scratch;
+      int count = 0;
+      const Range inBlock = part(all, b, blocks);
+      for (std::size_t p = inBlock.begin; p < inBlock.end; ++p) {
+        const Range own = part(vectors.end - vectors.begin, p, all);
+        Panel& panel = panels[count++];
+        panel.width = (own.end - own.begin) * code_.lanes;
+        panel.data = data;
+        data += panel.width * depth + kMostLanes;
+        const std::size_t begin = (vectors.begin + own.begin) * code_.lanes;
+        describeRuns(begin, std::min(outputs, begin + panel.width), panel);
+      }
+      gather(x, panels, count);
+      for (int p = 0; p < count; ++p) {
+        const Panel& panel = panels[p];
+        for (std::size_t group = groups.begin; group < groups.end; ++group) {
+          const std::size_t k = group * code_.rows;
+          const int rows = static_cast<int>(std::min<std::size_t>(code_.rows, problem_.k - k));
+          code_.multiply[panel.width / code_.lanes - 1](depth, filter_ + group * depth * code_.rows,
+                                                        panel.data, tile, panel.width);
+          for (int i = 0; i < panel.outputRuns; ++i) {
+            const Run& run = panel.outputs[i];
+            code_.store(tile + run.to, panel.width, rows, run.count,
+                        operands_.bias ? operands_.bias + k : nullptr, 1, y + run.from + k * plane,
+                        plane);
+          }
         }
       }
+    }
+  }
+
+  void describeRuns(std::size_t begin, std::size_t end, Panel& panel) const {
+    panel.outputRuns = runsOf(begin, end, problem_.outputPlane(), problem_.k, panel.outputs);
+    if (pointwise_) {
+      panel.inputRuns = runsOf(begin, end, problem_.inputPlane(), problem_.c, panel.inputs);
+      return;
+    }
+    const Axis &v = problem_.vertical, &h = problem_.horizontal;
+    panel.inputRuns = runsOf(begin, end, h.output, 1, panel.inputs);
+    for (int i = 0; i < panel.inputRuns; ++i) {
+      std::size_t& from = panel.inputs[i].from;
+      const std::size_t row = from / h.output, column = from % h.output;
+      from = row / v.output * problem_.c * phases_.plane + row % v.output * v.stride * phases_.row +
+             column;
     }
   }
 
@@ -199,31 +244,21 @@ class Product {
     return count;
   }
 
-  /// The panel's row (c, u, v) holds for each output the input under that element of the filter.
-  void gather(const float* x, std::size_t begin, std::size_t end, std::size_t width,
-              float* panel) const {
-    Run runs[widest];
-    if (pointwise_) {
-      const std::size_t plane = problem_.inputPlane();
-      const int count = runsOf(begin, end, plane, problem_.c, runs);
-      for (int c = 0; c < problem_.c; ++c, panel += width) {
-        code_.copyRuns(runs, count, x + c * plane, panel, false);
-      }
-      return;
-    }
+  /// Row (c, u, t) of a panel holds for each output the input under that element of the filter. A
+  /// row of the whole block comes from neighbouring memory.
+  void gather(const float* x, Panel* panels, int count) const {
     const Axis &v = problem_.vertical, &h = problem_.horizontal;
-    int count = runsOf(begin, end, h.output, 1, runs);
-    for (int i = 0; i < count; ++i) {
-      const std::size_t row = runs[i].from / h.output, column = runs[i].from % h.output;
-      runs[i].from = row / v.output * problem_.c * phases_.plane +
-                     row % v.output * v.stride * phases_.row + column;
-    }
-    for (int c = 0; c < problem_.c; ++c, x += phases_.plane) {
+    const std::size_t plane = pointwise_ ? problem_.inputPlane() : phases_.plane;
+    std::size_t d = 0;
+    for (int c = 0; c < problem_.c; ++c, x += plane) {
       for (int u = 0; u < v.kernel; ++u) {
-        for (int t = 0; t < h.kernel; ++t, panel += width) {
-          code_.copyRuns(runs, count,
-                         x + u * phases_.row + t % h.stride * phases_.width + t / h.stride, panel,
-                         true);
+        for (int t = 0; t < h.kernel; ++t, ++d) {
+          const float* const from =
+              x + u * phases_.row + t % h.stride * phases_.width + t / h.stride;
+          for (int p = 0; p < count; ++p) {
+            code_.copyRuns(panels[p].inputs, panels[p].inputRuns, from,
+                           panels[p].data + d * panels[p].width, !pointwise_);
+          }
         }
       }
     }
@@ -235,7 +270,7 @@ class Product {
   const VectorCode& code_ = vectorCode();
   const Phases phases_;
   const bool pointwise_;
-  std::size_t threads_, images_;
+  std::size_t threads_, images_, blockPanels_, perThread_;
   float *panels_, *copy_;
 };
 
