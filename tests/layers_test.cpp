@@ -48,8 +48,9 @@ Tensor upload(const Image4& x) {
 
 TEST_F(LayerTest, InputConversion) {
   const std::vector<float> channelMean = {104, 117, 123};
-  const Shape shapes[] = {{1, 1, 1, 1},   {1, 2, 2, 3},  {5, 1, 33, 3},  // n, h, w, c
-                          {2, 33, 31, 1}, {5, 7, 64, 3}, {2, 65, 3, 2}};
+  const Shape shapes[] = {{1, 1, 1, 1},   {1, 2, 2, 3},   {5, 1, 33, 3},  // n, h, w, c
+                          {2, 33, 31, 1}, {5, 7, 64, 3},  {2, 65, 3, 2},
+                          {2, 67, 83, 3}, {1, 2, 8999, 1}};
   for (const Shape& shape : shapes) {
     SCOPED_TRACE(PrintToString(shape));
     const int n = shape[0], h = shape[1], w = shape[2], c = shape[3];
@@ -230,7 +231,7 @@ TEST_F(LayerTest, Pooling) {
 TEST_F(LayerTest, ElementWise) {
   SliceEltwiseMax largerOf;
   EltwiseSum sumOf;
-  for (const Shape& t : {Shape{1, 2, 1, 1}, {5, 6, 3, 5}, {2, 4, 16, 32}, {2, 10, 33, 31}}) {
+  for (const Shape& t : {Shape{1, 2, 1, 1}, {5, 6, 3, 5}, {2, 4, 16, 32}, {2, 10, 67, 71}}) {
     SCOPED_TRACE(PrintToString(t));
     freshPool();
     Image4 a = seededImage(t[0], t[1], t[2], t[3], 1), b = seededImage(t[0], t[1], t[2], t[3], 2);

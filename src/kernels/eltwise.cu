@@ -10,7 +10,7 @@ constexpr unsigned kBlock = 1024;
 
 __global__ void _kernelEltwiseMax(float* a, float* b, int inputStride, float* out, int outputStride,
                                   int width, int height) {
-  overGrid(width, height, [=](int x, int y) {
+  overGrid(width, height, 1, [=](int x, int y) {
     const int i = y * inputStride + x;
     // Not fmaxf: the operand that a comparison with NaN picks is part of the contract.
     out[y * outputStride + x] = a[i] < b[i] ? b[i] : a[i];
@@ -19,7 +19,7 @@ __global__ void _kernelEltwiseMax(float* a, float* b, int inputStride, float* ou
 
 __global__ void _kernelEltwiseSum(float* a, float* b, int inputStride, float* out, int outputStride,
                                   int width, int height) {
-  overGrid(width, height, [=](int x, int y) {
+  overGrid(width, height, 1, [=](int x, int y) {
     const int i = y * inputStride + x;
     out[y * outputStride + x] = a[i] + b[i];
   });

@@ -11,7 +11,7 @@ namespace {
 constexpr int kBlock = 128;
 
 __global__ void kernelL2Normalize_(int count, int dim, const float* in, float* out) {
-  overGrid(count, 1, [=](int i, int) {
+  overGrid(count, 1, dim, [=](int i, int) {
     float sum = 0.0F;
     for (int j = 0; j < dim; ++j) {
       const float value = in[i * dim + j];

@@ -9,17 +9,30 @@ using facezoo::overGrid;
 
 constexpr unsigned kBlockEdge = 32;
 
-/// out[c, y, x] = in[y, x, c] - mean(index in the interleaved image, c), for one image.
+/// out[c, y, x] = in[y, x, c] - mean(index in the interleaved image, c), for one image. A count of
+/// channels that is known at compile time lets the host take the interleaved bytes in vectors.
+template <int Channels, class Mean>
+__device__ void convertPixels(int4 dims, const unsigned char* in, float* out, const Mean& mean) {
+  const int width = dims.z;
+  const int plane = dims.y * dims.z;
+  const int channels = Channels > 0 ? Channels : dims.w;
+  overGrid(width, dims.y, channels, [=](int x, int y) {
+    const int pixel = y * width + x;
+    for (int c = 0; c < channels; ++c) {
+      const int i = pixel * channels + c;
+      out[c * plane + pixel] = static_cast<float>(in[i]) - mean(i, c);
+    }
+  });
+}
+
 template <class Mean>
 __device__ void convert(int4 dims, const unsigned char* in, float* out, const Mean& mean) {
-  const int height = dims.y;
-  const int width = dims.z;
-  const int channels = dims.w;
-  for (int c = 0; c < channels; ++c) {
-    overGrid(width, height, [=](int x, int y) {
-      const int i = (y * width + x) * channels + c;
-      out[(c * height + y) * width + x] = static_cast<float>(in[i]) - mean(i, c);
-    });
+  if (dims.w == 3) {
+    convertPixels<3>(dims, in, out, mean);
+  } else if (dims.w == 1) {
+    convertPixels<1>(dims, in, out, mean);
+  } else {
+    convertPixels<0>(dims, in, out, mean);
   }
 }
 

@@ -15,9 +15,10 @@ void launch(void (*kernel)(P...), dim3 grid, dim3 block, A... values) {
   kernel<<<grid, block>>>(static_cast<P>(values)...);
 }
 
-/// Calls body(x, y) with this thread's column and row where they lie inside width × height.
+/// Calls body(x, y) with this thread's column and row where they lie inside width × height. How
+/// much work a call is matters to the host only.
 template <class Body>
-__device__ void overGrid(int width, int height, const Body& body) {
+__device__ void overGrid(int width, int height, int /*work*/, const Body& body) {
   const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
   const int y = static_cast<int>(blockIdx.y * blockDim.y + threadIdx.y);
   if (x < width && y < height) body(x, y);

@@ -7,6 +7,7 @@
 #include <cuda_runtime.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <tuple>
 #include <utility>
 
@@ -43,17 +44,56 @@ void launch(void (*kernel)(P...), dim3 grid, dim3 block, A... values) {
       parameters);
 }
 
-/// Calls body(x, y) for every 0 <= x < width, 0 <= y < height that the running launch covers.
-/// The calls must be independent of each other.
+namespace detail {
+
+/// The calls of one piece of a row. A clone for each instruction set; `body` becomes part of each.
 template <class Body>
-void overGrid(int width, int height, const Body& body) {
+[[gnu::always_inline]] inline void visit(const Body& body, int y, int begin, int end) {
+#pragma omp simd
+  for (int x = begin; x < end; ++x) body(x, y);
+}
+template <class Body>
+[[gnu::target("avx512f,avx512bw")]] void visitAvx512(const Body& body, int y, int begin, int end) {
+  visit<Body>(body, y, begin, end);
+}
+template <class Body>
+[[gnu::target("avx2,fma")]] void visitAvx2(const Body& body, int y, int begin, int end) {
+  visit<Body>(body, y, begin, end);
+}
+template <class Body>
+void visitAny(const Body& body, int y, int begin, int end) {
+  visit<Body>(body, y, begin, end);
+}
+
+/// target_clones would do this for a function that is not a template.
+template <class Body>
+auto bestVisit() {
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")) {
+    return visitAvx512<Body>;
+  }
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return visitAvx2<Body>;
+  return visitAny<Body>;
+}
+
+}  // namespace detail
+
+/// Calls body(x, y) for every 0 <= x < width, 0 <= y < height that the running launch covers.
+/// The calls must be independent of each other; each handles about `work` values.
+template <class Body>
+void overGrid(int width, int height, int work, const Body& body) {
+  constexpr int pieceWork = 8192;
   const LaunchGeometry& launch = currentLaunch();
   const int columns = std::min(width, static_cast<int>(launch.grid.x * launch.block.x));
   const int rows = std::min(height, static_cast<int>(launch.grid.y * launch.block.y));
-#pragma omp parallel for schedule(static)
+  const int piece = std::max(1, pieceWork / std::max(1, work));
+  const int pieces = (columns + piece - 1) / piece;
+  const auto visit = detail::bestVisit<Body>();
+  const bool pays = std::int64_t{1} * columns * rows >= 2 * piece;
+#pragma omp parallel for schedule(static) collapse(2) if (pays)
   for (int y = 0; y < rows; ++y) {
-#pragma omp simd
-    for (int x = 0; x < columns; ++x) body(x, y);
+    for (int i = 0; i < pieces; ++i) {
+      visit(body, y, i * piece, std::min(columns, (i + 1) * piece));
+    }
   }
 }
 
