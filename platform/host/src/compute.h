@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cudnn.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -66,13 +67,28 @@ inline bool areMapped(const cudnnTensorStruct* xDesc, const void* x, const cudnn
   return isSet(xDesc) && isSet(yDesc) && isDevice(x, xDesc->bytes()) && isDevice(y, yDesc->bytes());
 }
 
-/// Calls body(begin, end) for pieces of [0, count), on several threads when there is enough to do.
+/// Calls body(begin, end) for ranges that make up [0, count): one for each thread, or a single one
+/// when there is less to do than it takes to wake the threads.
+///
+/// @param work values that each of the `count` items has
+template <class Body>
+void forRanges(std::size_t count, std::size_t work, const Body& body) {
+  constexpr std::size_t enough = 16384;
+  if (count < 2 || count * work < enough) {
+    body(std::size_t{0}, count);
+    return;
+  }
+#pragma omp parallel
+  {
+    const std::size_t threads = omp_get_num_threads(), thread = omp_get_thread_num();
+    const std::size_t begin = count * thread / threads, end = count * (thread + 1) / threads;
+    if (begin < end) body(begin, end);
+  }
+}
+
 template <class Body>
 void forPieces(std::size_t count, const Body& body) {
-  constexpr std::size_t piece = 8192;
-  const std::size_t pieces = (count + piece - 1) / piece;
-#pragma omp parallel for schedule(static) if (pieces > 1)
-  for (std::size_t i = 0; i < pieces; ++i) body(i * piece, std::min(count, (i + 1) * piece));
+  forRanges(count, 1, body);
 }
 
 }  // namespace detail
