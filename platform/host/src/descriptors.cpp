@@ -7,6 +7,7 @@
 #include <limits>
 #include <mutex>
 #include <unordered_map>
+#include <utility>
 
 using host_device::detail::allLive;
 using host_device::detail::enter;
@@ -15,9 +16,14 @@ namespace {
 
 enum class ObjectKind { handle, descriptor };
 
+struct State {
+  ObjectKind kind;
+  bool live;
+};
+
 struct Objects {
   std::mutex mutex;
-  std::unordered_map<const HostObject*, ObjectKind> live;
+  std::unordered_map<const HostObject*, State> states;
 };
 
 Objects& objects() {
@@ -25,24 +31,37 @@ Objects& objects() {
   return instance;
 }
 
+/// The destroyed objects of a type, which is all that its next ones are made from: layers create
+/// and destroy descriptors in every call. Guarded by the mutex.
+template <class T>
+HostObject* spares = nullptr;
+
 template <class T>
 bool createObject(T** handle, ObjectKind kind) {
   if (handle == nullptr) return false;
-  auto object = std::make_unique<T>();
-  const std::lock_guard<std::mutex> lock(objects().mutex);
-  objects().live.emplace(object.get(), kind);
-  *handle = object.release();
+  Objects& o = objects();
+  const std::lock_guard<std::mutex> lock(o.mutex);
+  if (spares<T> == nullptr) {
+    auto object = std::make_unique<T>();
+    o.states.emplace(object.get(), State{kind, true});
+    *handle = object.release();
+    return true;
+  }
+  auto* object = static_cast<T*>(spares<T>);
+  spares<T> = object->nextSpare;
+  *object = T();
+  o.states.at(object).live = true;
+  *handle = object;
   return true;
 }
 
 template <class T>
 bool destroyObject(T* handle) {
   if (!allLive(handle)) return false;
-  {
-    const std::lock_guard<std::mutex> lock(objects().mutex);
-    objects().live.erase(handle);
-  }
-  delete handle;
+  Objects& o = objects();
+  const std::lock_guard<std::mutex> lock(o.mutex);
+  o.states.at(handle).live = false;
+  handle->nextSpare = std::exchange(spares<T>, handle);
   return true;
 }
 
@@ -78,7 +97,8 @@ namespace host_device {
 namespace detail {
 bool isLive(const HostObject* object) {
   const std::lock_guard<std::mutex> lock(objects().mutex);
-  return objects().live.count(object) != 0;
+  const auto found = objects().states.find(object);
+  return found != objects().states.end() && found->second.live;
 }
 }  // namespace detail
 
@@ -86,8 +106,8 @@ Live live() {
   const detail::AllocationCount memory = detail::liveAllocations();
   Live count{memory.allocations, memory.bytes, 0, 0};
   const std::lock_guard<std::mutex> lock(objects().mutex);
-  for (const auto& object : objects().live) {
-    ++(object.second == ObjectKind::handle ? count.handles : count.descriptors);
+  for (const auto& [object, state] : objects().states) {
+    if (state.live) ++(state.kind == ObjectKind::handle ? count.handles : count.descriptors);
   }
   return count;
 }

@@ -8,9 +8,10 @@
 #include <cstddef>
 #include <memory>
 
-/// Base of every handle and descriptor: what the registry of live objects holds.
+/// Base of every handle and descriptor: what the registry of objects holds.
 struct HostObject {
   virtual ~HostObject() = default;
+  HostObject* nextSpare = nullptr;  ///< of a destroyed object: another one of its type
 };
 
 struct cudnnContext : HostObject {};
