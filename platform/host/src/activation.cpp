@@ -24,15 +24,14 @@ HOST_DEVICE_CLONES void rectifyDroppingNan(const float* x, float* y, std::size_t
 void softmax(const cudnnTensorStruct& shape, const float* x, float* y) {
   const std::size_t plane = std::size_t{1} * shape.h * shape.w;
   const std::size_t image = plane * shape.c;
-#pragma omp parallel for schedule(static) collapse(2)
-  for (int n = 0; n < shape.n; ++n) {
-    for (std::size_t position = 0; position < plane; ++position) {
-      const std::size_t begin = n * image + position, end = begin + image;
+  forRanges(shape.n * plane, shape.c, [&](std::size_t first, std::size_t last) {
+    for (; first < last; ++first) {
+      const std::size_t begin = first / plane * image + first % plane, end = begin + image;
       float sum = 0.0f;
       for (std::size_t i = begin; i < end; i += plane) sum += y[i] = std::exp(x[i]);
       for (std::size_t i = begin; i < end; i += plane) y[i] /= sum;
     }
-  }
+  });
 }
 
 /// c = alpha · a + beta · c over a run of c in which a either advances with c or stands still.
@@ -68,16 +67,16 @@ void addTensor(float alpha, const cudnnTensorStruct& aShape, const float* a, flo
     run.count *= extent;
   }
 
-  const std::size_t runs = cShape.elements() / run.count;
-#pragma omp parallel for schedule(static)
-  for (std::size_t r = 0; r < runs; ++r) {
-    std::size_t offset = 0, stride = run.standsStill ? 1 : run.count, rest = r;
-    for (int d = outer; d-- > 0; rest /= cExtents[d]) {
-      if (aExtents[d] > 1) offset += rest % cExtents[d] * stride;
-      stride *= aExtents[d];
+  forRanges(cShape.elements() / run.count, run.count, [&](std::size_t first, std::size_t last) {
+    for (std::size_t r = first; r < last; ++r) {
+      std::size_t offset = 0, stride = run.standsStill ? 1 : run.count, rest = r;
+      for (int d = outer; d-- > 0; rest /= cExtents[d]) {
+        if (aExtents[d] > 1) offset += rest % cExtents[d] * stride;
+        stride *= aExtents[d];
+      }
+      addRun(run, alpha, a + offset, beta, c + r * run.count);
     }
-    addRun(run, alpha, a + offset, beta, c + r * run.count);
-  }
+  });
 }
 
 bool broadcasts(const cudnnTensorStruct& a, const cudnnTensorStruct& c) {

@@ -1,3 +1,4 @@
+#include "compute.h"
 #include "device_code.h"
 #include "device_memory.h"
 #include "host_device.h"
@@ -60,6 +61,23 @@ bool mayCopy(void* destination, const void* source, std::size_t bytes, cudaMemcp
   const bool readable = fromDevice(kind) ? isDevice(source, bytes) : !touchesDevice(source, bytes);
   if (!readable) return false;
   return toDevice(kind) ? writeDevice(destination, bytes) : !touchesDevice(destination, bytes);
+}
+
+/// Copies `height` rows of `width` bytes that do not overlap.
+void copyRows(void* destination, std::size_t destinationPitch, const void* source,
+              std::size_t sourcePitch, std::size_t width, std::size_t height) {
+  constexpr std::size_t piece = 65536;
+  const std::size_t pieces = (width + piece - 1) / piece;
+  detail::forRanges(pieces * height, std::min(width, piece) / sizeof(float),
+                    [&](std::size_t begin, std::size_t end) {
+                      for (std::size_t i = begin; i < end; ++i) {
+                        const std::size_t row = i / pieces, start = i % pieces * piece;
+                        std::memcpy(
+                            static_cast<char*>(destination) + row * destinationPitch + start,
+                            static_cast<const char*>(source) + row * sourcePitch + start,
+                            std::min(piece, width - start));
+                      }
+                    });
 }
 
 }  // namespace
@@ -194,7 +212,11 @@ cudaError_t cudaMemcpy(void* destination, const void* source, size_t bytes, cuda
   return enter("cudaMemcpy", {static_cast<std::int64_t>(bytes), kind}, [&] {
     if (bytes == 0) return cudaSuccess;
     if (!mayCopy(destination, source, bytes, kind)) return cudaErrorInvalidValue;
-    std::memmove(destination, source, bytes);
+    if (detail::overlap(destination, bytes, source, bytes)) {
+      std::memmove(destination, source, bytes);
+    } else {
+      copyRows(destination, bytes, source, bytes, bytes, 1);
+    }
     return cudaSuccess;
   });
 }
@@ -213,11 +235,7 @@ cudaError_t cudaMemcpy2D(void* destination, size_t destinationPitch, const void*
             return cudaErrorInvalidValue;
           }
         }
-#pragma omp parallel for schedule(static) if (width * height > 65536)
-        for (size_t row = 0; row < height; ++row) {
-          std::memcpy(static_cast<char*>(destination) + row * destinationPitch,
-                      static_cast<const char*>(source) + row * sourcePitch, width);
-        }
+        copyRows(destination, destinationPitch, source, sourcePitch, width, height);
         return cudaSuccess;
       });
 }
