@@ -1,6 +1,7 @@
 #include "networks.h"
 
 #include "facezoo.h"
+#include "failure.h"
 
 #include <algorithm>
 
@@ -30,18 +31,9 @@ const std::vector<KnownNetwork>& knownNetworks() {
 }
 
 const KnownNetwork& findNetwork(const std::string& name) {
-  return *std::find_if(knownNetworks().begin(), knownNetworks().end(),
-                       [&](const KnownNetwork& known) { return name == known.table->name; });
-}
-
-void addNetworkArgument(CLI::App& command, std::string& name) {
-  std::vector<std::string> names;
-  for (const KnownNetwork& known : knownNetworks()) names.emplace_back(known.table->name);
-  command.add_option("NET", name, "Network, by class name")
-      ->required()
-      ->check(CLI::IsMember(names));
-}
-
-void addPrefixOption(CLI::App& command, std::string& prefix) {
-  command.add_option("--prefix", prefix, "Put in front of every weight name")->type_name("P");
+  const auto found =
+      std::find_if(knownNetworks().begin(), knownNetworks().end(),
+                   [&](const KnownNetwork& known) { return name == known.table->name; });
+  if (found == knownNetworks().end()) throw Failure("there is no network " + name);
+  return *found;
 }

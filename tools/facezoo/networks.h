@@ -1,11 +1,9 @@
 /// @file
-/// The networks that the tool knows, by class name.
+/// The networks by class name.
 #pragma once
 
 #include "network.h"
 #include "network_table.h"
-
-#include <CLI/CLI.hpp>
 
 #include <functional>
 #include <string>
@@ -21,8 +19,5 @@ struct KnownNetwork {
 
 const std::vector<KnownNetwork>& knownNetworks();
 
-/// `name` is one of those that `addNetworkArgument` lets through.
+/// @throws Failure if there is none of that name
 const KnownNetwork& findNetwork(const std::string& name);
-
-void addNetworkArgument(CLI::App& command, std::string& name);
-void addPrefixOption(CLI::App& command, std::string& prefix);

@@ -1,3 +1,4 @@
+#include "arguments.h"
 #include "commands.h"
 #include "failure.h"
 #include "files.h"
