@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need and that this machine lacks.
-#   scripts/setup.sh [--tests]        --tests: also what ./test.sh needs
+#   scripts/setup.sh [--tests|--bench]    also what ./test.sh or bench/run.sh needs
 set -euo pipefail
 
 packages=(
@@ -12,6 +12,8 @@ packages=(
 if [ "${1:-}" = --tests ]; then
   packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
     "clang-format:style check" "clang-tidy:static analysis" "libomp-dev:omp.h for clang-tidy")
+elif [ "${1:-}" = --bench ]; then
+  packages+=("python3-venv:comparison with other engines")
 fi
 
 missing=()

@@ -1,0 +1,265 @@
+"""Compares the library with other inference engines: same weights, images and threads.
+
+Started by bench/run.sh. README.md says what is measured and how to read it.
+"""
+import argparse
+import json
+import os
+import platform
+import statistics
+import subprocess
+import sys
+import time
+from contextlib import ExitStack
+from dataclasses import dataclass, field
+from importlib import metadata
+from pathlib import Path
+
+import matplotlib
+import numpy as np
+
+import graphs
+
+matplotlib.use("Agg")
+import matplotlib.pyplot as plt  # noqa: E402
+
+LIBRARY = "facezoo"
+PEERS = ["onnxruntime", "openvino-latency", "openvino-streams", "openvino-images"]
+TOLERANCE = 1e-3
+LOADS = 3
+WARM_UPS = 3
+FEWEST_ROUNDS = 5
+HERE = Path(__file__).resolve().parent
+
+
+@dataclass
+class Files:
+    """What the engines read."""
+    weights: Path
+    model: Path
+    images: Path
+    shape: tuple[int, ...]
+
+
+@dataclass
+class Result:
+    """One engine, one network, one batch."""
+    load_ms: list[float] = field(default_factory=list)
+    first_result_ms: list[float] = field(default_factory=list)
+    run_ms: list[float] = field(default_factory=list)
+    peak_mib: float = 0
+    difference: float = 0
+
+    def summary(self) -> dict[str, float]:
+        return {"run_ms": statistics.median(self.run_ms),
+                "run_p90_ms": float(np.percentile(self.run_ms, 90)),
+                "rounds": len(self.run_ms),
+                "load_ms": statistics.median(self.load_ms),
+                "first_result_ms": statistics.median(self.first_result_ms),
+                "peak_mib": self.peak_mib,
+                "difference": self.difference}
+
+
+class Worker:
+    """A process that holds one network on one engine, ready for one batch."""
+
+    def __init__(self, engine: str, options: argparse.Namespace, name: str, files: Files) -> None:
+        self.engine = engine
+        if engine == LIBRARY:
+            command = [options.build / "bin/facezoo-bench-worker", name, files.weights,
+                       files.images, str(files.shape[0])]
+        else:
+            command = [sys.executable, HERE / "peer.py", engine, files.model, files.images,
+                       "x".join(map(str, files.shape)), str(options.threads)]
+        self.process = subprocess.Popen(
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, encoding="ascii",
+            env={**os.environ, "OMP_NUM_THREADS": str(options.threads)})
+        assert self.process.stdin and self.process.stdout
+        self.questions, self.answers = self.process.stdin, self.process.stdout
+        self.load_ms = self.answer()[0]
+
+    def close(self) -> None:
+        self.questions.close()
+        if code := self.process.wait():
+            raise SystemExit(f"{self.engine} ended with code {code}")
+
+    def answer(self) -> list[float]:
+        line = self.answers.readline()
+        if not line:
+            raise SystemExit(f"{self.engine} ended with code {self.process.wait()}")
+        return [float(word) for word in line.split()]
+
+    def ask(self, question: str) -> list[float]:
+        print(question, file=self.questions, flush=True)
+        return self.answer()
+
+
+def prepare(name: str, batch: int, options: argparse.Namespace) -> Files:
+    """Weights and model of a network are made once, images for each batch; all are seeded."""
+    network = graphs.NETWORKS[name]
+    shape = (batch, network.edge, network.edge, network.channels)
+    folder = options.output / "files"
+    folder.mkdir(parents=True, exist_ok=True)
+    files = Files(folder / f"{name}.weights", folder / f"{name}.onnx",
+                  folder / f"{name}.{batch}.images", shape)
+    if not files.weights.exists():
+        subprocess.run([options.build / "bin/facezoo", "weights", "synth", name,
+                        "-o", files.weights, "--seed", "1"], check=True, stdout=subprocess.DEVNULL)
+    builder = Path(graphs.__file__)
+    newest = max(source.stat().st_mtime for source in (files.weights, builder))
+    if not files.model.exists() or files.model.stat().st_mtime < newest:
+        graphs.save_model(name, files.weights, files.model)
+    np.random.default_rng(batch).integers(0, 256, shape, np.uint8).tofile(files.images)
+    return files
+
+
+def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Result]:
+    files = prepare(name, batch, options)
+    results = {engine: Result() for engine in options.engines}
+    with ExitStack() as stack:
+        workers: list[Worker] = []
+        for attempt in range(LOADS):
+            for engine in options.engines:
+                time.sleep(options.pause / 1e3)
+                worker = Worker(engine, options, name, files)
+                results[engine].load_ms.append(worker.load_ms)
+                results[engine].first_result_ms.append(worker.load_ms + worker.ask("run")[0])
+                if attempt == LOADS - 1:
+                    stack.callback(worker.close)
+                    workers.append(worker)
+                else:
+                    worker.close()
+        for worker in workers:
+            for _ in range(WARM_UPS):
+                worker.ask("run")
+        deadline = time.monotonic() + options.seconds
+        for turn in range(options.rounds):
+            if turn >= FEWEST_ROUNDS and time.monotonic() > deadline:
+                break
+            first = turn % len(workers)
+            for worker in workers[first:] + workers[:first]:
+                time.sleep(options.pause / 1e3)  # until the threads of the others sleep
+                for _ in range(options.lead):
+                    worker.ask("run")
+                results[worker.engine].run_ms += worker.ask("run")
+        expected = np.array(workers[0].ask("results"))
+        for worker in workers:
+            result = results[worker.engine]
+            found = np.array(worker.ask("results"))
+            result.difference = float(np.abs(found - expected).max() / np.abs(expected).max())
+            result.peak_mib = worker.ask("memory")[0] / 1024
+    return results
+
+
+Cells = dict[tuple[str, int], dict[str, dict[str, float]]]
+
+
+def advantage(cell: dict[str, dict[str, float]], quantity: str) -> float | None:
+    """How many times the library's value the best peer's is; all quantities are costs."""
+    peers = [values[quantity] for engine, values in cell.items() if engine != LIBRARY]
+    if not peers or LIBRARY not in cell:
+        return None
+    return min(peers) / cell[LIBRARY][quantity]
+
+
+def table(title: str, quantity: str, more: str, cells: Cells, engines: list[str]) -> str:
+    def value(values: dict[str, float]) -> str:
+        return f"{values[quantity]:.2f}" + (f" ({values[more]:.2f})" if more else "")
+
+    rows = [["network", "batch", *engines, "advantage"]]
+    for (name, batch), cell in cells.items():
+        ratio = advantage(cell, quantity)
+        rows.append([name, str(batch), *(value(cell[engine]) for engine in engines),
+                     "-" if ratio is None else f"{ratio:.2f}"])
+    widths = [max(map(len, column)) for column in zip(*rows)]
+    lines = ["  ".join([row[0].ljust(widths[0]), *map(str.rjust, row[1:], widths[1:])])
+             for row in rows]
+    return "\n".join([title, *lines]) + "\n"
+
+
+def draw(cells: Cells, batches: list[int], path: Path) -> None:
+    quantities = {"run_ms": "time of a run", "first_result_ms": "time to the first result",
+                  "peak_mib": "peak memory"}
+    networks = list(dict.fromkeys(name for name, _ in cells))
+    figure, axes = plt.subplots(len(quantities), figsize=(11, 10), sharex=True, squeeze=False)
+    width = 0.8 / len(batches)
+    for axis, (quantity, label) in zip(axes.flat, quantities.items()):
+        for i, batch in enumerate(batches):
+            axis.bar([x + (i + 0.5) * width - 0.4 for x in range(len(networks))],
+                     [advantage(cells[name, batch], quantity) or 0 for name in networks], width,
+                     label=f"batch {batch}")
+        axis.axhline(1, color="black", linewidth=0.8)
+        axis.set_ylabel(f"{label}:\nbest peer / {LIBRARY}")
+    axes.flat[0].legend()
+    axes.flat[0].set_title("Above 1 the library is better than every peer")
+    axes.flat[-1].set_xticks(range(len(networks)), networks, rotation=20, ha="right")
+    figure.tight_layout()
+    figure.savefig(path, dpi=120)
+
+
+def processor() -> str:
+    for line in Path("/proc/cpuinfo").read_text(encoding="utf-8").splitlines():
+        if line.startswith("model name"):
+            return line.split(":", 1)[1].strip()
+    return platform.machine()
+
+
+def parse_arguments() -> argparse.Namespace:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("networks", nargs="*", metavar="NET", help="default: all eight")
+    parser.add_argument("--batches", type=int, nargs="+", default=[1, 8, 32], metavar="N")
+    parser.add_argument("--threads", type=int, default=2, metavar="N", help="of each engine")
+    parser.add_argument("--engines", nargs="+", default=[LIBRARY, *PEERS],
+                        choices=[LIBRARY, *PEERS], metavar="E",
+                        help=f"of {LIBRARY}, {', '.join(PEERS)}; the first is what the results of "
+                        "the others are compared with")
+    parser.add_argument("--rounds", type=int, default=30, metavar="N",
+                        help="most timed runs of each engine for a network and a batch")
+    parser.add_argument("--seconds", type=float, default=20, metavar="S",
+                        help=f"most time for them, once there are {FEWEST_ROUNDS}")
+    parser.add_argument("--pause", type=float, default=15, metavar="MS", help="before each run")
+    parser.add_argument("--lead", type=int, default=1, metavar="N",
+                        help="runs before each timed one that bring the caches back")
+    parser.add_argument("--output", type=Path, default="build/bench-results", metavar="DIR",
+                        help="of results.txt, .json and .png")
+    parser.add_argument("--build", type=Path, default="build/bench", metavar="DIR",
+                        help="where the worker and the tool have been built")
+    options = parser.parse_args()
+    if unknown := set(options.networks) - set(graphs.NETWORKS):
+        parser.error(f"no such network: {', '.join(unknown)}; of {', '.join(graphs.NETWORKS)}")
+    options.networks = options.networks or list(graphs.NETWORKS)
+    return options
+
+
+def main() -> int:
+    options = parse_arguments()
+    cells: Cells = {}
+    for name in options.networks:
+        for batch in options.batches:
+            print(f"{name}, batch {batch} ...", file=sys.stderr, flush=True)
+            cells[name, batch] = {engine: result.summary() for engine, result
+                                  in measure(name, batch, options).items()}
+    worst = np.max([values["difference"] for cell in cells.values() for values in cell.values()])
+    about = {"processor": processor(), "threads": options.threads,
+             **{package: metadata.version(package) for package in ("onnxruntime", "openvino")}}
+    text = "\n".join([
+        ", ".join(f"{key} {value}" for key, value in about.items()),
+        "Advantage: the best peer's value divided by the library's; above 1 the library is better.",
+        "",
+        table("Milliseconds of a run, median (90th percentile)", "run_ms", "run_p90_ms", cells,
+              options.engines),
+        table("Milliseconds to load", "load_ms", "", cells, options.engines),
+        table("Milliseconds to load and run once", "first_result_ms", "", cells, options.engines),
+        table("MiB at peak beyond those before loading", "peak_mib", "", cells, options.engines),
+        f"Results differ by at most {worst:.1e} of the largest; {TOLERANCE:.0e} is allowed."])
+    print(text)
+    (options.output / "results.txt").write_text(text + "\n", encoding="utf-8")
+    (options.output / "results.json").write_text(json.dumps(
+        {**about, "cells": [{"network": name, "batch": batch, "engines": cell}
+                            for (name, batch), cell in cells.items()]}, indent=1) + "\n",
+        encoding="utf-8")
+    draw(cells, options.batches, options.output / "results.png")
+    return 0 if worst <= TOLERANCE else 1
+
+
+sys.exit(main())

@@ -1,0 +1,97 @@
+/// @file
+/// Runs one network for compare.py, which times it next to other engines.
+///
+/// facezoo-bench-worker NET WEIGHTS IMAGES BATCH constructs NET for the BATCH images that the file
+/// IMAGES holds, as raw bytes, and prints the milliseconds that took. Then it answers every line of
+/// standard input with one of standard output:
+/// - "run": the milliseconds of one `Forward`, from bytes in host memory to results in host memory
+/// - "results": what the last run gave
+/// - "memory": the KiB by which the process has grown at most since before construction
+
+#include "devices.h"
+#include "facezoo.h"
+#include "failure.h"
+#include "networks.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double millisecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+/// A line of the process's status: "VmRSS", now, or "VmHWM", at most.
+long memoryKib(const std::string& field) {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind(field + ":", 0) == 0) return std::atol(line.c_str() + field.size() + 1);
+  throw Failure("no " + field + " in the process's status");
+}
+
+std::vector<char> readImages(const std::string& path, std::size_t bytes) {
+  std::vector<char> images(bytes);
+  std::ifstream file(path, std::ios::binary);
+  if (!file.read(images.data(), static_cast<std::streamsize>(bytes)))
+    throw Failure(path + ": fewer than " + std::to_string(bytes) + " bytes");
+  return images;
+}
+
+void work(const KnownNetwork& known, const std::string& weights, const std::string& imageFile,
+          int batch) {
+  const facezoo::NetworkTable& table = *known.table;
+  const bool onDevice = table.memory == facezoo::Results::onDevice;
+  const std::vector<char> images =
+      readImages(imageFile, std::size_t(batch) * table.channels * table.width * table.height);
+  std::vector<float> results(std::size_t(batch) * table.outputCount());
+  const std::size_t resultBytes = results.size() * sizeof(float);
+  const GPU gpu;
+  DeviceBuffer input(images.size());
+  DeviceBuffer output(resultBytes);
+
+  std::ofstream("/proc/self/clear_refs") << 5;  // the peak starts anew
+  const long before = memoryKib("VmRSS");
+  Clock::time_point start = Clock::now();
+  known.with(weights, batch, "", [&](Network& network) {
+    std::cout << millisecondsSince(start) << std::endl;
+    for (std::string line; std::getline(std::cin, line);) {
+      if (line == "run") {
+        start = Clock::now();
+        checkCall(cudaMemcpy(input.data(), images.data(), images.size(), cudaMemcpyHostToDevice),
+                  "copy of images to the device");
+        network.Forward(input.data(), batch,
+                        onDevice ? static_cast<float*>(output.data()) : results.data(), nullptr);
+        if (onDevice) {
+          checkCall(cudaMemcpy(results.data(), output.data(), resultBytes, cudaMemcpyDeviceToHost),
+                    "copy of results from the device");
+        }
+        std::cout << millisecondsSince(start) << std::endl;
+      } else if (line == "results") {
+        for (const float value : results) std::cout << value << ' ';
+        std::cout << std::endl;
+      } else if (line == "memory") {
+        std::cout << memoryKib("VmHWM") - before << std::endl;
+      }
+    }
+  });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    if (argc != 5) throw Failure("usage: facezoo-bench-worker NET WEIGHTS IMAGES BATCH");
+    std::cout.precision(9);
+    work(findNetwork(argv[1]), argv[2], argv[3], std::atoi(argv[4]));
+    return 0;
+  } catch (...) {
+    std::cerr << "facezoo-bench-worker: " << describeException() << std::endl;
+    return 1;
+  }
+}
