@@ -13,7 +13,7 @@ if [ "${1:-}" = --tests ]; then
   packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
     "clang-format:style check" "clang-tidy:static analysis" "libomp-dev:omp.h for clang-tidy")
 elif [ "${1:-}" = --bench ]; then
-  packages+=("python3-venv:comparison with other engines")
+  packages+=("libbenchmark-dev:benchmarks of layers" "python3-venv:comparison with other engines")
 fi
 
 missing=()
