@@ -14,10 +14,12 @@ namespace host_device {
 namespace detail {
 namespace {
 
-/// Transformed tiles of more bytes would leave the cache before they are used ...
-constexpr std::size_t kChunkBytes = std::size_t{4} << 20;
-/// ... but for fewer tiles it is not worth to read all of a filter.
-constexpr std::size_t kLeastVectors = 2 * kWidest;
+/// A transformed panel of more bytes would not stay in a core's own cache next to what passes by.
+constexpr std::size_t kPanelBytes = std::size_t{704} << 10;
+/// A filter of more bytes does not stay in a cache from panel to panel.
+constexpr std::size_t kFilterBytes = std::size_t{8} << 20;
+/// Transformed tiles of more bytes would not stay in any cache.
+constexpr std::size_t kChunkBytes = std::size_t{16} << 20;
 
 /// Which of the vector code's two transforms fits the filter.
 int sizeIndex(const Problem& problem) { return problem.vertical.kernel == 3 ? 0 : 1; }
@@ -160,149 +162,224 @@ void scatter(const Problem& problem, const Tiles& tiles, const Strip& strip, con
                      bias, 0, plane + std::size_t{1} * y * h.output + x, h.output);
 }
 
-/// The transformed tiles of one chunk. Panels of up to three vectors of tiles follow each other.
-class Chunk {
+/// The work on a batch: panels of up to three vectors of tiles are transformed, multiplied by the
+/// filter, frequency by frequency, and transformed back.
+///
+/// Of many panels each thread has its own and takes them through all of this a few rows of the
+/// filter at a time, so that nothing leaves the core's cache. Of few panels, or with a filter that
+/// is too large to be read for each of them, the threads share chunks, and each reads a part of the
+/// filter.
+class Pass {
  public:
-  Chunk(const Problem& problem, const Operands& operands, const float* filter)
+  Pass(const Problem& problem, const Operands& operands, const float* filter)
       : problem_(problem),
         operands_(operands),
         filter_(filter),
         tiles_(problem),
-        groups_(problem.rowGroups()) {
+        groups_(problem.rowGroups()),
+        vectors_(dividedUp(tiles_.count, code_.lanes)),
+        threads_(omp_get_max_threads()) {
     Scratch scratch(operands);
-    const std::size_t fixed = floats(problem, 0), each = floats(problem, 1) - fixed;
-    const std::size_t wanted = std::max(kChunkBytes / sizeof(float) / each, kLeastVectors);
-    vectors_ = dividedUp(tiles_.count, code_.lanes);
-    chunks_ = dividedUp(vectors_, std::min(wanted, (scratch.floatsLeft() - fixed) / each));
-    const std::size_t chunkTiles = dividedUp(vectors_, chunks_) * code_.lanes;
-    frequencyStride_ = Scratch::lines(chunkTiles * problem.c) / Scratch::line % 2
-                           ? Scratch::lines(chunkTiles * problem.c)
-                           : Scratch::lines(chunkTiles * problem.c) + Scratch::line;
-    input_ = scratch.take(kFrequencies * frequencyStride_);
-    output_ = scratch.take(kFrequencies * chunkTiles * groups_ * code_.rows);
+    const std::size_t room = scratch.floatsLeft(), panelFloats = inputFloats(problem, 1);
+    widest_ = std::clamp<std::size_t>(kPanelBytes / sizeof(float) / panelFloats, 1, kWidest);
+    apart_ = panelFloats * sizeof(float) <= kPanelBytes &&
+             filterFloats(problem) * sizeof(float) <= kFilterBytes &&
+             vectors_ >= kVectorsApart * threads_ &&
+             threads_ * inputFloats(problem, widest_) <= room;
+    if (apart_) {
+      chunk_ = widest_;
+    } else {
+      widest_ = kWidest;
+      const std::size_t most =
+          std::min(room, std::max(kChunkBytes / sizeof(float), sharedFloats(problem, 1)));
+      const std::size_t fixed = sharedFloats(problem, 0);
+      const std::size_t fitting = (most - fixed) / (sharedFloats(problem, 1) - fixed);
+      chunk_ = dividedUp(vectors_, dividedUp(vectors_, fitting));
+    }
+    frequencyStride_ = inputFloats(problem, chunk_) / kFrequencies;
+    inputs_ = scratch.take(inputFloats(problem, chunk_) * (apart_ ? threads_ : 1));
+    products_ = scratch.take(0);
   }
 
-  /// Floats of workspace for chunks of `vectors` vectors of tiles.
-  static std::size_t floats(const Problem& problem, std::size_t vectors) {
+  static std::size_t filterFloats(const Problem& problem) {
+    return kFrequencies * problem.rowGroups() * problem.c * vectorCode().rows;
+  }
+
+  /// Floats of workspace for a chunk of `vectors` vectors of tiles that threads share.
+  static std::size_t sharedFloats(const Problem& problem, std::size_t vectors) {
     const VectorCode& code = vectorCode();
-    const std::size_t channels = problem.c + problem.rowGroups() * code.rows;
-    return kFrequencies * (vectors * code.lanes * channels + 2 * Scratch::line);
+    return inputFloats(problem, vectors) +
+           kFrequencies * problem.rowGroups() * code.rows * vectors * code.lanes;
   }
 
   void run() const {
-#pragma omp parallel
+#pragma omp parallel num_threads(static_cast <int>(threads_))
     {
       const std::size_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
-      for (std::size_t chunk = 0; chunk < chunks_; ++chunk) {
-        const Range vectors = part(vectors_, chunk, chunks_);
-        transformInputs(vectors, thread, threads);
+      if (apart_) {
+        runApart(part(vectors_, thread, threads),
+                 inputs_ + thread * kFrequencies * frequencyStride_);
+      } else {
+        for (std::size_t begin = 0; begin < vectors_; begin += chunk_) {
+          const Range chunk = {begin, std::min(begin + chunk_, vectors_)};
+          transformShared(chunk, thread, threads);
 #pragma omp barrier
-        multiply(vectors, thread, threads);
+          multiplyShared(chunk, thread, threads);
 #pragma omp barrier
-        transformOutputs(vectors, thread, threads);
+          transformBackShared(chunk, thread, threads);
+        }
       }
     }
   }
 
  private:
+  /// Fewer vectors of tiles for each thread are better shared.
+  static constexpr std::size_t kVectorsApart = 8;
+  /// Groups of rows whose products with one panel stay near.
+  static constexpr std::size_t kGroupsAtOnce = 2;
+
   struct Panel {
-    std::size_t start;  ///< in vectors from the start of the chunk
     int vectors;
-    std::size_t firstTile;
+    std::size_t tiles, firstTile;
+    std::size_t start;  ///< tiles from the start of the chunk
   };
-  static std::size_t panelCount(Range vectors) {
-    return dividedUp(vectors.end - vectors.begin, kWidest);
+
+  /// Frequencies lie an odd number of cache lines apart, lest all compete for the same places in
+  /// the cache.
+  static std::size_t inputFloats(const Problem& problem, std::size_t vectors) {
+    const std::size_t floats = vectors * vectorCode().lanes * problem.c;
+    return kFrequencies * (dividedUp(floats, Scratch::line) | 1) * Scratch::line;
   }
-  Panel panel(Range vectors, std::size_t index) const {
-    const Range own = part(vectors.end - vectors.begin, index, panelCount(vectors));
-    return {own.begin, static_cast<int>(own.end - own.begin),
-            (vectors.begin + own.begin) * code_.lanes};
-  }
-  std::size_t tilesOf(const Panel& panel) const {
-    return std::size_t{1} * panel.vectors * code_.lanes;
+
+  std::size_t panelCount(Range chunk) const { return dividedUp(chunk.end - chunk.begin, widest_); }
+  Panel panel(Range chunk, std::size_t index) const {
+    const Range own = part(chunk.end - chunk.begin, index, panelCount(chunk));
+    const std::size_t lanes = code_.lanes, vectors = own.end - own.begin;
+    return {static_cast<int>(vectors), vectors * lanes, (chunk.begin + own.begin) * lanes,
+            own.begin * lanes};
   }
   template <class Visit>
   void forStrips(const Panel& panel, const Visit& visit) const {
-    tiles_.forStrips(panel.firstTile, panel.firstTile + tilesOf(panel), visit);
-  }
-  float* inputOf(const Panel& panel) const {
-    return input_ + panel.start * code_.lanes * problem_.c;
-  }
-  float* outputOf(const Panel& panel) const {
-    return output_ + panel.start * code_.lanes * kFrequencies * groups_ * code_.rows;
+    tiles_.forStrips(panel.firstTile, panel.firstTile + panel.tiles, visit);
   }
 
-  void transformInputs(Range vectors, std::size_t thread, std::size_t threads) const {
-    alignas(64) float rows[rowFloats] = {};
-    const Range own = part(panelCount(vectors) * problem_.c, thread, threads);
-    for (std::size_t i = own.begin; i < own.end; ++i) {
-      const Panel at = panel(vectors, i / problem_.c);
-      const std::size_t c = i % problem_.c, width = tilesOf(at);
+  void runApart(Range own, float* input) const {
+    alignas(64) float products[kGroupsAtOnce * kMostRows * kFrequencies * kWidest * kMostLanes];
+    for (std::size_t p = 0; p < panelCount(own); ++p) {
+      Panel at = panel(own, p);
+      at.start = 0;
+      transform(at, {0, std::size_t{1} * problem_.c}, input);
+      const std::size_t atOnce = kGroupsAtOnce * kWidest / at.vectors;
+      for (std::size_t group = 0; group < groups_; group += atOnce) {
+        const Range groups = {group, std::min(group + atOnce, groups_)};
+        for (int f = 0; f < kFrequencies; ++f) multiply(at, f, groups, input, products);
+        transformBack(at, rowsOf(groups), products);
+      }
+    }
+  }
+
+  void transformShared(Range chunk, std::size_t thread, std::size_t threads) const {
+    const std::size_t channels = problem_.c;
+    const Range own = part(panelCount(chunk) * channels, thread, threads);
+    for (std::size_t begin = own.begin, end; begin < own.end; begin = end) {
+      const std::size_t first = begin / channels * channels;
+      end = std::min(own.end, first + channels);
+      transform(panel(chunk, begin / channels), {begin - first, end - first}, inputs_);
+    }
+  }
+  void multiplyShared(Range chunk, std::size_t thread, std::size_t threads) const {
+    const Range own = part(kFrequencies * groups_, thread, threads);
+    for (std::size_t begin = own.begin, end; begin < own.end; begin = end) {
+      const std::size_t frequency = begin / groups_, first = frequency * groups_;
+      end = std::min(own.end, first + groups_);
+      for (std::size_t p = 0; p < panelCount(chunk); ++p) {
+        const Panel at = panel(chunk, p);
+        multiply(at, static_cast<int>(frequency), {begin - first, end - first}, inputs_,
+                 productsOf(at) + (begin - first) * code_.rows * kFrequencies * at.tiles);
+      }
+    }
+  }
+  void transformBackShared(Range chunk, std::size_t thread, std::size_t threads) const {
+    const std::size_t rows = problem_.k;
+    const Range own = part(panelCount(chunk) * rows, thread, threads);
+    for (std::size_t begin = own.begin, end; begin < own.end; begin = end) {
+      const std::size_t first = begin / rows * rows;
+      end = std::min(own.end, first + rows);
+      const Panel at = panel(chunk, begin / rows);
+      transformBack(at, {begin - first, end - first},
+                    productsOf(at) + (begin - first) * kFrequencies * at.tiles);
+    }
+  }
+  float* productsOf(const Panel& at) const {
+    return products_ + at.start * kFrequencies * groups_ * code_.rows;
+  }
+  Range rowsOf(Range groups) const {
+    return {groups.begin * code_.rows, std::min<std::size_t>(groups.end * code_.rows, problem_.k)};
+  }
+
+  /// Some channels of a panel, to the place of its chunk.
+  void transform(const Panel& at, Range channels, float* inputs) const {
+    // Two groups of 4 columns, or three of 2. Tiles that are none stay zero.
+    alignas(64) float rows[2 * kTile * 4 * kWidest * kMostLanes] = {};
+    for (std::size_t c = channels.begin; c < channels.end; ++c) {
       forStrips(at, [&](const Strip& strip) {
         const std::size_t plane = std::size_t{1} * strip.image * problem_.c + c;
-        gather(problem_, tiles_, strip, operands_.x + plane * problem_.inputPlane(), width, rows);
+        gather(problem_, tiles_, strip, operands_.x + plane * problem_.inputPlane(), at.tiles,
+               rows);
       });
-      code_.winogradInput[sizeIndex(problem_)](rows, at.vectors, inputOf(at) + c * width,
-                                               frequencyStride_);
+      code_.winogradInput[sizeIndex(problem_)](
+          rows, at.vectors, inputs + at.start * problem_.c + c * at.tiles, frequencyStride_);
     }
   }
 
-  void multiply(Range vectors, std::size_t thread, std::size_t threads) const {
-    const Range own = part(kFrequencies * groups_, thread, threads);
-    for (std::size_t begin = own.begin; begin < own.end;) {
-      const std::size_t frequency = begin / groups_;
-      const std::size_t end = std::min(own.end, (frequency + 1) * groups_);
-      for (std::size_t p = 0; p < panelCount(vectors); ++p) {
-        const Panel at = panel(vectors, p);
-        const std::size_t width = tilesOf(at);
-        const float* const input = inputOf(at) + frequency * frequencyStride_;
-        for (std::size_t i = begin; i < end; ++i) {
-          float* const output =
-              outputOf(at) + (i % groups_ * code_.rows * kFrequencies + frequency) * width;
-          code_.multiply[at.vectors - 1](problem_.c, filter_ + i * problem_.c * code_.rows, input,
-                                         output, kFrequencies * width);
-        }
-      }
-      begin = end;
+  /// One frequency of some groups of rows. The products are those of the first group on.
+  void multiply(const Panel& at, int frequency, Range groups, const float* inputs,
+                float* products) const {
+    const std::size_t groupFloats = std::size_t{1} * problem_.c * code_.rows;
+    const float* const input = inputs + frequency * frequencyStride_ + at.start * problem_.c;
+    const float* filter = filter_ + (frequency * groups_ + groups.begin) * groupFloats;
+    float* to = products + frequency * at.tiles;
+    for (std::size_t group = groups.begin; group < groups.end; ++group) {
+      code_.multiply[at.vectors - 1](problem_.c, filter, input, to, kFrequencies * at.tiles);
+      filter += groupFloats;
+      to += code_.rows * kFrequencies * at.tiles;
     }
   }
 
-  void transformOutputs(Range vectors, std::size_t thread, std::size_t threads) const {
-    alignas(64) float rows[rowFloats];
-    const Range own = part(panelCount(vectors) * problem_.k, thread, threads);
-    for (std::size_t i = own.begin; i < own.end; ++i) {
-      const Panel at = panel(vectors, i / problem_.k);
-      const std::size_t k = i % problem_.k, width = tilesOf(at);
-      code_.winogradOutput[sizeIndex(problem_)](outputOf(at) + k * kFrequencies * width, at.vectors,
-                                                rows);
+  /// Some output channels of a panel. The products are those of the first on.
+  void transformBack(const Panel& at, Range channels, const float* products) const {
+    alignas(64) float rows[4 * 4 * kWidest * kMostLanes];
+    for (std::size_t k = channels.begin; k < channels.end; ++k) {
+      code_.winogradOutput[sizeIndex(problem_)](products, at.vectors, rows);
+      products += kFrequencies * at.tiles;
       forStrips(at, [&](const Strip& strip) {
         const std::size_t plane = std::size_t{1} * strip.image * problem_.k + k;
-        scatter(problem_, tiles_, strip, rows, width, operands_.bias ? operands_.bias + k : nullptr,
+        scatter(problem_, tiles_, strip, rows, at.tiles,
+                operands_.bias ? operands_.bias + k : nullptr,
                 operands_.y + plane * problem_.outputPlane());
       });
     }
   }
-
-  static constexpr int rowFloats = 2 * kTile * 4 * kWidest * kMostLanes;
 
   const Problem& problem_;
   const Operands& operands_;
   const float* filter_;
   const VectorCode& code_ = vectorCode();
   const Tiles tiles_;
-  const std::size_t groups_;
-  std::size_t vectors_, chunks_, frequencyStride_;
-  float *input_, *output_;
+  const std::size_t groups_, vectors_, threads_;
+  bool apart_;
+  std::size_t widest_, chunk_, frequencyStride_;
+  float *inputs_, *products_;
 };
 
 std::size_t winogradWorkspace(const Problem& problem) {
-  return Scratch::bytes(Chunk::floats(problem, 1));
+  return Scratch::bytes(Pass::sharedFloats(problem, 1));
 }
 
 void runWinograd(const Problem& problem, const Operands& operands) {
-  const std::size_t floats = kFrequencies * problem.rowGroups() * problem.c * vectorCode().rows;
-  const auto filter = packedFilter(winograd.id, problem, operands.w, floats, packWinograd);
-  Chunk(problem, operands, filter->data()).run();
+  const auto filter =
+      packedFilter(winograd.id, problem, operands.w, Pass::filterFloats(problem), packWinograd);
+  Pass(problem, operands, filter->data()).run();
 }
 
 }  // namespace
