@@ -16,7 +16,7 @@ namespace detail {
 std::size_t Problem::rowGroups() const { return dividedUp(k, vectorCode().rows); }
 
 PackedFilter::PackedFilter(std::size_t floats)
-    : data_(static_cast<float*>(std::aligned_alloc(64, Scratch::lines(floats) * sizeof(float)))) {
+    : data_(static_cast<float*>(allocateBlock(floats * sizeof(float)))) {
   if (!data_) throw std::bad_alloc();
 }
 

@@ -52,16 +52,6 @@ Entry holder(Registry& r, const void* pointer, std::size_t bytes) {
   return inside ? entry : r.allocations.end();
 }
 
-/// Null if there is no memory. First touching a large block in pages of 4 KiB would take several
-/// times as long as filling it.
-void* allocate(std::size_t bytes) {
-  const bool large = bytes >= kHugePage;
-  const std::size_t alignment = large ? kHugePage : kAlignment;
-  void* block = std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
-  if (large && block != nullptr) madvise(block, bytes, MADV_HUGEPAGE);
-  return block;
-}
-
 void fillWithSignallingNaN(void* block, std::size_t bytes) {
   const float nan = std::numeric_limits<float>::signaling_NaN();
   std::uint32_t pattern;
@@ -73,6 +63,14 @@ void fillWithSignallingNaN(void* block, std::size_t bytes) {
 
 namespace detail {
 
+void* allocateBlock(std::size_t bytes) {
+  const bool large = bytes >= kHugePage;
+  const std::size_t alignment = large ? kHugePage : kAlignment;
+  void* block = std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
+  if (large && block != nullptr) madvise(block, bytes, MADV_HUGEPAGE);
+  return block;
+}
+
 cudaError_t allocateDevice(void** pointer, std::size_t bytes) {
   if (pointer == nullptr) return cudaErrorInvalidValue;
   *pointer = nullptr;
@@ -83,7 +81,7 @@ cudaError_t allocateDevice(void** pointer, std::size_t bytes) {
   const std::size_t total = deviceMemory(device);
   std::size_t& used = r.usedBytes[device];
   if (used > total || bytes > total - used) return cudaErrorMemoryAllocation;
-  void* block = allocate(bytes);
+  void* block = allocateBlock(bytes);
   if (block == nullptr) return cudaErrorMemoryAllocation;
   try {
     r.allocations.emplace(address(block), Allocation{bytes, device, {}});
