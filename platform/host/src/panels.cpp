@@ -131,8 +131,11 @@ class Product {
       const std::size_t outputs = images * problem_.outputPlane();
       const float* const x = operands_.x + first * problem_.c * problem_.inputPlane();
       float* const y = operands_.y + first * problem_.k * problem_.outputPlane();
-      const std::size_t vectors = dividedUp(outputs, code_.lanes), groups = problem_.rowGroups();
-      const Grid grid(threads_, vectors, groups, code_.rows);
+      const std::size_t groups = problem_.rowGroups();
+      // A few columns are left to a panel of their own, which is narrower than a vector.
+      const std::size_t left = outputs % code_.lanes;
+      const std::size_t vectors = outputs / code_.lanes + (left > kNarrow ? 1 : 0);
+      const Grid grid(threads_, std::max<std::size_t>(vectors, 1), groups, code_.rows);
 #pragma omp parallel num_threads(static_cast <int>(threads_))
       {
         const std::size_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
@@ -145,8 +148,11 @@ class Product {
         }
         // With fewer threads than were asked for, each takes the places of several.
         for (std::size_t place = thread; place < grid.columns * grid.rows; place += threads) {
-          multiply(pointwise_ ? x : copy_, y, outputs,
-                   part(vectors, place % grid.columns, grid.columns),
+          const std::size_t column = place % grid.columns;
+          const Range own = part(vectors, column, grid.columns);
+          const std::size_t end = std::min(outputs, own.end * code_.lanes);
+          multiply(pointwise_ ? x : copy_, y,
+                   {own.begin * code_.lanes, column + 1 == grid.columns ? outputs : end},
                    part(groups, place / grid.columns, grid.rows), panels_ + thread * perThread_);
         }
       }
@@ -177,34 +183,37 @@ class Product {
     return Scratch::lines(panelFloats(problem) * blockPanels) + kMostRows * widest;
   }
 
-  void multiply(const float* x, float* y, std::size_t outputs, Range vectors, Range groups,
-                float* scratch) const {
+  void multiply(const float* x, float* y, Range columns, Range groups, float* scratch) const {
     const std::size_t depth = problem_.depth(), plane = problem_.outputPlane();
     float* const tile = scratch + perThread_ - kMostRows * widest;
-    const std::size_t all = dividedUp(vectors.end - vectors.begin, kWidest);
+    const std::size_t lanes = code_.lanes, count = columns.end - columns.begin;
+    const bool narrow = count % lanes > 0 && count % lanes <= kNarrow;
+    const std::size_t vectors = count / lanes + (count % lanes > kNarrow ? 1 : 0);
+    const std::size_t wide = dividedUp(vectors, kWidest), all = wide + (narrow ? 1 : 0);
     const std::size_t blocks = dividedUp(all, blockPanels_);
     for (std::size_t b = 0; b < blocks; ++b) {
       Panel panels[kMostPanels];
       float* data = scratch;
-      int count = 0;
+      std::size_t filled = 0;
       const Range inBlock = part(all, b, blocks);
       for (std::size_t p = inBlock.begin; p < inBlock.end; ++p) {
-        const Range own = part(vectors.end - vectors.begin, p, all);
-        Panel& panel = panels[count++];
-        panel.width = (own.end - own.begin) * code_.lanes;
+        const Range own = p < wide ? part(vectors, p, wide) : Range{vectors, vectors};
+        Panel& panel = panels[filled++];
+        panel.width = p < wide ? (own.end - own.begin) * lanes : kNarrow;
         panel.data = data;
         data += panel.width * depth + kMostLanes;
-        const std::size_t begin = (vectors.begin + own.begin) * code_.lanes;
-        describeRuns(begin, std::min(outputs, begin + panel.width), panel);
+        const std::size_t begin = columns.begin + own.begin * lanes;
+        describeRuns(begin, std::min(columns.end, begin + panel.width), panel);
       }
-      gather(x, panels, count);
-      for (int p = 0; p < count; ++p) {
+      gather(x, panels, filled);
+      for (std::size_t p = 0; p < filled; ++p) {
         const Panel& panel = panels[p];
+        const auto product =
+            panel.width < lanes ? code_.multiplyNarrow : code_.multiply[panel.width / lanes - 1];
         for (std::size_t group = groups.begin; group < groups.end; ++group) {
           const std::size_t k = group * code_.rows;
           const int rows = static_cast<int>(std::min<std::size_t>(code_.rows, problem_.k - k));
-          code_.multiply[panel.width / code_.lanes - 1](depth, filter_ + group * depth * code_.rows,
-                                                        panel.data, tile, panel.width);
+          product(depth, filter_ + group * depth * code_.rows, panel.data, tile, panel.width);
           for (int i = 0; i < panel.outputRuns; ++i) {
             const Run& run = panel.outputs[i];
             code_.store(tile + run.to, panel.width, rows, run.count,
@@ -244,22 +253,27 @@ class Product {
     return count;
   }
 
-  /// Row (c, u, t) of a panel holds for each output the input under that element of the filter. A
-  /// row of the whole block comes from neighbouring memory.
-  void gather(const float* x, Panel* panels, int count) const {
+  /// Row (c, u, t) of a panel holds for each output the input under that element of the filter. The
+  /// panels of a block are filled some rows at a time, as these come from neighbouring memory.
+  void gather(const float* x, Panel* panels, std::size_t count) const {
+    constexpr int atOnce = 16;
     const Axis &v = problem_.vertical, &h = problem_.horizontal;
     const std::size_t plane = pointwise_ ? problem_.inputPlane() : phases_.plane;
-    std::size_t d = 0;
-    for (int c = 0; c < problem_.c; ++c, x += plane) {
-      for (int u = 0; u < v.kernel; ++u) {
-        for (int t = 0; t < h.kernel; ++t, ++d) {
-          const float* const from =
-              x + u * phases_.row + t % h.stride * phases_.width + t / h.stride;
-          for (int p = 0; p < count; ++p) {
-            code_.copyRuns(panels[p].inputs, panels[p].inputRuns, from,
-                           panels[p].data + d * panels[p].width, !pointwise_);
-          }
-        }
+    std::size_t offsets[atOnce], depth = problem_.depth();
+    int c = 0, u = 0, t = 0;
+    for (std::size_t d = 0; d < depth; d += atOnce) {
+      const int rows = static_cast<int>(std::min<std::size_t>(atOnce, depth - d));
+      for (int i = 0; i < rows; ++i) {
+        offsets[i] = c * plane + u * phases_.row + t % h.stride * phases_.width + t / h.stride;
+        if (++t < h.kernel) continue;
+        t = 0;
+        if (++u < v.kernel) continue;
+        u = 0;
+        ++c;
+      }
+      for (std::size_t p = 0; p < count; ++p) {
+        code_.gather(x, offsets, rows, panels[p].inputs, panels[p].inputRuns,
+                     panels[p].data + d * panels[p].width, panels[p].width, !pointwise_);
       }
     }
   }

@@ -14,6 +14,8 @@ constexpr int kTile = 6;
 constexpr int kFrequencies = kTile * kTile;
 /// Vectors in the widest block of columns that `multiply` takes.
 constexpr int kWidest = 3;
+/// Columns that `multiplyNarrow` takes.
+constexpr int kNarrow = 4;
 /// No instruction set has more floats in a vector, or rows in a packed panel.
 constexpr int kMostLanes = 16;
 constexpr int kMostRows = 8;
@@ -36,9 +38,14 @@ struct VectorCode {
   void (*multiply[kWidest])(std::size_t depth, const float* a, const float* b, float* c,
                             std::size_t stride);
 
-  /// Copies the runs of one row of a panel. With slack, up to a vector may be read and written past
-  /// the end of each.
-  void (*copyRuns)(const Run* runs, int count, const float* x, float* panel, bool slack);
+  /// The same for kNarrow columns, too few to fill a vector.
+  void (*multiplyNarrow)(std::size_t depth, const float* a, const float* b, float* c,
+                         std::size_t stride);
+
+  /// Row i of the panel, of `width` floats, takes its runs from x + offsets[i]. With slack, up to a
+  /// vector may be read and written past the end of each, as rows are filled in order.
+  void (*gather)(const float* x, const std::size_t* offsets, int rows, const Run* runs, int count,
+                 float* panel, std::size_t width, bool slack);
 
   /// y[r * yStride + j] = tile[r * tileStride + j] for r < rows and j < count; with a bias, plus
   /// bias[r * biasStep], and rectified, a NaN becoming 0.

@@ -44,21 +44,38 @@ struct Code {
     }
   }
 
-  static void copyRuns(const Run* runs, int count, const float* x, float* panel, bool slack) {
-    for (int i = 0; i < count; ++i) {
-      const float* from = x + runs[i].from;
-      float* to = panel + runs[i].to;
-      int left = runs[i].count;
-      Vector vector;
-      for (; left >= Lanes; left -= Lanes, from += Lanes, to += Lanes) {
-        load(from, vector);
-        store(vector, to);
-      }
-      if (left > 0 && slack) {
-        load(from, vector);
-        store(vector, to);
-      } else {
-        for (int j = 0; j < left; ++j) to[j] = from[j];
+  /// Vectors run along the rows here, as the columns would fill but a part of one.
+  static void multiplyNarrow(std::size_t depth, const float* __restrict a,
+                             const float* __restrict b, float* __restrict c, std::size_t stride) {
+    using Column = typename VectorOf<Rows * 4>::unaligned;
+    Column sum[kNarrow] = {};
+    for (std::size_t d = 0; d < depth; ++d, a += Rows, b += kNarrow) {
+      const Column column = *reinterpret_cast<const Column*>(a);
+      for (int j = 0; j < kNarrow; ++j) sum[j] += column * b[j];
+    }
+    for (int r = 0; r < Rows; ++r) {
+      for (int j = 0; j < kNarrow; ++j) c[r * stride + j] = sum[j][r];
+    }
+  }
+
+  static void gather(const float* x, const std::size_t* offsets, int rows, const Run* runs,
+                     int count, float* panel, std::size_t width, bool slack) {
+    for (int r = 0; r < rows; ++r, panel += width) {
+      for (int i = 0; i < count; ++i) {
+        const float* from = x + offsets[r] + runs[i].from;
+        float* to = panel + runs[i].to;
+        int left = runs[i].count;
+        Vector vector;
+        for (; left >= Lanes; left -= Lanes, from += Lanes, to += Lanes) {
+          load(from, vector);
+          store(vector, to);
+        }
+        if (left > 0 && slack) {
+          load(from, vector);
+          store(vector, to);
+        } else {
+          for (int j = 0; j < left; ++j) to[j] = from[j];
+        }
       }
     }
   }
@@ -285,7 +302,8 @@ struct Code {
       Lanes,
       Rows,
       {multiply<1>, multiply<2>, multiply<3>},
-      copyRuns,
+      multiplyNarrow,
+      gather,
       storeRows,
       {winogradInput<4>, winogradInput<2>},
       {winogradOutput<4>, winogradOutput<2>},
