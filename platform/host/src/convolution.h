@@ -78,9 +78,11 @@ class Scratch {
  public:
   static constexpr std::size_t line = 64 / sizeof(float);
 
-  explicit Scratch(const Operands& operands)
-      : next_(reinterpret_cast<float*>(dividedUp(address(operands.workspace), 64) * 64)),
-        end_(reinterpret_cast<float*>(address(operands.workspace) + operands.workspaceBytes)) {}
+  explicit Scratch(const Operands& operands) {
+    auto* const start = static_cast<char*>(operands.workspace);
+    next_ = reinterpret_cast<float*>(start + (dividedUp(address(start), 64) * 64 - address(start)));
+    end_ = reinterpret_cast<float*>(start + operands.workspaceBytes);
+  }
 
   std::size_t floatsLeft() const { return end_ - next_; }
   float* take(std::size_t floats) {

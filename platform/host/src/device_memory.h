@@ -20,8 +20,8 @@ struct Derived {
 };
 using DerivedKey = std::array<std::int64_t, 7>;
 
-/// Memory for std::free, aligned for any vector; null if there is none. A large block is made of huge
-/// pages: first touching it in small ones would take several times as long as filling it.
+/// Memory for std::free, aligned for any vector; null if there is none. A large block is made of
+/// huge pages: first touching it in small ones would take several times as long as filling it.
 void* allocateBlock(std::size_t bytes);
 
 cudaError_t allocateDevice(void** pointer, std::size_t bytes);

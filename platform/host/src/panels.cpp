@@ -213,6 +213,7 @@ class Product {
         for (std::size_t group = groups.begin; group < groups.end; ++group) {
           const std::size_t k = group * code_.rows;
           const int rows = static_cast<int>(std::min<std::size_t>(code_.rows, problem_.k - k));
+          fetchOutputs(panel, y + k * plane, rows);
           product(depth, filter_ + group * depth * code_.rows, panel.data, tile, panel.width);
           for (int i = 0; i < panel.outputRuns; ++i) {
             const Run& run = panel.outputs[i];
@@ -221,6 +222,18 @@ class Product {
                         plane);
           }
         }
+      }
+    }
+  }
+
+  /// What is about to be written has left the cache since a tensor was last there. It is on its way
+  /// while the product is computed.
+  void fetchOutputs(const Panel& panel, const float* y, int rows) const {
+    for (int i = 0; i < panel.outputRuns; ++i) {
+      const float* row = y + panel.outputs[i].from;
+      for (int r = 0; r < rows; ++r, row += problem_.outputPlane()) {
+        constexpr int line = Scratch::line;
+        for (int j = 0; j < panel.outputs[i].count; j += line) __builtin_prefetch(row + j, 1);
       }
     }
   }
