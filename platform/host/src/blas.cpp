@@ -25,13 +25,14 @@ struct Product {
 
 /// Threads share the rows of the taller factor, since it is what takes the time to read.
 void multiply(const Product& product) {
-  constexpr std::size_t block = 4, columns = 32;
+  constexpr std::size_t tallest = 6, columns = 32;
+  const std::size_t block = product.rows < 64 ? 1 : tallest;  // something for each thread
   const std::size_t blocks = dividedUp(product.rows, block);
 #pragma omp parallel for schedule(static) if (product.rows * product.columns * product.size > 4096)
   for (std::size_t i = 0; i < blocks; ++i) {
     const std::size_t first = i * block, count = std::min(block, product.rows - first);
     for (std::size_t j = 0; j < product.columns; j += columns) {
-      float sums[block * columns];
+      float sums[tallest * columns];
       const std::size_t wide = std::min(columns, product.columns - j);
       vectorCode().dotProducts(product.size, product.a + first * product.aStride, product.aStride,
                                static_cast<int>(count), product.b + j * product.bStride,

@@ -288,10 +288,11 @@ struct Code {
   static void dotProducts(std::size_t size, const float* a, std::size_t aStride, int aCount,
                           const float* b, std::size_t bStride, int bCount, float* sums,
                           std::size_t stride) {
+    constexpr int height = Rows * 3 / 4;
     int i = 0;
-    for (; i + Rows / 2 <= aCount; i += Rows / 2) {
-      dotRows<Rows / 2>(size, a + i * aStride, aStride, b, bStride, bCount, sums + i * stride,
-                        stride);
+    for (; i + height <= aCount; i += height) {
+      dotRows<height>(size, a + i * aStride, aStride, b, bStride, bCount, sums + i * stride,
+                      stride);
     }
     for (; i < aCount; ++i) {
       dotRows<1>(size, a + i * aStride, aStride, b, bStride, bCount, sums + i * stride, stride);
