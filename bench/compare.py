@@ -14,6 +14,7 @@ from contextlib import ExitStack
 from dataclasses import dataclass, field
 from importlib import metadata
 from pathlib import Path
+from typing import Any
 
 import matplotlib
 import numpy as np
@@ -25,6 +26,10 @@ import matplotlib.pyplot as plt  # noqa: E402
 
 LIBRARY = "facezoo"
 PEERS = ["onnxruntime", "openvino-latency", "openvino-streams", "openvino-images"]
+FAMILIES = ["onnxruntime", "openvino"]
+CALL_KINDS = ["Winograd", "other convolutions", "fully connected", "pooling", "LRN",
+              "batch normalization", "ReLU", "rest"]  # as the worker answers "profile"
+PROFILES = 5
 TOLERANCE = 1e-3
 LOADS = 3
 WARM_UPS = 3
@@ -49,15 +54,21 @@ class Result:
     run_ms: list[float] = field(default_factory=list)
     peak_mib: float = 0
     difference: float = 0
+    profile_ms: list[float] = field(default_factory=list)
+    gflops: float = 0
+    sgemm_gflops: list[float] = field(default_factory=list)
 
-    def summary(self) -> dict[str, float]:
+    def summary(self) -> dict[str, Any]:
         return {"run_ms": statistics.median(self.run_ms),
                 "run_p90_ms": float(np.percentile(self.run_ms, 90)),
                 "rounds": len(self.run_ms),
                 "load_ms": statistics.median(self.load_ms),
                 "first_result_ms": statistics.median(self.first_result_ms),
                 "peak_mib": self.peak_mib,
-                "difference": self.difference}
+                "difference": self.difference,
+                "profile_ms": self.profile_ms,
+                "gflops": self.gflops / statistics.median(self.run_ms) * 1e3,
+                "sgemm_gflops": max(self.sgemm_gflops)}
 
 
 class Worker:
@@ -113,9 +124,18 @@ def prepare(name: str, batch: int, options: argparse.Namespace) -> Files:
     return files
 
 
+def sgemm_gflops(size: int = 1024) -> float:
+    """A large matrix product: what the machine gives at this moment."""
+    a = np.ones((size, size), np.float32)
+    start = time.perf_counter()
+    a @ a
+    return 2 * size ** 3 / (time.perf_counter() - start) / 1e9
+
+
 def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Result]:
     files = prepare(name, batch, options)
     results = {engine: Result() for engine in options.engines}
+    gflop = graphs.operations(name, files.weights) * batch / 1e9
     with ExitStack() as stack:
         workers: list[Worker] = []
         for attempt in range(LOADS):
@@ -142,39 +162,66 @@ def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Res
                 for _ in range(options.lead):
                     worker.ask("run")
                 results[worker.engine].run_ms += worker.ask("run")
+            time.sleep(options.pause / 1e3)
+            sgemm_gflops()
+            speed = sgemm_gflops()
+            for result in results.values():
+                result.sgemm_gflops.append(speed)
         expected = np.array(workers[0].ask("results"))
         for worker in workers:
             result = results[worker.engine]
             found = np.array(worker.ask("results"))
             result.difference = float(np.abs(found - expected).max() / np.abs(expected).max())
             result.peak_mib = worker.ask("memory")[0] / 1024
+            result.gflops = gflop
+            if worker.engine == LIBRARY:
+                profiles = [worker.ask("profile") for _ in range(PROFILES)]
+                result.profile_ms = [statistics.median(kind) for kind in zip(*profiles)]
     return results
 
 
-Cells = dict[tuple[str, int], dict[str, dict[str, float]]]
+Cells = dict[tuple[str, int], dict[str, dict[str, Any]]]
 
 
-def advantage(cell: dict[str, dict[str, float]], quantity: str) -> float | None:
+def advantage(cell: dict[str, dict[str, Any]], quantity: str, family: str = "") -> float | None:
     """How many times the library's value the best peer's is; all quantities are costs."""
-    peers = [values[quantity] for engine, values in cell.items() if engine != LIBRARY]
+    peers = [values[quantity] for engine, values in cell.items()
+             if engine != LIBRARY and engine.startswith(family)]
     if not peers or LIBRARY not in cell:
         return None
     return min(peers) / cell[LIBRARY][quantity]
 
 
-def table(title: str, quantity: str, more: str, cells: Cells, engines: list[str]) -> str:
-    def value(values: dict[str, float]) -> str:
-        return f"{values[quantity]:.2f}" + (f" ({values[more]:.2f})" if more else "")
-
-    rows = [["network", "batch", *engines, "advantage"]]
-    for (name, batch), cell in cells.items():
-        ratio = advantage(cell, quantity)
-        rows.append([name, str(batch), *(value(cell[engine]) for engine in engines),
-                     "-" if ratio is None else f"{ratio:.2f}"])
+def aligned(title: str, rows: list[list[str]]) -> str:
     widths = [max(map(len, column)) for column in zip(*rows)]
     lines = ["  ".join([row[0].ljust(widths[0]), *map(str.rjust, row[1:], widths[1:])])
              for row in rows]
     return "\n".join([title, *lines]) + "\n"
+
+
+def table(title: str, quantity: str, more: str, cells: Cells, engines: list[str]) -> str:
+    def value(values: dict[str, Any]) -> str:
+        return f"{values[quantity]:.2f}" + (f" ({values[more]:.2f})" if more else "")
+
+    rows = [["network", "batch", *engines, *(f"over {family}" for family in FAMILIES)]]
+    for (name, batch), cell in cells.items():
+        ratios = [advantage(cell, quantity, family) for family in FAMILIES]
+        rows.append([name, str(batch), *(value(cell[engine]) for engine in engines),
+                     *("-" if ratio is None else f"{ratio:.2f}" for ratio in ratios)])
+    return aligned(title, rows)
+
+
+def profile_table(cells: Cells) -> str:
+    rows = [["network", "batch", "GFLOP/s", "SGEMM", *CALL_KINDS]]
+    for (name, batch), cell in cells.items():
+        values = cell.get(LIBRARY)
+        if not values or not values["profile_ms"]:
+            continue
+        total = sum(values["profile_ms"])
+        rows.append([name, str(batch), f"{values['gflops']:.0f}", f"{values['sgemm_gflops']:.0f}",
+                     *(f"{100 * part / total:.0f} %" for part in values["profile_ms"])])
+    return aligned("The library: speed by the definition of the layers, and where the time goes",
+                   rows)
 
 
 def draw(cells: Cells, batches: list[int], path: Path) -> None:
@@ -244,13 +291,14 @@ def main() -> int:
              **{package: metadata.version(package) for package in ("onnxruntime", "openvino")}}
     text = "\n".join([
         ", ".join(f"{key} {value}" for key, value in about.items()),
-        "Advantage: the best peer's value divided by the library's; above 1 the library is better.",
+        "Over a peer: its best value divided by the library's; above 1 the library is better.",
         "",
         table("Milliseconds of a run, median (90th percentile)", "run_ms", "run_p90_ms", cells,
               options.engines),
         table("Milliseconds to load", "load_ms", "", cells, options.engines),
         table("Milliseconds to load and run once", "first_result_ms", "", cells, options.engines),
         table("MiB at peak beyond those before loading", "peak_mib", "", cells, options.engines),
+        profile_table(cells),
         f"Results differ by at most {worst:.1e} of the largest; {TOLERANCE:.0e} is allowed."])
     print(text)
     (options.output / "results.txt").write_text(text + "\n", encoding="utf-8")

@@ -22,6 +22,7 @@ class Graph:
         self.edges = {"images": edge}  # of the maps
         self.nodes: list[onnx.NodeProto] = []
         self.constants: list[onnx.TensorProto] = []
+        self.products = 0  # of an image, in convolutions and fully connected layers
 
     def add(self, kind: str, *inputs: str, outputs: int = 1, **attributes: Any) -> list[str]:
         names = [f"{len(self.nodes)}.{i}" for i in range(outputs)]
@@ -51,6 +52,7 @@ class Graph:
         y = self.one("Conv", x, self.constant(filters), *bias, kernel_shape=[kernel] * 2,
                      strides=[stride] * 2, pads=[pad] * 4)
         self.edges[y] = (self.edges[x] + 2 * pad - kernel) // stride + 1
+        self.products += filters.size * self.edges[y] ** 2
         return y
 
     def conv(self, x: str, name: str, kernel: int = 1) -> str:
@@ -78,6 +80,7 @@ class Graph:
         """Fully connected; with a bias unless the number of outputs is given."""
         bias = [] if outputs else [self.constant(self.weights[name + "-1"])]
         matrix = self.weights[name + "-0"].reshape(outputs or self.weights[name + "-1"].size, -1)
+        self.products += matrix.size
         return self.one("Gemm", self.flat(x), self.constant(matrix), *bias, transB=1)
 
     def fcn(self, x: str, name: str) -> str:
@@ -86,6 +89,7 @@ class Graph:
 
     def projection(self, x: str, name: str) -> str:
         mean, matrix = self.weights[name + "-1"], self.weights[name + "-0"]
+        self.products += matrix.size
         x = self.one("Sub", x, self.constant(mean))
         return self.one("Gemm", x, self.constant(matrix.reshape(-1, mean.size)), transB=1)
 
@@ -278,6 +282,14 @@ NETWORKS = {
 def read_weights(path: Path) -> dict[str, np.ndarray]:
     document = msgpack.unpackb(path.read_bytes(), raw=True, max_str_len=2**31 - 1)
     return {name.decode(): np.frombuffer(data, "<f4") for name, data in document.items()}
+
+
+def operations(name: str, weights: Path) -> int:
+    """Additions and multiplications for one image, by the definition of the layers."""
+    network = NETWORKS[name]
+    graph = Graph(read_weights(weights), network.edge, network.channels)
+    network.build(graph)
+    return 2 * graph.products
 
 
 def save_model(name: str, weights: Path, path: Path) -> None:

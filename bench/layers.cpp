@@ -3,6 +3,7 @@
 /// show what the machine can give.
 
 #include "layer_factory.h"
+#include "layers/cba.h"
 #include "layers/concat.h"
 #include "layers/eltwise.h"
 #include "layers/l2_norm.h"
@@ -18,6 +19,7 @@
 #include <iostream>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <vector>
 
 namespace {
@@ -171,6 +173,47 @@ void addWeighted() {
   }
 }
 
+/// A convolution by an algorithm of our choice.
+struct ChosenConvolution : CBA {
+  using CBA::CBA;
+  Tensor with(cudnnConvolutionFwdAlgo_t algorithm, const Tensor& x) {
+    configure(x.base->shape);
+    algorithm_ = algorithm;
+    return (*this)(x);
+  }
+};
+
+/// What the CPU platform's rules that choose between algorithms rest on.
+void addAlgorithms() {
+  const struct {
+    const char* name;
+    cudnnConvolutionFwdAlgo_t id;
+  } algorithms[] = {{"winograd", CUDNN_CONVOLUTION_FWD_ALGO_WINOGRAD_NONFUSED},
+                    {"panels", CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM}};
+  const struct {
+    int in, out, edge, kernel;
+  } cases[] = {{64, 192, 56, 3}, {96, 128, 28, 3},  {144, 288, 14, 3},
+               {192, 384, 7, 3}, {512, 512, 17, 3}, {96, 256, 37, 5},
+               {16, 32, 28, 5},  {32, 128, 14, 5},  {48, 128, 7, 5}};
+  for (const auto& t : cases) {
+    const LayerRow row =
+        facezoo::fusedConvolution("conv", t.in, t.out, t.kernel, 1, facezoo::samePadding);
+    for (const auto& algorithm : algorithms) {
+      const auto create = [t, row, id = algorithm.id]() -> Operation {
+        Weights weights(row);
+        const auto layer = std::make_shared<ChosenConvolution>("conv", weights.root(), t.in, t.out,
+                                                               t.kernel, 1, true);
+        return [layer, id](const Tensor& x) { return layer->with(id, x); };
+      };
+      std::ostringstream name;
+      name << "Algorithm/" << t.kernel << 'x' << t.kernel << '/' << t.in << 'x' << t.edge << '/'
+           << algorithm.name;
+      const double taps = static_cast<double>(t.in) * t.kernel * t.kernel;
+      add(name.str(), {{0, t.in, t.edge, t.edge}, 4, 2 * taps, taps * t.out}, create);
+    }
+  }
+}
+
 /// Layers that nothing has to be read for.
 void addWeightless() {
   MaxPooling max;
@@ -227,7 +270,7 @@ void matrixProduct(benchmark::State& state) {
         cudaMemcpy(matrix->get(), values.data(), count * sizeof(float), cudaMemcpyHostToDevice));
   }
   for (auto _ : state) {
-    CheckCublas(cublasSgemm_v2(blasHandle, CUBLAS_OP_N, CUBLAS_OP_N, size, size, size, &one,
+    CheckCublas(cublasSgemm_v2(blasHandle, CUBLAS_OP_T, CUBLAS_OP_N, size, size, size, &one,
                                a.get(), size, b.get(), size, &zero, c.get(), size));
     float first = 0;
     CheckCuda(cudaMemcpy(&first, c.get(), sizeof first, cudaMemcpyDeviceToHost));
@@ -244,6 +287,7 @@ int main(int argc, char** argv) {
     constexpr int kLargestTensor = 64 << 20;
     preparePool(kLargestTensor, 4);
     addWeighted();
+    addAlgorithms();
     addWeightless();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

@@ -7,12 +7,19 @@
 /// - "run": the milliseconds of one `Forward`, from bytes in host memory to results in host memory
 /// - "results": what the last run gave
 /// - "memory": the KiB by which the process has grown at most since before construction
+/// - "profile": the milliseconds of one `Forward` by kind of call, in the order of `callKinds`; a
+///   device that is not simulated answers with an empty line
 
 #include "devices.h"
 #include "facezoo.h"
 #include "failure.h"
 #include "networks.h"
 
+#if FACEZOO_SIMULATED
+#include <host_device.h>
+#endif
+
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -43,6 +50,32 @@ std::vector<char> readImages(const std::string& path, std::size_t bytes) {
   return images;
 }
 
+#if FACEZOO_SIMULATED
+/// The first kind whose part of a name a call's name holds; the last takes what is left.
+constexpr std::array<const char*, 8> callKinds = {
+    "Convolution7", "Convolution",        "cublas",     "Pooling",
+    "LRN",          "BatchNormalization", "Activation", ""};
+
+void profile(Network& network, void* images, int batch, float* results) {
+  std::array<double, callKinds.size()> spent{};
+  std::size_t kind = callKinds.size() - 1;
+  Clock::time_point start = Clock::now();
+  host_device::setObserver([&](const host_device::Call& call) {
+    spent[kind] += millisecondsSince(start);
+    std::string name = call.name;
+    if (name.find("cudnnConvolution") == 0 && call.arguments.size() == 3) {
+      name = "Convolution" + std::to_string(call.arguments[0]);  // which algorithm
+    }
+    for (kind = 0; name.find(callKinds[kind]) == std::string::npos;) ++kind;
+    start = Clock::now();
+  });
+  network.Forward(images, batch, results, nullptr);
+  host_device::setObserver({});
+  spent[kind] += millisecondsSince(start);
+  for (const double milliseconds : spent) std::cout << milliseconds << ' ';
+}
+#endif
+
 void work(const KnownNetwork& known, const std::string& weights, const std::string& imageFile,
           int batch) {
   const facezoo::NetworkTable& table = *known.table;
@@ -60,13 +93,13 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
   Clock::time_point start = Clock::now();
   known.with(weights, batch, "", [&](Network& network) {
     std::cout << millisecondsSince(start) << std::endl;
+    float* const out = onDevice ? static_cast<float*>(output.data()) : results.data();
     for (std::string line; std::getline(std::cin, line);) {
       if (line == "run") {
         start = Clock::now();
         checkCall(cudaMemcpy(input.data(), images.data(), images.size(), cudaMemcpyHostToDevice),
                   "copy of images to the device");
-        network.Forward(input.data(), batch,
-                        onDevice ? static_cast<float*>(output.data()) : results.data(), nullptr);
+        network.Forward(input.data(), batch, out, nullptr);
         if (onDevice) {
           checkCall(cudaMemcpy(results.data(), output.data(), resultBytes, cudaMemcpyDeviceToHost),
                     "copy of results from the device");
@@ -77,6 +110,11 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
         std::cout << std::endl;
       } else if (line == "memory") {
         std::cout << memoryKib("VmHWM") - before << std::endl;
+      } else if (line == "profile") {
+#if FACEZOO_SIMULATED
+        profile(network, input.data(), batch, out);
+#endif
+        std::cout << std::endl;
       }
     }
   });

@@ -163,7 +163,8 @@ TEST_F(PlatformTest, EveryAlgorithmInEveryInstructionSetAndWorkspace) {
   using host_device::InstructionSet;
   for (const auto set : {InstructionSet::baseline, InstructionSet::avx2, InstructionSet::avx512}) {
     if (!host_device::useInstructionSet(set)) {
-      std::printf("measured nothing: this machine lacks set %d\n", static_cast<int>(set));
+      std::printf("measured nothing in instruction set %d, which this machine lacks\n",
+                  static_cast<int>(set));
       continue;
     }
     for (const auto& t : cases) {
