@@ -186,6 +186,10 @@ TEST_F(PlatformTest, EveryAlgorithmInEveryInstructionSetAndWorkspace) {
             upload(std::vector<float>(x.v.begin(), x.v.end()), {t.n, t.c, t.h, t.w});
         if (served == 0) layer(input);  // lets the layer prepare for the shape
         layer.algorithm_ = t.algorithm;
+        // What lies behind the workspace that the call is told of is not the call's.
+        const std::vector<char> beyond(layer.workspaceSize < 100U << 20U ? 4096 : 0, 0x5A);
+        char* const end = static_cast<char*>(LayerBase::workspace_) + layer.workspaceSize;
+        CheckCuda(cudaMemset(end, 0x5A, beyond.size()));
         testing::internal::CaptureStderr();
         try {
           expectClose(layer(input), y, scale, roundings(taps, 128));
@@ -195,6 +199,9 @@ TEST_F(PlatformTest, EveryAlgorithmInEveryInstructionSetAndWorkspace) {
           break;
         }
         testing::internal::GetCapturedStderr();
+        std::vector<char> found(beyond.size());
+        CheckCuda(cudaMemcpy(found.data(), end, found.size(), cudaMemcpyDeviceToHost));
+        EXPECT_EQ(beyond, found);
         ++served;
         if (t.algorithm == loops && layer.workspaceSize < 16) break;
       }

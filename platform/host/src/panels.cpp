@@ -126,6 +126,7 @@ class Product {
   }
 
   void run() const {
+    const int team = static_cast<int>(threads_);
     for (std::size_t first = 0; first < static_cast<std::size_t>(problem_.n); first += images_) {
       const std::size_t images = std::min(images_, problem_.n - first);
       const std::size_t outputs = images * problem_.outputPlane();
@@ -136,7 +137,7 @@ class Product {
       const std::size_t left = outputs % code_.lanes;
       const std::size_t vectors = outputs / code_.lanes + (left > kNarrow ? 1 : 0);
       const Grid grid(threads_, std::max<std::size_t>(vectors, 1), groups, code_.rows);
-#pragma omp parallel num_threads(static_cast <int>(threads_))
+#pragma omp parallel num_threads(team)
       {
         const std::size_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
         if (!pointwise_) {

@@ -6,7 +6,6 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "convolution.h"
 
@@ -196,7 +195,8 @@ class Pass {
       const std::size_t fitting = (most - fixed) / (sharedFloats(problem, 1) - fixed);
       chunk_ = dividedUp(vectors_, dividedUp(vectors_, fitting));
     }
-    frequencyStride_ = inputFloats(problem, chunk_) / kFrequencies;
+    // An odd number of cache lines, lest all frequencies compete for the same places in the cache.
+    frequencyStride_ = (linesOf(problem, chunk_) | 1) * Scratch::line;
     inputs_ = scratch.take(inputFloats(problem, chunk_) * (apart_ ? threads_ : 1));
     products_ = scratch.take(0);
   }
@@ -213,7 +213,8 @@ class Pass {
   }
 
   void run() const {
-#pragma omp parallel num_threads(static_cast <int>(threads_))
+    const int team = static_cast<int>(threads_);
+#pragma omp parallel num_threads(team)
     {
       const std::size_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
       if (apart_) {
@@ -244,11 +245,13 @@ class Pass {
     std::size_t start;  ///< tiles from the start of the chunk
   };
 
-  /// Frequencies lie an odd number of cache lines apart, lest all compete for the same places in
-  /// the cache.
+  /// Cache lines of one frequency of `vectors` vectors of tiles.
+  static std::size_t linesOf(const Problem& problem, std::size_t vectors) {
+    return vectors * dividedUp(std::size_t{1} * vectorCode().lanes * problem.c, Scratch::line);
+  }
+  /// One line more than needed allows for an odd distance between frequencies.
   static std::size_t inputFloats(const Problem& problem, std::size_t vectors) {
-    const std::size_t floats = vectors * vectorCode().lanes * problem.c;
-    return kFrequencies * (dividedUp(floats, Scratch::line) | 1) * Scratch::line;
+    return kFrequencies * (linesOf(problem, vectors) + 1) * Scratch::line;
   }
 
   std::size_t panelCount(Range chunk) const { return dividedUp(chunk.end - chunk.begin, widest_); }
@@ -280,36 +283,38 @@ class Pass {
 
   void transformShared(Range chunk, std::size_t thread, std::size_t threads) const {
     const std::size_t channels = problem_.c;
-    const Range own = part(panelCount(chunk) * channels, thread, threads);
-    for (std::size_t begin = own.begin, end; begin < own.end; begin = end) {
-      const std::size_t first = begin / channels * channels;
-      end = std::min(own.end, first + channels);
-      transform(panel(chunk, begin / channels), {begin - first, end - first}, inputs_);
-    }
+    forShare(panelCount(chunk), channels, thread, threads,
+             [&](std::size_t p, Range own) { transform(panel(chunk, p), own, inputs_); });
   }
   void multiplyShared(Range chunk, std::size_t thread, std::size_t threads) const {
-    const Range own = part(kFrequencies * groups_, thread, threads);
-    for (std::size_t begin = own.begin, end; begin < own.end; begin = end) {
-      const std::size_t frequency = begin / groups_, first = frequency * groups_;
-      end = std::min(own.end, first + groups_);
+    forShare(kFrequencies, groups_, thread, threads, [&](std::size_t frequency, Range own) {
       for (std::size_t p = 0; p < panelCount(chunk); ++p) {
         const Panel at = panel(chunk, p);
-        multiply(at, static_cast<int>(frequency), {begin - first, end - first}, inputs_,
-                 productsOf(at) + (begin - first) * code_.rows * kFrequencies * at.tiles);
+        multiply(at, static_cast<int>(frequency), own, inputs_,
+                 productsOf(at) + own.begin * code_.rows * kFrequencies * at.tiles);
       }
-    }
+    });
   }
   void transformBackShared(Range chunk, std::size_t thread, std::size_t threads) const {
     const std::size_t rows = problem_.k;
-    const Range own = part(panelCount(chunk) * rows, thread, threads);
+    forShare(panelCount(chunk), rows, thread, threads, [&](std::size_t p, Range own) {
+      const Panel at = panel(chunk, p);
+      transformBack(at, own, productsOf(at) + own.begin * kFrequencies * at.tiles);
+    });
+  }
+
+  /// Calls visit(i, range of j) for a thread's share of all pairs 0 <= i < rows, 0 <= j < length.
+  template <class Visit>
+  static void forShare(std::size_t rows, std::size_t length, std::size_t thread,
+                       std::size_t threads, const Visit& visit) {
+    const Range own = part(rows * length, thread, threads);
     for (std::size_t begin = own.begin, end; begin < own.end; begin = end) {
-      const std::size_t first = begin / rows * rows;
-      end = std::min(own.end, first + rows);
-      const Panel at = panel(chunk, begin / rows);
-      transformBack(at, {begin - first, end - first},
-                    productsOf(at) + (begin - first) * kFrequencies * at.tiles);
+      const std::size_t row = begin / length, first = row * length;
+      end = std::min(own.end, first + length);
+      visit(row, Range{begin - first, end - first});
     }
   }
+
   float* productsOf(const Panel& at) const {
     return products_ + at.start * kFrequencies * groups_ * code_.rows;
   }
