@@ -81,8 +81,8 @@ void forRanges(std::size_t count, std::size_t work, const Body& body) {
 #pragma omp parallel
   {
     const std::size_t threads = omp_get_num_threads(), thread = omp_get_thread_num();
-    const std::size_t begin = count * thread / threads, end = count * (thread + 1) / threads;
-    if (begin < end) body(begin, end);
+    const Range own = part(count, thread, threads);
+    if (own.begin < own.end) body(own.begin, own.end);
   }
 }
 

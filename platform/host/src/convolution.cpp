@@ -71,20 +71,17 @@ HOST_DEVICE_CLONES void convolvePlane(const Problem& problem, const float* x, co
 
 void runLoops(const Problem& problem, const Operands& operands) {
   const std::size_t plane = problem.outputPlane();
-  const std::size_t filter =
-      std::size_t{1} * problem.c * problem.vertical.kernel * problem.horizontal.kernel;
 #pragma omp parallel for schedule(static) collapse(2)
   for (int n = 0; n < problem.n; ++n) {
     for (int k = 0; k < problem.k; ++k) {
       float* y = operands.y + (std::size_t{1} * n * problem.k + k) * plane;
       convolvePlane(problem, operands.x + n * problem.c * problem.inputPlane(),
-                    operands.w + k * filter, y);
+                    operands.w + k * problem.depth(), y);
       if (operands.bias) vectorCode().store(y, plane, 1, plane, operands.bias + k, 0, y, plane);
     }
   }
 }
 
-bool always(const Problem&) { return true; }
 std::size_t noWorkspace(const Problem&) { return 0; }
 
 }  // namespace

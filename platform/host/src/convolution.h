@@ -49,6 +49,8 @@ struct Algorithm {
   void (*run)(const Problem&, const Operands&);
 };
 
+inline bool always(const Problem& /*problem*/) { return true; }
+
 /// Winograd's minimal filtering, for 3 x 3 and 5 x 5 with stride 1.
 extern const Algorithm winograd;
 /// A matrix product with columns of the input that are gathered panel by panel.

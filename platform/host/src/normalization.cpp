@@ -87,7 +87,7 @@ void normalizeTensor(const cudnnLRNStruct& lrn, const cudnnTensorStruct& shape, 
   const int lookAhead = static_cast<int>(lrn.n) - lookBehind - 1;
   const std::size_t plane = std::size_t{1} * shape.h * shape.w;
   constexpr std::size_t pieceSize = 512;
-  const std::size_t pieces = (plane + pieceSize - 1) / pieceSize;
+  const std::size_t pieces = dividedUp(plane, pieceSize);
   forRanges(shape.n * pieces, pieceSize * shape.c, [&](std::size_t begin, std::size_t end) {
     for (std::size_t i = begin; i < end; ++i) {
       const std::size_t start = i % pieces * pieceSize;

@@ -16,8 +16,6 @@ namespace {
 constexpr std::size_t kBlockBytes = std::size_t{128} << 10;
 constexpr std::size_t kMostPanels = 8;
 
-bool always(const Problem&) { return true; }
-
 /// Packed as [row group][depth][row].
 void packPanels(const Problem& problem, const float* w, float* packed) {
   const std::size_t rows = vectorCode().rows, depth = problem.depth();
@@ -133,9 +131,7 @@ class Product {
       const float* const x = operands_.x + first * problem_.c * problem_.inputPlane();
       float* const y = operands_.y + first * problem_.k * problem_.outputPlane();
       const std::size_t groups = problem_.rowGroups();
-      // A few columns are left to a panel of their own, which is narrower than a vector.
-      const std::size_t left = outputs % code_.lanes;
-      const std::size_t vectors = outputs / code_.lanes + (left > kNarrow ? 1 : 0);
+      const std::size_t vectors = vectorsIn(outputs);
       const Grid grid(threads_, std::max<std::size_t>(vectors, 1), groups, code_.rows);
 #pragma omp parallel num_threads(team)
       {
@@ -184,13 +180,17 @@ class Product {
     return Scratch::lines(panelFloats(problem) * blockPanels) + kMostRows * widest;
   }
 
+  /// A few columns that are left get a panel of their own, which is narrower than a vector.
+  std::size_t vectorsIn(std::size_t columns) const {
+    return columns / code_.lanes + (columns % code_.lanes > kNarrow ? 1 : 0);
+  }
+
   void multiply(const float* x, float* y, Range columns, Range groups, float* scratch) const {
     const std::size_t depth = problem_.depth(), plane = problem_.outputPlane();
     float* const tile = scratch + perThread_ - kMostRows * widest;
     const std::size_t lanes = code_.lanes, count = columns.end - columns.begin;
-    const bool narrow = count % lanes > 0 && count % lanes <= kNarrow;
-    const std::size_t vectors = count / lanes + (count % lanes > kNarrow ? 1 : 0);
-    const std::size_t wide = dividedUp(vectors, kWidest), all = wide + (narrow ? 1 : 0);
+    const std::size_t vectors = vectorsIn(count), wide = dividedUp(vectors, kWidest);
+    const std::size_t all = wide + (count > vectors * lanes ? 1 : 0);
     const std::size_t blocks = dividedUp(all, blockPanels_);
     for (std::size_t b = 0; b < blocks; ++b) {
       Panel panels[kMostPanels];

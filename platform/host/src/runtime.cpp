@@ -67,7 +67,7 @@ bool mayCopy(void* destination, const void* source, std::size_t bytes, cudaMemcp
 void copyRows(void* destination, std::size_t destinationPitch, const void* source,
               std::size_t sourcePitch, std::size_t width, std::size_t height) {
   constexpr std::size_t piece = 65536;
-  const std::size_t pieces = (width + piece - 1) / piece;
+  const std::size_t pieces = detail::dividedUp(width, piece);
   detail::forRanges(pieces * height, std::min(width, piece) / sizeof(float),
                     [&](std::size_t begin, std::size_t end) {
                       for (std::size_t i = begin; i < end; ++i) {

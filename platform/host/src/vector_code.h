@@ -20,7 +20,7 @@ constexpr int kNarrow = 4;
 constexpr int kMostLanes = 16;
 constexpr int kMostRows = 8;
 
-/// Equally long rows of outputs F(outputs, 7 - outputs), by the number of outputs in a row.
+/// Outputs in a row of a tile, for filters of 3 x 3 and of 5 x 5.
 constexpr int kWinogradSizes[] = {4, 2};
 
 /// Part of a row that is contiguous both where it comes from and in the panel.
@@ -67,7 +67,7 @@ struct VectorCode {
 
 extern const VectorCode baselineCode, avx2Code, avx512Code;
 
-/// The table for this machine's best instruction set.
+/// The table in use; at load that of this machine's best instruction set.
 const VectorCode& vectorCode();
 
 }  // namespace detail
