@@ -252,8 +252,8 @@ TEST_F(LayerTest, ElementWise) {
 
 TEST_F(LayerTest, L2NormIsTheSequentialLoopBitForBit) {
   L2Norm layer;
-  const Shape shapes[] = {{2, 1, 1, 1},    {129, 4, 1, 1}, {129, 5, 1, 1}, {300, 7, 1, 1},
-                          {5, 2048, 1, 1}, {5, 128, 8, 8}, {5, 512, 6, 6}};
+  const Shape shapes[] = {{2, 1, 1, 1},   {129, 4, 1, 1},  {129, 5, 1, 1}, {300, 7, 1, 1},
+                          {5, 131, 1, 1}, {5, 2048, 1, 1}, {5, 128, 8, 8}, {5, 512, 6, 6}};
   std::vector<Image4> inputs = {{5, 2, 1, 1, {0, 0, 3, 4, 1e-22F, 1e-22F, infinity, 1, nan, 1}}};
   for (const Shape& t : shapes) inputs.push_back(seededImage(t[0], t[1], t[2], t[3], 1, -100, 100));
   for (const Image4& x : inputs) {

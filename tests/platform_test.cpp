@@ -1,11 +1,13 @@
 // The host platform as a device: strict memory, honest statuses, derived data that never goes
 // stale.
+#include "../platform/cuda/internal/read_ahead.h"
 #include "layers/cba.h"
 #include "reference.h"
 
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <numeric>
 
 namespace facezoo::test {
 namespace {
@@ -219,6 +221,18 @@ TEST_F(PlatformTest, APackedFilterNeverOutlivesItsContents) {
   EXPECT_EQ(12.5F, result());
   layer.set(layer.bias_, {nan});
   EXPECT_EQ(0.0F, result());  // the fused activation does not propagate NaN
+}
+
+// The device's way of reading is plain C++: here it runs where an overrun shows.
+TEST(ReadAhead, VisitsEveryValueOnceInOrder) {
+  for (int offset = 0; offset < 5; ++offset)
+    for (const int count : {0, 1, 3, 4, 127, 128, 131, 132, 255, 256, 259, 1000}) {
+      std::vector<float> values(offset + count);
+      std::iota(values.begin(), values.end(), 0.0F);
+      std::vector<float> visited(values.begin(), values.begin() + offset);
+      inOrder(values.data() + offset, count, [&](float value) { visited.push_back(value); });
+      EXPECT_EQ(values, visited) << offset << ", " << count;
+    }
 }
 
 TEST_F(PlatformTest, FreshMemoryIsPoisoned) {

@@ -13,10 +13,7 @@ constexpr int kBlock = 128;
 __global__ void kernelL2Normalize_(int count, int dim, const float* in, float* out) {
   overGrid(count, 1, dim, [=](int i, int) {
     float sum = 0.0F;
-    for (int j = 0; j < dim; ++j) {
-      const float value = in[i * dim + j];
-      sum = fmaf(value, value, sum);
-    }
+    inOrder(in + i * dim, dim, [&sum](float value) { sum = fmaf(value, value, sum); });
     out[i] = sqrtf(sum);
   });
 }

@@ -1,8 +1,11 @@
 /// @file
-/// How a unit of device code runs under nvcc: `launch` starts a kernel on the default stream and
-/// `overGrid` gives each thread its element. platform/host/internal/device_code.h offers the same.
+/// How a unit of device code runs under nvcc: `launch` starts a kernel on the default stream,
+/// `overGrid` gives each thread its element and `inOrder` visits values one after the other.
+/// platform/host/internal/device_code.h offers the same.
 /// Keeps to C++14 for the oldest supported nvcc.
 #pragma once
+
+#include "read_ahead.h"
 
 #include <cuda_runtime.h>
 

@@ -1,7 +1,8 @@
 /// @file
 /// How a unit of device code runs on the host platform: a kernel is an ordinary function, a launch
-/// calls it once, and `overGrid` inside it visits the index space that the grid covers.
-/// platform/cuda/internal/device_code.h offers the same two functions for nvcc.
+/// calls it once, `overGrid` inside it visits the index space that the grid covers, and `inOrder`
+/// visits values one after the other. platform/cuda/internal/device_code.h offers the same for
+/// nvcc.
 #pragma once
 
 #include <cuda_runtime.h>
@@ -95,6 +96,12 @@ void overGrid(int width, int height, int work, const Body& body) {
       visit(body, y, i * piece, std::min(columns, (i + 1) * piece));
     }
   }
+}
+
+/// Calls body(in[i]) for i = 0, 1, ..., count - 1.
+template <class Body>
+[[gnu::always_inline]] inline void inOrder(const float* in, int count, const Body& body) {
+  for (int i = 0; i < count; ++i) body(in[i]);
 }
 
 }  // namespace facezoo
