@@ -4,7 +4,9 @@
 set(_hints ${cuDNN_ROOT} $ENV{CUDNN_ROOT} ${CUDAToolkit_INCLUDE_DIRS} ${CUDAToolkit_LIBRARY_ROOT}
   ${CUDAToolkit_LIBRARY_DIR})
 find_path(cuDNN_INCLUDE_DIR cudnn.h HINTS ${_hints} PATH_SUFFIXES include)
-find_library(cuDNN_LIBRARY cudnn HINTS ${_hints} PATH_SUFFIXES lib64 lib lib/x64)
+# Wheels have the library without the link that developers' packages add.
+find_library(cuDNN_LIBRARY NAMES cudnn libcudnn.so.9 libcudnn.so.8 libcudnn.so.7
+  HINTS ${_hints} PATH_SUFFIXES lib64 lib lib/x64)
 
 # Version 7 states itself in cudnn.h, later ones in cudnn_version.h.
 unset(cuDNN_VERSION)

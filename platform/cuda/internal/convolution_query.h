@@ -13,8 +13,34 @@ enum cudnnConvolutionFwdPreference_t {
   CUDNN_CONVOLUTION_FWD_SPECIFY_WORKSPACE_LIMIT = 2
 };
 
+namespace facezoo {
+
+/// The first of `count` candidates, which are in the order of their speed, that runs, computes in
+/// plain 32-bit float and fits `memoryLimit` bytes of workspace; implicit GEMM, which needs none,
+/// if there is no such. The list may name algorithms that do not run, do not fit or use another
+/// arithmetic, and what it says of memory may belong to another arithmetic than the descriptor's.
+///
+/// @param needsAtMost needsAtMost(algorithm, bytes): whether the algorithm runs in so much
+/// workspace
+template <class NeedsAtMost>
+cudnnConvolutionFwdAlgo_t firstThatFits(const cudnnConvolutionFwdAlgoPerf_t* candidates, int count,
+                                        size_t memoryLimit, const NeedsAtMost& needsAtMost) {
+  for (int i = 0; i < count; ++i) {
+    const cudnnConvolutionFwdAlgoPerf_t& candidate = candidates[i];
+    const bool plain =
+        candidate.mathType == CUDNN_FMA_MATH || candidate.mathType == CUDNN_DEFAULT_MATH;
+    if (candidate.status == CUDNN_STATUS_SUCCESS && plain && candidate.memory <= memoryLimit &&
+        needsAtMost(candidate.algo, memoryLimit)) {
+      return candidate.algo;
+    }
+  }
+  return CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM;
+}
+
+}  // namespace facezoo
+
 /// The fastest forward algorithm that runs, fits `memoryLimit` bytes of workspace and computes in
-/// plain 32-bit float; implicit GEMM, which needs no workspace, where the query offers none.
+/// plain 32-bit float.
 ///
 /// Default math may use TF32 from cuDNN 8 on, so the descriptor is put into plain fp32 math first.
 inline cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(
@@ -29,16 +55,13 @@ inline cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(
   status = cudnnGetConvolutionForwardAlgorithm_v7(
       handle, x, w, convolution, y, CUDNN_CONVOLUTION_FWD_ALGO_COUNT, &found, candidates);
   if (status != CUDNN_STATUS_SUCCESS) return status;
-  *algorithm = CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM;
-  for (int i = 0; i < found; ++i) {
-    const cudnnConvolutionFwdAlgoPerf_t& candidate = candidates[i];
-    // The list may name algorithms that do not run, do not fit or use another arithmetic.
-    if (candidate.status == CUDNN_STATUS_SUCCESS && candidate.memory <= memoryLimit &&
-        (candidate.mathType == CUDNN_FMA_MATH || candidate.mathType == CUDNN_DEFAULT_MATH)) {
-      *algorithm = candidate.algo;
-      break;
-    }
-  }
+  const auto needsAtMost = [&](cudnnConvolutionFwdAlgo_t candidate, size_t limit) {
+    size_t needed = 0;
+    return cudnnGetConvolutionForwardWorkspaceSize(handle, x, w, convolution, y, candidate,
+                                                   &needed) == CUDNN_STATUS_SUCCESS &&
+           needed <= limit;
+  };
+  *algorithm = facezoo::firstThatFits(candidates, found, memoryLimit, needsAtMost);
   return CUDNN_STATUS_SUCCESS;
 }
 

@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# What configuring the cuda platform says of the versions it finds: pretended folders hold no more
+# than what versions are read from.
+#   cuda_requirements_test.sh SOURCE-DIRECTORY
+set -euo pipefail
+source=$1
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+
+# configure NAME EXPECTED-TEXT ARGUMENT...: whether configuring succeeds is not asked
+configure() {
+  local name=$1 expected=$2
+  shift 2
+  cmake -S "$source" -B "$folder/build-$name" -G Ninja -DFACEZOO_PLATFORM=cuda \
+    -DFACEZOO_TESTS=OFF -DFACEZOO_TOOL=OFF "$@" >"$folder/log" 2>&1 || true
+  # CMake breaks long lines.
+  tr -s '\n ' ' ' <"$folder/log" | grep -qF "$expected" && return
+  echo "$name: not said: $expected" >&2
+  cat "$folder/log" >&2
+  exit 1
+}
+
+# cudnn HEADER VERSION...: a folder for each
+cudnn() {
+  local header=$1 version
+  shift
+  for version; do
+    local root=$folder/cudnn-$version
+    mkdir -p "$root/include" "$root/lib"
+    touch "$root/include/cudnn.h" "$root/lib/libcudnn.so"
+    IFS=. read -r major minor patch <<<"$version"
+    printf '#define CUDNN_MAJOR %s\n#define CUDNN_MINOR %s\n#define CUDNN_PATCHLEVEL %s\n' \
+      "$major" "$minor" "$patch" >"$root/include/$header"
+  done
+}
+
+cudnn cudnn.h 6.0.21 7.6.5
+cudnn cudnn_version.h 8.9.7 9.19.0 10.0.1
+for version in 7.6.5 8.9.7 9.19.0; do
+  configure "cudnn-$version" ", cuDNN $version" -DcuDNN_ROOT="$folder/cudnn-$version"
+done
+supported="CUDA toolkits 10.1 to 13 and cuDNN 7 to 9 are supported."
+for version in 6.0.21 10.0.1; do
+  configure "cudnn-$version" \
+    "cuDNN $version found in $folder/cudnn-$version/include. $supported" \
+    -DcuDNN_ROOT="$folder/cudnn-$version"
+done
+rm "$folder/cudnn-10.0.1/include/cudnn_version.h"
+configure "cudnn-unknown" "does not state its version. $supported" \
+  -DcuDNN_ROOT="$folder/cudnn-10.0.1"
+configure "cudnn-none" "No cuDNN found (hint: cuDNN_ROOT). $supported" \
+  -DcuDNN_INCLUDE_DIR=cuDNN_INCLUDE_DIR-NOTFOUND -DCMAKE_FIND_ROOT_PATH="$folder" \
+  -DCMAKE_FIND_ROOT_PATH_MODE_INCLUDE=ONLY
+
+mkdir -p "$folder/toolkit/bin" "$folder/toolkit/include" "$folder/toolkit/lib64"
+printf '#!/bin/sh\necho "Cuda compilation tools, release 9.2, V9.2.148"\n' \
+  >"$folder/toolkit/bin/nvcc"
+chmod +x "$folder/toolkit/bin/nvcc"
+echo '#define CUDA_VERSION 9020' >"$folder/toolkit/include/cuda.h"
+touch "$folder/toolkit/include/cuda_runtime.h" "$folder/toolkit/lib64/libcudart.so"
+configure "toolkit-9.2" "CUDA toolkit 9.2" -DCUDAToolkit_ROOT="$folder/toolkit"
+echo "configure-time messages: as documented"
