@@ -1,5 +1,5 @@
 // Once a shape has been seen, a pass takes nothing from the heap below the library. That it takes
-// no device memory is among the calls that contract_test.cpp counts.
+// no device memory is among the calls that calls_test.cpp counts.
 #include "seeded_network.h"
 
 #include <dlfcn.h>

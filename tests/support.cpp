@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 #include <fstream>
+#include <iostream>
 #include <random>
 
 namespace facezoo::test {
@@ -23,6 +24,26 @@ void createClassWideDescriptors() {
   Relu()(one);
   Softmax()(one);
 }
+
+/// Why there is no device to test on; empty if there is one.
+std::string whatIsMissing() {
+  int devices = 0;
+  const cudaError_t status = cudaGetDeviceCount(&devices);
+  if (status != cudaSuccess) return std::string("no GPU: ") + cudaGetErrorString(status);
+  return devices == 0 ? "no GPU" : "";
+}
+
+/// Says at the end how much was not tested.
+struct SkipCount : testing::Environment {
+  void TearDown() override {
+    if (const int skipped = testing::UnitTest::GetInstance()->skipped_test_count()) {
+      std::cout << "skipped " << skipped << " of "
+                << testing::UnitTest::GetInstance()->test_to_run_count()
+                << " tests: " << whatIsMissing() << "\n";
+    }
+  }
+};
+const auto* const skipCount = testing::AddGlobalTestEnvironment(new SkipCount);
 
 #if FACEZOO_SIMULATED
 std::vector<std::size_t> live() {
@@ -109,8 +130,7 @@ void releaseDevice() {
 }
 
 void DeviceTest::SetUp() {
-  int devices = 0;
-  if (cudaGetDeviceCount(&devices) != cudaSuccess || devices == 0) GTEST_SKIP() << "no GPU";
+  if (const std::string missing = whatIsMissing(); !missing.empty()) GTEST_SKIP() << missing;
   static const bool once = (createClassWideDescriptors(), true);
   ASSERT_TRUE(once);
   releaseDevice();
