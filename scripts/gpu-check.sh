@@ -1,0 +1,248 @@
+#!/usr/bin/env bash
+# Shows on a machine with a card what the production build does there, and writes it down in
+# docs/gpu-results.md: the tests of the cuda build, one pass of every network under each tool of
+# compute-sanitizer, and the comparison with PyTorch. Ends within nine minutes: what time is left
+# goes to the comparison, which says what it did not come to. Needs the CUDA toolkit, cuDNN, CMake,
+# Ninja and, for the comparison, Python with PyTorch, NumPy and msgpack; no network.
+#   scripts/gpu-check.sh [--dependencies DIR] [--tests] [--sanitize] [--bench [NET...]]
+#   scripts/gpu-check.sh --collect DIR    fills DIR, on a machine with Debian's packages
+# Without --tests, --sanitize or --bench it does all three. A part that is not run keeps what the
+# document says of it. DIR (build/gpu-dependencies) holds include/, with msgpack's headers, and
+# googletest/, with GoogleTest's sources. FACEZOO_COMMIT names the commit where there is no
+# repository.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+deadline=$((SECONDS + 520))
+results=build/gpu-check
+document=docs/gpu-results.md
+dependencies=build/gpu-dependencies
+parts=()
+networks=()
+while [ $# -gt 0 ]; do
+  case $1 in
+    --collect)
+      mkdir -p "$2/include" "$2/googletest"
+      cp -r /usr/include/msgpack.hpp /usr/include/msgpack "$2/include"
+      (cd /usr/src/googletest/googletest && cp -r CMakeLists.txt cmake include src "$OLDPWD/$2/googletest")
+      du -sh "$2"
+      exit 0
+      ;;
+    --dependencies) dependencies=$2 && shift ;;
+    --tests | --sanitize | --bench) parts+=("${1#--}") ;;
+    -*)
+      sed -n '2,/^set/{s/^# \?//;/^set/!p}' "$0"
+      exit $([ "$1" = --help ] && echo 0 || echo 2)
+      ;;
+    *) networks+=("$1") ;;
+  esac
+  shift
+done
+[ ${#parts[@]} -gt 0 ] || parts=(tests sanitize bench)
+mkdir -p "$results"
+rm -f "$results"/{tests,sanitize,bench}.md
+
+left() { echo $((deadline > SECONDS ? deadline - SECONDS : 1)); }
+
+# What a part says as long as no card has answered.
+unanswered() {
+  case $1 in
+    tests)
+      cat <<'TEXT'
+## Tests
+
+Open; `scripts/gpu-check.sh --tests` shows:
+
+- all layers and all eight networks within the bounds of the CPU build's tests, the networks within
+  1e-4 of double precision, whatever algorithms cuDNN chooses;
+- the contract that hosts rely on: errors, pool, copies, lives of several networks;
+- whether average pooling divides an overhanging window by its positions inside the padded input, as
+  the CPU platform does, and whether rounded-up pooling sizes are accepted;
+- NaN through max pooling, `Relu` and the fused convolution;
+- the math types that the algorithm query reports under plain fp32;
+- the L2 norm bit for bit, softmax of large inputs without subtraction of the maximum;
+- the same free device memory after 10000 passes of each network, and after each of 1000 lives of one.
+TEXT
+      ;;
+    sanitize)
+      cat <<'TEXT'
+## Sanitizers
+
+Open; `scripts/gpu-check.sh --sanitize` runs memcheck, initcheck, racecheck and synccheck over a few
+passes of every network.
+TEXT
+      ;;
+    bench)
+      cat <<'TEXT'
+## Speed
+
+Open; `scripts/gpu-check.sh --bench` compares with PyTorch at batches 1, 8, 32 and 128 and times the
+library's own kernels. Aims: twice the throughput of PyTorch's eager mode with autotuning at batch 1
+and once at batch 32, once that of its best form at batch 1; element-wise kernels as fast as a copy of
+as many bytes; the L2 norm of 18432 values in little more than the time of its chain of
+multiply-adds. Until then all there is of the last is a count: by the stall counts in the machine code
+for compute capability 9.0, and 270 cycles to the second-level cache, 1.3 times the chain.
+TEXT
+      ;;
+  esac
+}
+
+# The part as the document has it, up to the next one.
+answered() {
+  local heading
+  heading=$(unanswered "$1" | head -1)
+  awk -v heading="$heading" '/^## /{inside = ($0 == heading)} inside' "$document" | sed '$ {/^$/d}'
+}
+
+write_document() {
+  local part text
+  {
+    echo "# What has been measured on a card"
+    echo
+    echo "Written by \`scripts/gpu-check.sh\`; each part says when, on what and of which commit."
+    for part in tests sanitize bench; do
+      text=$(cat "$results/$part.md" 2>/dev/null || answered "$part")
+      printf '\n%s\n' "${text:-$(unanswered "$part")}"
+    done
+  } >"$results/document.md"
+  cp "$results/document.md" "$document"
+}
+
+# begin PART: the heading and what it ran on
+begin() {
+  unanswered "$1" | head -2
+  echo "$(date +%F), $card, $versions, commit $commit."
+  echo
+}
+
+build() {
+  local options=(-DFACEZOO_TOOL=OFF -DFACEZOO_BENCH=ON -DFACEZOO_WERROR=OFF)
+  if [ -d "$dependencies" ]; then
+    local folder
+    folder=$(cd "$dependencies" && pwd)
+    options+=("-DFACEZOO_MSGPACK_INCLUDE_DIR=$folder/include"
+      "-DFACEZOO_GOOGLETEST_DIR=$folder/googletest")
+  fi
+  # Where the toolkit comes without cuDNN, Python's packages may have it.
+  local toolkit
+  toolkit=$(dirname "$(dirname "$(readlink -f "$(command -v nvcc)")")")
+  if [ ! -e "$toolkit/include/cudnn.h" ] && [ ! -e /usr/include/cudnn.h ]; then
+    CUDNN_ROOT=${CUDNN_ROOT:-$(python3 -c 'import nvidia.cudnn as m; print(m.__path__[0])' || true)}
+    export CUDNN_ROOT
+  fi
+  { cmake --preset cuda "${options[@]}" && cmake --build --preset cuda; } >"$results/build.log" 2>&1 || {
+    tail -n 40 "$results/build.log"
+    echo "the build failed; the whole log is $results/build.log" >&2
+    exit 1
+  }
+}
+
+run_tests() {
+  local log=$results/tests.log status=0
+  timeout --kill-after=10 "$(left)" ctest --preset cuda -L gpu -j 4 >"$log" 2>&1 || status=$?
+  {
+    begin tests
+    grep -E 'tests passed|tests failed' "$log" || echo "No summary: the tests ended with code $status."
+    echo
+    local skipped
+    skipped=$(grep -c '(Skipped)' "$log" || true)
+    [ "$skipped" -eq 0 ] || { echo "**$skipped tests were skipped.**" && echo && status=1; }
+    if [ "$status" -eq 0 ]; then echo "Result: passed."; else echo "Result: **failed**."; fi
+    echo
+    echo '```'
+    sed -n '/The following tests/,$p' "$log" | grep -E '^\s+[0-9]+ - ' || true
+    grep -hE '^(verdict|measured)|Failure$|^(Expected|  Actual|Which is)' \
+      build/cuda/Testing/Temporary/LastTest.log || true
+    echo '```'
+  } >"$results/tests.md"
+  return "$status"
+}
+
+run_sanitize() {
+  local tool status=0 tools=(memcheck initcheck racecheck synccheck)
+  for tool in "${tools[@]}"; do
+    (
+      code=0
+      timeout --kill-after=10 "$(left)" compute-sanitizer --tool "$tool" --error-exitcode 99 \
+        build/cuda/bin/facezoo_tests --gtest_filter='NetworkPass.*' --gtest_brief=1 \
+        >"$results/$tool.log" 2>&1 || code=$?
+      echo "$code" >"$results/$tool.code"
+    ) &
+  done
+  wait
+  {
+    begin sanitize
+    echo "A few passes of every network (\`NetworkPass.*\`) under each tool of compute-sanitizer."
+    echo
+    echo "| tool | result | summary |"
+    echo "|---|---|---|"
+    for tool in "${tools[@]}"; do
+      local code result=silent
+      code=$(cat "$results/$tool.code")
+      if [ "$code" -ne 0 ]; then
+        result="**not silent**, exit code $code"
+        status=1
+      elif ! grep -qE 'PASSED +\] 8 tests' "$results/$tool.log"; then
+        result="**did not run** all eight networks"
+        status=1
+      fi
+      echo "| $tool | $result | $(grep 'SUMMARY' "$results/$tool.log" | tail -1 | tr -d '=') |"
+    done
+    for tool in "${tools[@]}"; do
+      # Which kernels it is about.
+      grep -oE ' at .*' "$results/$tool.log" | sort | uniq -c | sort -rn | head -5 |
+        sed "s/^/    $tool:/" || true
+    done
+  } >"$results/sanitize.md"
+  return "$status"
+}
+
+run_bench() {
+  local status=0
+  rm -f "$results/torch.md"
+  {
+    begin bench
+    echo "### The library's own kernels"
+    echo
+    timeout 60 build/cuda/bin/facezoo-bench-kernels || { echo "**failed**" && false; }
+  } >"$results/bench.md" || status=1
+  PYTHONUNBUFFERED=1 timeout --kill-after=10 "$(left)" python3 bench/compare_torch.py \
+    "${networks[@]}" --batches 1 32 8 128 --build build/cuda --output "$results" \
+    --minutes "$(awk "BEGIN { print ($(left) - 30) / 60 }")" >"$results/torch.log" 2>&1 || status=1
+  {
+    echo
+    echo "### Beside PyTorch"
+    echo
+    cat "$results/torch.md" 2>/dev/null || {
+      echo "**failed**"
+      tail -n 20 "$results/torch.log" | sed 's/^/    /'
+    }
+  } >>"$results/bench.md"
+  return "$status"
+}
+
+card=$(nvidia-smi --query-gpu=name --format=csv,noheader 2>/dev/null | head -1) || {
+  write_document
+  echo "no card: nvidia-smi finds none; $document lists what is open" >&2
+  exit 1
+}
+echo "== build"
+build
+driver=$(nvidia-smi --query-gpu=driver_version --format=csv,noheader | head -1)
+versions="driver $driver, $(sed -n 's/^-- \(CUDA toolkit .*\)/\1/p' "$results/build.log")"
+commit=${FACEZOO_COMMIT:-$(git describe --always --dirty 2>/dev/null || echo unknown)}
+grep 'warning:' "$results/build.log" || true
+
+failed=()
+for part in "${parts[@]}"; do
+  start=$SECONDS
+  echo "== $part"
+  "run_$part" || failed+=("$part")
+  cat "$results/$part.md"
+  write_document
+  echo "== $part: $((SECONDS - start)) s"
+done
+[ ${#failed[@]} -eq 0 ] || {
+  echo "failed: ${failed[*]}" >&2
+  exit 1
+}
