@@ -4,9 +4,6 @@
 set(_hints ${cuDNN_ROOT} $ENV{CUDNN_ROOT} ${CUDAToolkit_INCLUDE_DIRS} ${CUDAToolkit_LIBRARY_ROOT}
   ${CUDAToolkit_LIBRARY_DIR})
 find_path(cuDNN_INCLUDE_DIR cudnn.h HINTS ${_hints} PATH_SUFFIXES include)
-# Wheels have the library without the link that developers' packages add.
-find_library(cuDNN_LIBRARY NAMES cudnn libcudnn.so.9 libcudnn.so.8 libcudnn.so.7
-  HINTS ${_hints} PATH_SUFFIXES lib64 lib lib/x64)
 
 # Version 7 states itself in cudnn.h, later ones in cudnn_version.h.
 unset(cuDNN_VERSION)
@@ -25,6 +22,13 @@ foreach(_header cudnn_version.h cudnn.h)
     endif()
   endif()
 endforeach()
+
+# By the name that carries the header's major version: a libcudnn.so may belong to another one, and
+# Python's packages of cuDNN have none.
+if(cuDNN_VERSION MATCHES "^([0-9]+)")
+  find_library(cuDNN_LIBRARY libcudnn.so.${CMAKE_MATCH_1} HINTS ${_hints}
+    PATH_SUFFIXES lib64 lib)
+endif()
 
 include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(cuDNN
