@@ -5,23 +5,16 @@
 # returned.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/cuda-library-checks.sh
 
 cmake --preset cuda -DFACEZOO_TOOL=ON
 cmake --build --preset cuda
 
-exports() { nm -D --defined-only "$1" | awk '{print $3}' | sort; }
-diff <(exports build/host/libfacezoo.so) <(exports build/cuda/libfacezoo.so)
-echo "exported names: the same $(exports build/cuda/libfacezoo.so | wc -l) as the host build"
-
-architectures=$(sed -n 's/^CMAKE_CUDA_ARCHITECTURES:[A-Z]*=//p' build/cuda/CMakeCache.txt)
-compiled=$(strings -a build/cuda/libfacezoo.so | grep -oE 'arch sm_[0-9]+' | sort -u)
-for architecture in ${architectures//;/ }; do
-  grep -qx "arch sm_${architecture%%-*}" <<<"$compiled" || {
-    echo "no device code for compute capability $architecture" >&2
-    exit 1
-  }
-done
-echo "device code: compute capabilities ${architectures//;/, }"
+check_exports build/cuda/libfacezoo.so
+architectures=$(sed -n 's/^CMAKE_CUDA_ARCHITECTURES:[A-Z]*=//p' build/cuda/CMakeCache.txt |
+  sed -E 's/([0-9]+)[^;]*;?/sm_\1 /g')
+check_device_code "$architectures" \
+  "$(strings -a build/cuda/libfacezoo.so | sed -nE 's/.*arch (sm_[0-9]+).*/\1/p')"
 
 tests/cuda_requirements_test.sh .
 git ls-files tests/cuda_test.cpp bench/kernels.cpp |
