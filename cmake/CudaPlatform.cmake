@@ -9,13 +9,16 @@ elseif(CUDAToolkit_VERSION VERSION_LESS 10.1)
     "CUDA toolkit ${CUDAToolkit_VERSION} found in ${CUDAToolkit_BIN_DIR}. ${_supported}.")
 endif()
 find_package(cuDNN QUIET)
-if(NOT cuDNN_INCLUDE_DIR OR NOT cuDNN_LIBRARY)
+if(NOT cuDNN_INCLUDE_DIR)
   message(FATAL_ERROR "No cuDNN found (hint: cuDNN_ROOT). ${_supported}.")
 elseif(NOT cuDNN_VERSION)
   message(FATAL_ERROR
     "The cuDNN in ${cuDNN_INCLUDE_DIR} does not state its version. ${_supported}.")
 elseif(cuDNN_VERSION VERSION_LESS 7 OR cuDNN_VERSION VERSION_GREATER_EQUAL 10)
   message(FATAL_ERROR "cuDNN ${cuDNN_VERSION} found in ${cuDNN_INCLUDE_DIR}. ${_supported}.")
+elseif(NOT cuDNN_LIBRARY)
+  message(FATAL_ERROR "No library of cuDNN ${cuDNN_VERSION} found, whose header is in "
+    "${cuDNN_INCLUDE_DIR} (hint: cuDNN_ROOT). ${_supported}.")
 endif()
 message(STATUS "CUDA toolkit ${CUDAToolkit_VERSION}, cuDNN ${cuDNN_VERSION}")
 

@@ -7,13 +7,18 @@ check_exports() { # LIBRARY
   echo "exported names: the same $(exports "$1" | wc -l) as the host build"
 }
 
-check_device_code() { # WANTED FOUND: words, lines
-  local wanted
-  for wanted in $1; do
-    grep -qxF "$wanted" <<<"$2" || {
-      echo "no device code: $wanted" >&2
-      return 1
-    }
+check_device_code() { # LIBRARY ARCHITECTURE...: as machine code and PTX, in each of three units
+  local found library=$1 architecture wanted
+  found=$(python3 scripts/device_code.py "$library")
+  shift
+  for architecture; do
+    for wanted in "sm_$architecture.cubin" "sm_$architecture.ptx"; do
+      [ "$(grep -cxF "$wanted" <<<"$found")" -eq 3 ] || {
+        echo "no device code $wanted in each unit; there is:" >&2
+        sort <<<"$found" | uniq -c >&2
+        return 1
+      }
+    done
   done
-  echo "device code: $1"
+  echo "device code: machine code and PTX for $*"
 }

@@ -27,8 +27,8 @@ cudnn() {
   for version; do
     local root=$folder/cudnn-$version
     mkdir -p "$root/include" "$root/lib"
-    touch "$root/include/cudnn.h" "$root/lib/libcudnn.so"
     IFS=. read -r major minor patch <<<"$version"
+    touch "$root/include/cudnn.h" "$root/lib/libcudnn.so.$major"
     printf '#define CUDNN_MAJOR %s\n#define CUDNN_MINOR %s\n#define CUDNN_PATCHLEVEL %s\n' \
       "$major" "$minor" "$patch" >"$root/include/$header"
   done
@@ -45,6 +45,10 @@ for version in 6.0.21 10.0.1; do
     "cuDNN $version found in $folder/cudnn-$version/include. $supported" \
     -DcuDNN_ROOT="$folder/cudnn-$version"
 done
+rm "$folder/cudnn-7.6.5/lib/libcudnn.so.7"
+configure "cudnn-without-library" \
+  "No library of cuDNN 7.6.5 found, whose header is in $folder/cudnn-7.6.5/include" \
+  -DcuDNN_ROOT="$folder/cudnn-7.6.5"
 rm "$folder/cudnn-10.0.1/include/cudnn_version.h"
 configure "cudnn-unknown" "does not state its version. $supported" \
   -DcuDNN_ROOT="$folder/cudnn-10.0.1"
