@@ -19,7 +19,8 @@ from typing import Any
 import matplotlib
 import numpy as np
 
-import graphs
+import onnx_models
+from networks import NETWORKS
 
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402
@@ -107,7 +108,7 @@ class Worker:
 
 def prepare(name: str, batch: int, options: argparse.Namespace) -> Files:
     """Weights and model of a network are made once, images for each batch; all are seeded."""
-    network = graphs.NETWORKS[name]
+    network = NETWORKS[name]
     shape = (batch, network.edge, network.edge, network.channels)
     folder = options.output / "files"
     folder.mkdir(parents=True, exist_ok=True)
@@ -116,10 +117,10 @@ def prepare(name: str, batch: int, options: argparse.Namespace) -> Files:
     if not files.weights.exists():
         subprocess.run([options.build / "bin/facezoo", "weights", "synth", name,
                         "-o", files.weights, "--seed", "1"], check=True, stdout=subprocess.DEVNULL)
-    builder = Path(graphs.__file__)
-    newest = max(source.stat().st_mtime for source in (files.weights, builder))
+    sources = files.weights, HERE / "networks.py", HERE / "onnx_models.py"
+    newest = max(source.stat().st_mtime for source in sources)
     if not files.model.exists() or files.model.stat().st_mtime < newest:
-        graphs.save_model(name, files.weights, files.model)
+        onnx_models.save_model(name, files.weights, files.model)
     np.random.default_rng(batch).integers(0, 256, shape, np.uint8).tofile(files.images)
     return files
 
@@ -135,7 +136,7 @@ def sgemm_gflops(size: int = 1024) -> float:
 def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Result]:
     files = prepare(name, batch, options)
     results = {engine: Result() for engine in options.engines}
-    gflop = graphs.operations(name, files.weights) * batch / 1e9
+    gflop = onnx_models.operations(name, files.weights) * batch / 1e9
     with ExitStack() as stack:
         workers: list[Worker] = []
         for attempt in range(LOADS):
@@ -272,9 +273,9 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--build", type=Path, default="build/bench", metavar="DIR",
                         help="where the worker and the tool have been built")
     options = parser.parse_args()
-    if unknown := set(options.networks) - set(graphs.NETWORKS):
-        parser.error(f"no such network: {', '.join(unknown)}; of {', '.join(graphs.NETWORKS)}")
-    options.networks = options.networks or list(graphs.NETWORKS)
+    if unknown := set(options.networks) - set(NETWORKS):
+        parser.error(f"no such network: {', '.join(unknown)}; of {', '.join(NETWORKS)}")
+    options.networks = options.networks or list(NETWORKS)
     return options
 
 
