@@ -1,11 +1,15 @@
 /// @file
-/// Runs one network for compare.py, which times it next to other engines.
+/// Runs one network for the scripts that time it next to other engines.
 ///
+/// facezoo-bench-worker synth NET FILE writes seeded weights of NET.
 /// facezoo-bench-worker NET WEIGHTS IMAGES BATCH constructs NET for the BATCH images that the file
 /// IMAGES holds, as raw bytes, and prints the milliseconds that took. Then it answers every line of
 /// standard input with one of standard output:
 /// - "run": the milliseconds of one `Forward`, from bytes in host memory to results in host memory
-/// - "results": what the last run gave
+/// - "time LEAD COUNT": those of each of COUNT such calls after LEAD others, from bytes in device
+///   memory to results where the network leaves them; a card's own, which waits for one to end
+///   before the next begins
+/// - "results": what the last "run" gave
 /// - "memory": the KiB by which the process has grown at most since before construction
 /// - "profile": the milliseconds of one `Forward` by kind of call, in the order of `callKinds`; a
 ///   device that is not simulated answers with an empty line
@@ -13,7 +17,9 @@
 #include "devices.h"
 #include "facezoo.h"
 #include "failure.h"
+#include "files.h"
 #include "networks.h"
+#include "synthesis.h"
 
 #if FACEZOO_SIMULATED
 #include <host_device.h>
@@ -25,6 +31,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <sstream>
+#include <vector>
 
 namespace {
 
@@ -33,6 +41,46 @@ using Clock = std::chrono::steady_clock;
 double millisecondsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
+
+#if FACEZOO_SIMULATED
+/// Times what is called, which is done when the call returns.
+class Stopwatch {
+ public:
+  void start() { start_ = Clock::now(); }
+  double stop() const { return millisecondsSince(start_); }
+
+ private:
+  Clock::time_point start_;
+};
+#else
+/// Times what the card does, with nothing before it under way.
+class Stopwatch {
+ public:
+  Stopwatch() {
+    for (cudaEvent_t* event : {&start_, &stop_}) checkCall(cudaEventCreate(event), "event");
+  }
+  Stopwatch(const Stopwatch&) = delete;
+  Stopwatch& operator=(const Stopwatch&) = delete;
+  ~Stopwatch() {
+    for (const cudaEvent_t event : {start_, stop_}) cudaEventDestroy(event);
+  }
+
+  void start() {
+    checkCall(cudaDeviceSynchronize(), "wait for the device");
+    checkCall(cudaEventRecord(start_, nullptr), "record of an event");
+  }
+  double stop() {
+    float milliseconds = 0;
+    checkCall(cudaEventRecord(stop_, nullptr), "record of an event");
+    checkCall(cudaEventSynchronize(stop_), "wait for an event");
+    checkCall(cudaEventElapsedTime(&milliseconds, start_, stop_), "time between events");
+    return milliseconds;
+  }
+
+ private:
+  cudaEvent_t start_ = nullptr, stop_ = nullptr;
+};
+#endif
 
 /// A line of the process's status: "VmRSS", now, or "VmHWM", at most.
 long memoryKib(const std::string& field) {
@@ -94,17 +142,34 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
   known.with(weights, batch, "", [&](Network& network) {
     std::cout << millisecondsSince(start) << std::endl;
     float* const out = onDevice ? static_cast<float*>(output.data()) : results.data();
+    Stopwatch watch;
+    const auto upload = [&] {
+      checkCall(cudaMemcpy(input.data(), images.data(), images.size(), cudaMemcpyHostToDevice),
+                "copy of images to the device");
+    };
+    const auto forward = [&] { network.Forward(input.data(), batch, out, nullptr); };
     for (std::string line; std::getline(std::cin, line);) {
       if (line == "run") {
         start = Clock::now();
-        checkCall(cudaMemcpy(input.data(), images.data(), images.size(), cudaMemcpyHostToDevice),
-                  "copy of images to the device");
-        network.Forward(input.data(), batch, out, nullptr);
+        upload();
+        forward();
         if (onDevice) {
           checkCall(cudaMemcpy(results.data(), output.data(), resultBytes, cudaMemcpyDeviceToHost),
                     "copy of results from the device");
         }
         std::cout << millisecondsSince(start) << std::endl;
+      } else if (line.rfind("time ", 0) == 0) {
+        std::istringstream numbers(line.substr(5));
+        int lead = 0, count = 0;
+        numbers >> lead >> count;
+        upload();
+        for (int i = 0; i < lead; ++i) forward();
+        for (int i = 0; i < count; ++i) {
+          watch.start();
+          forward();
+          std::cout << watch.stop() << ' ';
+        }
+        std::cout << std::endl;
       } else if (line == "results") {
         for (const float value : results) std::cout << value << ' ';
         std::cout << std::endl;
@@ -120,13 +185,25 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
   });
 }
 
+void synthesize(const std::string& network, const std::string& path) {
+  NewFile file(path);
+  writeRandomWeights(*findNetwork(network).table, "", 1, file.stream());
+  file.keep();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   try {
-    if (argc != 5) throw Failure("usage: facezoo-bench-worker NET WEIGHTS IMAGES BATCH");
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
     std::cout.precision(9);
-    work(findNetwork(argv[1]), argv[2], argv[3], std::atoi(argv[4]));
+    if (arguments.size() == 3 && arguments[0] == "synth") {
+      synthesize(arguments[1], arguments[2]);
+    } else if (arguments.size() == 4) {
+      work(findNetwork(arguments[0]), arguments[1], arguments[2], std::stoi(arguments[3]));
+    } else {
+      throw Failure("usage: facezoo-bench-worker (NET WEIGHTS IMAGES BATCH | synth NET FILE)");
+    }
     return 0;
   } catch (...) {
     std::cerr << "facezoo-bench-worker: " << describeException() << std::endl;
