@@ -4,10 +4,7 @@ Started by bench/run.sh. README.md says what is measured and how to read it.
 """
 import argparse
 import json
-import os
-import platform
 import statistics
-import subprocess
 import sys
 import time
 from contextlib import ExitStack
@@ -20,31 +17,21 @@ import matplotlib
 import numpy as np
 
 import onnx_models
-from networks import NETWORKS
+from workers import (LIBRARY, TOLERANCE, EngineFailure, Files, Worker, aligned, difference,
+                     library_worker, parse, prepare, processor, rotated)
 
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402
 
-LIBRARY = "facezoo"
 PEERS = ["onnxruntime", "openvino-latency", "openvino-streams", "openvino-images"]
 FAMILIES = ["onnxruntime", "openvino"]
 CALL_KINDS = ["Winograd", "other convolutions", "fully connected", "pooling", "LRN",
               "batch normalization", "ReLU", "rest"]  # as the worker answers "profile"
 PROFILES = 5
-TOLERANCE = 1e-3
 LOADS = 3
 WARM_UPS = 3
 FEWEST_ROUNDS = 5
 HERE = Path(__file__).resolve().parent
-
-
-@dataclass
-class Files:
-    """What the engines read."""
-    weights: Path
-    model: Path
-    images: Path
-    shape: tuple[int, ...]
 
 
 @dataclass
@@ -72,57 +59,24 @@ class Result:
                 "sgemm_gflops": max(self.sgemm_gflops)}
 
 
-class Worker:
-    """A process that holds one network on one engine, ready for one batch."""
-
-    def __init__(self, engine: str, options: argparse.Namespace, name: str, files: Files) -> None:
-        self.engine = engine
-        if engine == LIBRARY:
-            command = [options.build / "bin/facezoo-bench-worker", name, files.weights,
-                       files.images, str(files.shape[0])]
-        else:
-            command = [sys.executable, HERE / "peer.py", engine, files.model, files.images,
-                       "x".join(map(str, files.shape)), str(options.threads)]
-        self.process = subprocess.Popen(
-            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, encoding="ascii",
-            env={**os.environ, "OMP_NUM_THREADS": str(options.threads)})
-        assert self.process.stdin and self.process.stdout
-        self.questions, self.answers = self.process.stdin, self.process.stdout
-        self.load_ms = self.answer()[0]
-
-    def close(self) -> None:
-        self.questions.close()
-        if code := self.process.wait():
-            raise SystemExit(f"{self.engine} ended with code {code}")
-
-    def answer(self) -> list[float]:
-        line = self.answers.readline()
-        if not line:
-            raise SystemExit(f"{self.engine} ended with code {self.process.wait()}")
-        return [float(word) for word in line.split()]
-
-    def ask(self, question: str) -> list[float]:
-        print(question, file=self.questions, flush=True)
-        return self.answer()
+def start(engine: str, name: str, files: Files, options: argparse.Namespace) -> Worker:
+    if engine == LIBRARY:
+        return library_worker(name, files, options)
+    command = [sys.executable, HERE / "peer.py", engine, model_of(files), files.images,
+               "x".join(map(str, files.shape)), options.threads]
+    return Worker(engine, command, options.threads)
 
 
-def prepare(name: str, batch: int, options: argparse.Namespace) -> Files:
-    """Weights and model of a network are made once, images for each batch; all are seeded."""
-    network = NETWORKS[name]
-    shape = (batch, network.edge, network.edge, network.channels)
-    folder = options.output / "files"
-    folder.mkdir(parents=True, exist_ok=True)
-    files = Files(folder / f"{name}.weights", folder / f"{name}.onnx",
-                  folder / f"{name}.{batch}.images", shape)
-    if not files.weights.exists():
-        subprocess.run([options.build / "bin/facezoo", "weights", "synth", name,
-                        "-o", files.weights, "--seed", "1"], check=True, stdout=subprocess.DEVNULL)
+def model_of(files: Files) -> Path:
+    return files.weights.with_suffix(".onnx")
+
+
+def make_model(name: str, files: Files) -> None:
+    """Once, and again when what it is made of is newer."""
+    model = model_of(files)
     sources = files.weights, HERE / "networks.py", HERE / "onnx_models.py"
-    newest = max(source.stat().st_mtime for source in sources)
-    if not files.model.exists() or files.model.stat().st_mtime < newest:
-        onnx_models.save_model(name, files.weights, files.model)
-    np.random.default_rng(batch).integers(0, 256, shape, np.uint8).tofile(files.images)
-    return files
+    if not model.exists() or model.stat().st_mtime < max(path.stat().st_mtime for path in sources):
+        onnx_models.save_model(name, files.weights, model)
 
 
 def sgemm_gflops(size: int = 1024) -> float:
@@ -135,6 +89,7 @@ def sgemm_gflops(size: int = 1024) -> float:
 
 def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Result]:
     files = prepare(name, batch, options)
+    make_model(name, files)
     results = {engine: Result() for engine in options.engines}
     gflop = onnx_models.operations(name, files.weights) * batch / 1e9
     with ExitStack() as stack:
@@ -142,7 +97,7 @@ def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Res
         for attempt in range(LOADS):
             for engine in options.engines:
                 time.sleep(options.pause / 1e3)
-                worker = Worker(engine, options, name, files)
+                worker = start(engine, name, files, options)
                 results[engine].load_ms.append(worker.load_ms)
                 results[engine].first_result_ms.append(worker.load_ms + worker.ask("run")[0])
                 if attempt == LOADS - 1:
@@ -157,8 +112,7 @@ def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Res
         for turn in range(options.rounds):
             if turn >= FEWEST_ROUNDS and time.monotonic() > deadline:
                 break
-            first = turn % len(workers)
-            for worker in workers[first:] + workers[:first]:
+            for worker in rotated(workers, turn):
                 time.sleep(options.pause / 1e3)  # until the threads of the others sleep
                 for _ in range(options.lead):
                     worker.ask("run")
@@ -168,11 +122,10 @@ def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Res
             speed = sgemm_gflops()
             for result in results.values():
                 result.sgemm_gflops.append(speed)
-        expected = np.array(workers[0].ask("results"))
+        expected = workers[0].ask("results")
         for worker in workers:
             result = results[worker.engine]
-            found = np.array(worker.ask("results"))
-            result.difference = float(np.abs(found - expected).max() / np.abs(expected).max())
+            result.difference = difference(worker.ask("results"), expected)
             result.peak_mib = worker.ask("memory")[0] / 1024
             result.gflops = gflop
             if worker.engine == LIBRARY:
@@ -191,13 +144,6 @@ def advantage(cell: dict[str, dict[str, Any]], quantity: str, family: str = "") 
     if not peers or LIBRARY not in cell:
         return None
     return min(peers) / cell[LIBRARY][quantity]
-
-
-def aligned(title: str, rows: list[list[str]]) -> str:
-    widths = [max(map(len, column)) for column in zip(*rows)]
-    lines = ["  ".join([row[0].ljust(widths[0]), *map(str.rjust, row[1:], widths[1:])])
-             for row in rows]
-    return "\n".join([title, *lines]) + "\n"
 
 
 def table(title: str, quantity: str, more: str, cells: Cells, engines: list[str]) -> str:
@@ -245,16 +191,8 @@ def draw(cells: Cells, batches: list[int], path: Path) -> None:
     figure.savefig(path, dpi=120)
 
 
-def processor() -> str:
-    for line in Path("/proc/cpuinfo").read_text(encoding="utf-8").splitlines():
-        if line.startswith("model name"):
-            return line.split(":", 1)[1].strip()
-    return platform.machine()
-
-
 def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("networks", nargs="*", metavar="NET", help="default: all eight")
     parser.add_argument("--batches", type=int, nargs="+", default=[1, 8, 32], metavar="N")
     parser.add_argument("--threads", type=int, default=2, metavar="N", help="of each engine")
     parser.add_argument("--engines", nargs="+", default=[LIBRARY, *PEERS],
@@ -271,12 +209,8 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--output", type=Path, default="build/bench-results", metavar="DIR",
                         help="of results.txt, .json and .png")
     parser.add_argument("--build", type=Path, default="build/bench", metavar="DIR",
-                        help="where the worker and the tool have been built")
-    options = parser.parse_args()
-    if unknown := set(options.networks) - set(NETWORKS):
-        parser.error(f"no such network: {', '.join(unknown)}; of {', '.join(NETWORKS)}")
-    options.networks = options.networks or list(NETWORKS)
-    return options
+                        help="where the worker has been built")
+    return parse(parser)
 
 
 def main() -> int:
@@ -311,4 +245,7 @@ def main() -> int:
     return 0 if worst <= TOLERANCE else 1
 
 
-sys.exit(main())
+try:
+    sys.exit(main())
+except EngineFailure as failure:
+    sys.exit(str(failure))
