@@ -19,6 +19,7 @@
 #include "failure.h"
 #include "files.h"
 #include "networks.h"
+#include "stopwatch.h"
 #include "synthesis.h"
 
 #if FACEZOO_SIMULATED
@@ -41,46 +42,6 @@ using Clock = std::chrono::steady_clock;
 double millisecondsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
-
-#if FACEZOO_SIMULATED
-/// Times what is called, which is done when the call returns.
-class Stopwatch {
- public:
-  void start() { start_ = Clock::now(); }
-  double stop() const { return millisecondsSince(start_); }
-
- private:
-  Clock::time_point start_;
-};
-#else
-/// Times what the card does, with nothing before it under way.
-class Stopwatch {
- public:
-  Stopwatch() {
-    for (cudaEvent_t* event : {&start_, &stop_}) checkCall(cudaEventCreate(event), "event");
-  }
-  Stopwatch(const Stopwatch&) = delete;
-  Stopwatch& operator=(const Stopwatch&) = delete;
-  ~Stopwatch() {
-    for (const cudaEvent_t event : {start_, stop_}) cudaEventDestroy(event);
-  }
-
-  void start() {
-    checkCall(cudaDeviceSynchronize(), "wait for the device");
-    checkCall(cudaEventRecord(start_, nullptr), "record of an event");
-  }
-  double stop() {
-    float milliseconds = 0;
-    checkCall(cudaEventRecord(stop_, nullptr), "record of an event");
-    checkCall(cudaEventSynchronize(stop_), "wait for an event");
-    checkCall(cudaEventElapsedTime(&milliseconds, start_, stop_), "time between events");
-    return milliseconds;
-  }
-
- private:
-  cudaEvent_t start_ = nullptr, stop_ = nullptr;
-};
-#endif
 
 /// A line of the process's status: "VmRSS", now, or "VmHWM", at most.
 long memoryKib(const std::string& field) {

@@ -1,0 +1,57 @@
+/// @file
+#pragma once
+
+#if FACEZOO_SIMULATED
+
+#include <chrono>
+
+/// Times what is called: it is done when the call returns.
+class Stopwatch {
+ public:
+  void start() { start_ = std::chrono::steady_clock::now(); }
+  /// Milliseconds since `start`.
+  double stop() const {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_)
+        .count();
+  }
+
+ private:
+  std::chrono::steady_clock::time_point start_;
+};
+
+#else
+
+#include "devices.h"
+
+/// Times what the default stream does, which is idle at `start`.
+class Stopwatch {
+ public:
+  Stopwatch() {
+    checkCall(cudaEventCreate(&start_), "creation of an event");
+    checkCall(cudaEventCreate(&stop_), "creation of an event");
+  }
+  Stopwatch(const Stopwatch&) = delete;
+  Stopwatch& operator=(const Stopwatch&) = delete;
+  ~Stopwatch() {
+    cudaEventDestroy(start_);
+    cudaEventDestroy(stop_);
+  }
+
+  void start() {
+    checkCall(cudaDeviceSynchronize(), "wait for the device");
+    checkCall(cudaEventRecord(start_, nullptr), "record of an event");
+  }
+  /// Milliseconds since `start`, once all is done.
+  double stop() {
+    float milliseconds = 0;
+    checkCall(cudaEventRecord(stop_, nullptr), "record of an event");
+    checkCall(cudaEventSynchronize(stop_), "wait for an event");
+    checkCall(cudaEventElapsedTime(&milliseconds, start_, stop_), "time between events");
+    return milliseconds;
+  }
+
+ private:
+  cudaEvent_t start_ = nullptr, stop_ = nullptr;
+};
+
+#endif
