@@ -1,21 +1,35 @@
 #!/usr/bin/env bash
-# Builds what the comparison needs and runs it.
+# Builds what a comparison needs and runs it.
 #   bench/run.sh [--help | arguments of bench/compare.py]
+#   bench/run.sh torch [--help | arguments of bench/compare_torch.py]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+comparison=compare
+requirements=bench/requirements.txt
+environment=build/bench-python
+preset=bench
+if [ "${1:-}" = torch ]; then
+  shift
+  comparison=compare_torch
+  requirements=bench/requirements-torch.txt
+  environment=build/bench-torch
+  [[ " $* " == *" --device"[\ =]"cpu "* ]] || preset=cuda
+fi
 
 scripts/setup.sh --bench
 log=build/bench.log
 mkdir -p build
-if ! { cmake --preset bench && cmake --build --preset bench; } >"$log" 2>&1; then
+if ! { cmake --preset $preset -DFACEZOO_BENCH=ON -DFACEZOO_TESTS=OFF &&
+  cmake --build --preset $preset; } >"$log" 2>&1; then
   tail -n 30 "$log" >&2
   echo "the build failed; the whole log is $log" >&2
   exit 1
 fi
-python=build/bench-python/bin/python
-if ! cmp -s bench/requirements.txt build/bench-python/installed.txt; then
-  python3 -m venv build/bench-python
-  "$python" -m pip install --quiet --disable-pip-version-check -r bench/requirements.txt
-  cp bench/requirements.txt build/bench-python/installed.txt
+python=$environment/bin/python
+if ! cmp -s $requirements $environment/installed.txt; then
+  python3 -m venv $environment
+  "$python" -m pip install --quiet --disable-pip-version-check -r $requirements
+  cp $requirements $environment/installed.txt
 fi
-exec "$python" bench/compare.py "$@"
+exec "$python" bench/$comparison.py "$@"
