@@ -123,12 +123,19 @@ build() {
     options+=("-DFACEZOO_MSGPACK_INCLUDE_DIR=$folder/include"
       "-DFACEZOO_GOOGLETEST_DIR=$folder/googletest")
   fi
-  # Where the toolkit comes without cuDNN, Python's packages may have it.
-  local toolkit
+  # Where the toolkit comes without the libraries, Python's packages may have them.
+  local toolkit packages
   toolkit=$(dirname "$(dirname "$(readlink -f "$(command -v nvcc)")")")
-  if [ ! -e "$toolkit/include/cudnn.h" ] && [ ! -e /usr/include/cudnn.h ]; then
-    CUDNN_ROOT=${CUDNN_ROOT:-$(python3 -c 'import nvidia.cudnn as m; print(m.__path__[0])' || true)}
-    export CUDNN_ROOT
+  packages=$(python3 -c 'import nvidia; print(nvidia.__path__[0])' 2>/dev/null || true)
+  has() { [ -e "$toolkit/include/$1" ] || [ -e "/usr/include/$1" ]; }
+  if ! has cudnn.h; then
+    export CUDNN_ROOT=${CUDNN_ROOT:-$packages/cudnn}
+  fi
+  if ! has cublas_v2.h; then
+    local cublas
+    cublas=$(find "$packages" -name 'libcublas.so.*' | head -1)
+    options+=("-DCUDA_cublas_LIBRARY=$cublas")
+    export CPATH=${cublas%/lib/*}/include
   fi
   { cmake --preset cuda "${options[@]}" && cmake --build --preset cuda; } >"$results/build.log" 2>&1 || {
     tail -n 40 "$results/build.log"
