@@ -56,11 +56,31 @@ configure "cudnn-none" "No cuDNN found (hint: cuDNN_ROOT). $supported" \
   -DcuDNN_INCLUDE_DIR=cuDNN_INCLUDE_DIR-NOTFOUND -DCMAKE_FIND_ROOT_PATH="$folder" \
   -DCMAKE_FIND_ROOT_PATH_MODE_INCLUDE=ONLY
 
-mkdir -p "$folder/toolkit/bin" "$folder/toolkit/include" "$folder/toolkit/lib64"
-printf '#!/bin/sh\necho "Cuda compilation tools, release 9.2, V9.2.148"\n' \
-  >"$folder/toolkit/bin/nvcc"
-chmod +x "$folder/toolkit/bin/nvcc"
-echo '#define CUDA_VERSION 9020' >"$folder/toolkit/include/cuda.h"
-touch "$folder/toolkit/include/cuda_runtime.h" "$folder/toolkit/lib64/libcudart.so"
-configure "toolkit-9.2" "CUDA toolkit 9.2" -DCUDAToolkit_ROOT="$folder/toolkit"
-echo "configure-time messages: as documented"
+# toolkit VERSION: a folder for it, whose compiler does nothing else than say so
+toolkit() {
+  local root=$folder/toolkit-$1
+  mkdir -p "$root/bin" "$root/include" "$root/lib64"
+  printf '#!/bin/sh\necho "Cuda compilation tools, release %s, V%s.1"\n' "$1" "$1" >"$root/bin/nvcc"
+  chmod +x "$root/bin/nvcc"
+  echo "#define CUDA_VERSION ${1%.*}0${1#*.}0" >"$root/include/cuda.h"
+  touch "$root/include/cuda_runtime.h" "$root/lib64/libcudart.so"
+}
+
+toolkit 9.2
+configure "toolkit-9.2" "CUDA toolkit 9.2.1 found in $folder/toolkit-9.2/bin. $supported" \
+  -DCUDAToolkit_ROOT="$folder/toolkit-9.2"
+while read -r version architectures; do
+  toolkit "$version"
+  configure "toolkit-$version" "CUDA toolkit $version" \
+    -DCUDAToolkit_ROOT="$folder/toolkit-$version" -DcuDNN_ROOT="$folder/cudnn-8.9.7"
+  grep -qx "CMAKE_CUDA_ARCHITECTURES:STRING=$architectures" \
+    "$folder/build-toolkit-$version/CMakeCache.txt" || {
+    echo "toolkit $version: not for $architectures" >&2
+    exit 1
+  }
+done <<'END'
+10.1 50;60
+12.9 50;60
+13.0 75;80;90
+END
+echo "configuring: versions, messages and architectures as documented"
