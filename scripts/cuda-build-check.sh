@@ -18,6 +18,8 @@ tests/cuda_requirements_test.sh .
 git ls-files tests/cuda_test.cpp bench/kernels.cpp |
   xargs -n 1 clang-tidy -p build/cuda --quiet 2>/dev/null
 
-# Without a driver, what needs a card is skipped, and counted.
+# Without a driver, what needs a card is skipped, and counted, and the tool says why it cannot run.
 build/cuda/bin/facezoo_tests --gtest_brief=1 |
   grep -E '^skipped|PASSED|FAILED'
+build/cuda/bin/facezoo info >/dev/null 2>build/cuda/info.log ||
+  grep 'facezoo: no usable CUDA driver or device' build/cuda/info.log

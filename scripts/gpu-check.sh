@@ -54,7 +54,7 @@ unanswered() {
 Open; `scripts/gpu-check.sh --tests` shows:
 
 - all layers and all eight networks within the bounds of the CPU build's tests, the networks within
-  1e-4 of double precision, whatever algorithms cuDNN chooses;
+  1e-4 of double precision, as the CPU build is, whatever algorithms cuDNN chooses;
 - the contract that hosts rely on: errors, pool, copies, lives of several networks;
 - whether average pooling divides an overhanging window by its positions inside the padded input, as
   the CPU platform does, and whether rounded-up pooling sizes are accepted;
@@ -80,8 +80,7 @@ Open; `scripts/gpu-check.sh --bench` compares with PyTorch at batches 1, 8, 32 a
 library's own kernels. Aims: twice the throughput of PyTorch's eager mode with autotuning at batch 1
 and once at batch 32, once that of its best form at batch 1; element-wise kernels as fast as a copy of
 as many bytes; the L2 norm of 18432 values in little more than the time of its chain of
-multiply-adds. Until then all there is of the last is a count: by the stall counts in the machine code
-for compute capability 9.0, and 270 cycles to the second-level cache, 1.3 times the chain.
+multiply-adds.
 TEXT
       ;;
   esac
@@ -99,7 +98,11 @@ write_document() {
   {
     echo "# What has been measured on a card"
     echo
-    echo "Written by \`scripts/gpu-check.sh\`; each part says when, on what and of which commit."
+    cat <<'TEXT'
+Written by `scripts/gpu-check.sh`; each part says when, on what and of which commit. What needs no card
+is checked by `scripts/cuda-build-check.sh`, and by `scripts/cuda-toolkits-check.sh` against toolkits
+11.2, 11.8 and 12.4 with cuDNN 8 and 9.
+TEXT
     for part in tests sanitize bench; do
       text=$(cat "$results/$part.md" 2>/dev/null || answered "$part")
       printf '\n%s\n' "${text:-$(unanswered "$part")}"
