@@ -24,7 +24,7 @@ while [ $# -gt 0 ]; do
     --collect)
       mkdir -p "$2/include" "$2/googletest"
       cp -r /usr/include/msgpack.hpp /usr/include/msgpack "$2/include"
-      (cd /usr/src/googletest/googletest && cp -r CMakeLists.txt cmake include src "$OLDPWD/$2/googletest")
+      cp -r /usr/src/googletest/googletest/{CMakeLists.txt,cmake,include,src} "$2/googletest"
       du -sh "$2"
       exit 0
       ;;
@@ -140,7 +140,8 @@ build() {
     options+=("-DCUDA_cublas_LIBRARY=$cublas")
     export CPATH=${cublas%/lib/*}/include
   fi
-  { cmake --preset cuda "${options[@]}" && cmake --build --preset cuda; } >"$results/build.log" 2>&1 || {
+  { cmake --preset cuda -B build/gpu "${options[@]}" && cmake --build build/gpu; } \
+    >"$results/build.log" 2>&1 || {
     tail -n 40 "$results/build.log"
     echo "the build failed; the whole log is $results/build.log" >&2
     exit 1
@@ -149,7 +150,8 @@ build() {
 
 run_tests() {
   local log=$results/tests.log status=0
-  timeout --kill-after=10 "$(left)" ctest --preset cuda -L gpu -j 4 >"$log" 2>&1 || status=$?
+  timeout --kill-after=10 "$(left)" ctest --test-dir build/gpu -L gpu -j 4 --no-tests=error \
+    >"$log" 2>&1 || status=$?
   {
     begin tests
     grep -E 'tests passed|tests failed' "$log" || echo "No summary: the tests ended with code $status."
@@ -162,7 +164,7 @@ run_tests() {
     echo '```'
     sed -n '/The following tests/,$p' "$log" | grep -E '^\s+[0-9]+ - ' || true
     grep -hE '^(verdict|measured)|Failure$|^(Expected|  Actual|Which is)' \
-      build/cuda/Testing/Temporary/LastTest.log || true
+      build/gpu/Testing/Temporary/LastTest.log || true
     echo '```'
   } >"$results/tests.md"
   return "$status"
@@ -174,7 +176,7 @@ run_sanitize() {
     (
       code=0
       timeout --kill-after=10 "$(left)" compute-sanitizer --tool "$tool" --error-exitcode 99 \
-        build/cuda/bin/facezoo_tests --gtest_filter='NetworkPass.*' --gtest_brief=1 \
+        build/gpu/bin/facezoo_tests --gtest_filter='NetworkPass.*' --gtest_brief=1 \
         >"$results/$tool.log" 2>&1 || code=$?
       echo "$code" >"$results/$tool.code"
     ) &
@@ -214,10 +216,10 @@ run_bench() {
     begin bench
     echo "### The library's own kernels"
     echo
-    timeout 60 build/cuda/bin/facezoo-bench-kernels || { echo "**failed**" && false; }
+    timeout 60 build/gpu/bin/facezoo-bench-kernels || { echo "**failed**" && false; }
   } >"$results/bench.md" || status=1
   PYTHONUNBUFFERED=1 timeout --kill-after=10 "$(left)" python3 bench/compare_torch.py \
-    "${networks[@]}" --batches 1 32 8 128 --build build/cuda --output "$results" \
+    "${networks[@]}" --batches 1 32 8 128 --build build/gpu --output "$results" \
     --minutes "$(awk "BEGIN { print ($(left) - 30) / 60 }")" >"$results/torch.log" 2>&1 || status=1
   {
     echo
