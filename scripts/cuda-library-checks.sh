@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by bash: what a CUDA build of the library must hold, whatever the toolkit.
 
 exports() { nm -D --defined-only "$1" | awk '{print $3}' | sort; }

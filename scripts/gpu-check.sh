@@ -32,7 +32,8 @@ while [ $# -gt 0 ]; do
     --tests | --sanitize | --bench) parts+=("${1#--}") ;;
     -*)
       sed -n '2,/^set/{s/^# \?//;/^set/!p}' "$0"
-      exit $([ "$1" = --help ] && echo 0 || echo 2)
+      [ "$1" = --help ] && exit 0
+      exit 2
       ;;
     *) networks+=("$1") ;;
   esac
