@@ -4,7 +4,6 @@
 #include "layers/cba.h"
 #include "seeded_network.h"
 
-#include <algorithm>
 #include <iostream>
 #include <set>
 

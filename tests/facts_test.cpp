@@ -7,6 +7,7 @@
 #include "layers/softmax.h"
 #include "support.h"
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <iostream>
