@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace facezoo {
 
@@ -163,21 +164,32 @@ constexpr LayerRow inceptionMFM(const char* name, int channels) {
 
 enum class WeightRole { mean, filter, bias, scale, shift, variance };
 
+/// Sizes of the array that `row` reads as `role`, outermost first.
+inline std::vector<std::size_t> weightShape(const LayerRow& row, WeightRole role) {
+  const std::size_t in = row.in, out = row.out, kernel = row.kernel;
+  const std::size_t width = row.width, height = row.height;
+  if (row.kind == LayerKind::meanImage) return {height, width, in};
+  if (row.kind == LayerKind::projection && role == WeightRole::mean) return {in};
+  if (role != WeightRole::filter) return {out};
+  if (row.kind == LayerKind::innerProduct || row.kind == LayerKind::projection) return {out, in};
+  return {out, in, kernel, kernel};
+}
+
 /// Calls visit(name, elements, row, role) for every array that `rows` read, in order; `row` is the
 /// layer that reads it, inside whatever block.
 template <class Rows, class Visit>
 void forEachWeight(const Rows& rows, const std::string& prefix, const Visit& visit) {
   for (const LayerRow& row : rows) {
     const std::string name = prefix + row.name;
-    const auto array = [&](const char* suffix, std::size_t elements, WeightRole role) {
+    const auto array = [&](const char* suffix, WeightRole role) {
+      std::size_t elements = 1;
+      for (const std::size_t size : weightShape(row, role)) elements *= size;
       visit(name + suffix, elements, row, role);
     };
-    const std::size_t in = row.in;
-    const std::size_t out = row.out;
     const auto& c = row.branches;
     switch (row.kind) {
       case LayerKind::meanImage:
-        array("-0", in * row.width * row.height, WeightRole::mean);
+        array("-0", WeightRole::mean);
         break;
       case LayerKind::channelMean:
       case LayerKind::noMean:
@@ -185,18 +197,18 @@ void forEachWeight(const Rows& rows, const std::string& prefix, const Visit& vis
       case LayerKind::fusedConvolution:
       case LayerKind::convolution:
       case LayerKind::innerProduct:
-        array("-0", out * in * row.kernel * row.kernel, WeightRole::filter);
-        if (row.hasBias) array("-1", out, WeightRole::bias);
+        array("-0", WeightRole::filter);
+        if (row.hasBias) array("-1", WeightRole::bias);
         break;
       case LayerKind::batchNormalization:
-        array("-gamma", out, WeightRole::scale);
-        array("-beta", out, WeightRole::shift);
-        array("-avg_mean", out, WeightRole::mean);
-        array("-avg_var", out, WeightRole::variance);
+        array("-gamma", WeightRole::scale);
+        array("-beta", WeightRole::shift);
+        array("-avg_mean", WeightRole::mean);
+        array("-avg_var", WeightRole::variance);
         break;
       case LayerKind::projection:
-        array("-0", out * in, WeightRole::filter);
-        array("-1", in, WeightRole::mean);
+        array("-0", WeightRole::filter);
+        array("-1", WeightRole::mean);
         break;
       case LayerKind::inceptionV1:
         forEachWeight(inceptionV1Layers(row.in, c[0], c[1], c[2], c[3], c[4], c[5]), name, visit);
