@@ -1,10 +1,7 @@
 """End-to-end test of the command-line tool: tool_test.py PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
-import csv, json, math, os, re, resource, struct, subprocess, sys, tempfile, unittest, zlib
+import csv, json, math, os, re, resource, struct, sys, unittest, zlib
 from pathlib import Path
-
-TOOL, PORTRAIT = map(os.path.abspath, sys.argv[1:3])
-NET, MOUTH, EYE = "DexpressionNet", "loss3/classifier_acce_mouth-1", "loss3/classifier_acce_eye-1"
-RUN = f"run {NET} face.jpg -w"
+from tool_support import NET, PORTRAIT, RUN, TOOL, ToolCase
 
 
 def png(name, row, height, channels):
@@ -16,44 +13,7 @@ def png(name, row, height, channels):
         struct.pack(">I", len(body)) + kind + body + bytes(4) for kind, body in chunks))
 
 
-def pack(arrays, binary=()):
-    """MessagePack map of (name, data) pairs; the names in `binary` get the binary type."""
-    return struct.pack(">BH", 0xDE, len(arrays)) + b"".join(
-        struct.pack(f">BB{len(name)}sBI", 0xD9, len(name), name.encode(),
-                    0xC6 if name in binary else 0xDB, len(data)) + data for name, data in arrays)
-
-
-class ToolTest(unittest.TestCase):
-    def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        os.chdir(directory.name)
-        os.symlink(PORTRAIT, "face.jpg")
-        self.call("weights", "synth", NET, "-o", "good", "--seed", "7")
-        rows = [line.split() for line in self.call("weights", "show", "good").splitlines()[1:]]
-        self.zeros = {row[0]: bytes(int(row[2])) for row in rows}
-
-    def call(self, *args, code=0, stderr=""):
-        done = subprocess.run([TOOL, *args], capture_output=True, encoding="utf-8", timeout=120)
-        self.assertRegex(f"{done.returncode}{done.stderr}", rf"\A{code}{stderr}\Z")
-        return done.stdout
-
-    def fail_all(self, cases, listing=""):
-        for args, code, line in cases:
-            with self.subTest(args):
-                stderr = rf"facezoo: [^\n]*(?:{line})[^\n]*\n"
-                self.assertEqual(listing, self.call(*args.split(" "), code=code, stderr=stderr))
-
-    def results(self, *args):
-        lines = [*map(json.loads, self.call("run", NET, "--format", "json", *args).splitlines())]
-        for group, size in ("mouth", 2), ("eye", 3):
-            sums = [(len(line[group]), round(sum(line[group]), 4)) for line in lines]
-            self.assertEqual([(size, 1)] * len(lines), sums)
-        return [(line["image"], line["mouth"] + line["eye"]) for line in lines]
-
-    def assert_near(self, expected, found):
-        self.assertLess(math.dist(expected, found), 1e-4)
-
+class ToolTest(ToolCase):
     def test_informs(self):
         for words in ", info, run, weights, weights synth, weights check, weights show".split(","):
             self.assertIn("Example: facezoo" + words, self.call(*words.split(), "--help"))
@@ -141,39 +101,6 @@ class ToolTest(unittest.TestCase):
             ("claim", "end missing"), ("entries", "end missing"), ("deep", "deeper than 32"))
             for command in (RUN, f"weights check {NET}", "weights show")])
         self.assertRegex(self.call("weights", "show", "level"), r"\na +array\n")
-
-    def test_refuses_arrays(self):
-        arrays = {**self.zeros, "conv2a-1": bytes(380), EYE: struct.pack("<3f", *[math.nan] * 3)}
-        arrays["spare"] = arrays.pop("conv1-0")
-        Path("bad").write_bytes(pack(arrays.items(), ["conv3b-1"]))
-        faults = ["conv1-0: expected 12544 bytes of str, found none",
-                  "conv2a-1: expected 384 bytes of str, found 380",
-                  "conv3b-1: expected 832 bytes of str, found bin",
-                  f"{EYE}: expected finite values, found 3 of 3 NaN or infinite"]
-        listing = "".join(f"fault   {fault}\n" for fault in faults) + "unused  spare\n"
-        self.fail_all([(f"weights check {NET} bad", 1, "bad: 4 of 19 arrays")], listing)
-        self.fail_all([(RUN + " bad", 1, "bad: " + "; ".join(faults)),
-                       ("run LCNN29 face.jpg -w good", 1, "good: conv1-0: .*found 12544; .*55 more")])
-
-    def test_reads_known_weights(self):
-        odds = struct.pack("<5f", 0, math.log(3), 0, math.log(2), math.log(5))
-        arrays = {**self.zeros, MOUTH: odds[:8], EYE: odds[8:]}.items()
-        Path("known").write_bytes(pack([*arrays, (MOUTH, bytes(4)), ("spare", b"1")]))
-        self.assertEqual(f"unused  {MOUTH}\nunused  spare\nOK: 19 arrays of {NET}, 2 unused\n",
-                         self.call("weights", "check", NET, "known"))
-        self.assertRegex(self.call("weights", "show", "known"),
-                         rf"\n{MOUTH} +str +8 +2 +0 +0\.549306 +1\.09861\n")
-        self.assert_near([.25, .75, .125, .25, .625], self.results("-w", "known", "face.jpg")[0][1])
-
-    def test_synthesizes(self):
-        for name, *rest in ("same", "7"), ("other", "8"), ("named", "7", "--prefix", "up/"):
-            self.call("weights", "synth", NET, "-o", name, "--seed", *rest)
-        good, same, other = (Path(name).read_bytes() for name in ("good", "same", "other"))
-        self.assertEqual((True, False), (good == same, good == other))
-        self.assertIn("OK: 19", self.call("weights", "check", NET, "named", "--prefix", "up/"))
-        self.assert_near(*(self.results("face.jpg", "-w", *rest)[0][1]
-                           for rest in (["good"], ["named", "--prefix", "up/"])))
-        self.fail_all([(RUN + " named", 1, "named: inMean-0: .*found none")])
 
 
 unittest.main(argv=sys.argv[:1])
