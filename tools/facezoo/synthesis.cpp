@@ -1,6 +1,6 @@
 #include "synthesis.h"
 
-#include <msgpack.hpp>
+#include "weight_document.h"
 
 #include <algorithm>
 #include <cmath>
@@ -67,10 +67,7 @@ Distribution distribution(const LayerRow& layer, WeightRole role) {
 
 void writeRandomWeights(const facezoo::NetworkTable& network, const std::string& prefix,
                         std::uint64_t seed, std::ostream& out) {
-  std::uint32_t count = 0;
-  facezoo::forEachWeight(network.layers, prefix, [&](auto&&...) { ++count; });
-  msgpack::packer<std::ostream> packer(out);
-  packer.pack_map(count);
+  WeightWriter writer(out, network);
   Bell bell(seed);
   constexpr std::size_t kMost = 4096;
   std::vector<float> values;
@@ -78,13 +75,12 @@ void writeRandomWeights(const facezoo::NetworkTable& network, const std::string&
       network.layers, prefix,
       [&](const std::string& name, std::size_t elements, const LayerRow& layer, WeightRole role) {
         const Distribution shape = distribution(layer, role);
-        packer.pack(name);
-        packer.pack_str(static_cast<std::uint32_t>(elements * sizeof(float)));
+        writer.startArray(name, elements);
         for (std::size_t left = elements; left > 0; left -= values.size()) {
           values.resize(std::min(left, kMost));
           for (float& value : values) value = shape.mean + shape.deviation * bell();
-          packer.pack_str_body(reinterpret_cast<const char*>(values.data()),
-                               static_cast<std::uint32_t>(values.size() * sizeof(float)));
+          writer.append(
+              {reinterpret_cast<const char*>(values.data()), values.size() * sizeof(float)});
         }
       });
 }

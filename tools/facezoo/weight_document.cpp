@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <unordered_map>
 #include <unordered_set>
 
 namespace {
@@ -71,15 +70,32 @@ WeightDocument::WeightDocument(const std::string& path) : bytes_(readFile(path))
                              : std::string("(key of type ") + typeName(entry.key.type) + ")",
                        named, typeName(entry.val.type), payloadOf(entry.val)});
   }
+  for (const WeightArray& array : arrays_)
+    if (array.named) byName_.emplace(array.name, &array);
+}
+
+const WeightArray* WeightDocument::find(std::string_view name) const {
+  const auto found = byName_.find(name);
+  return found == byName_.end() ? nullptr : found->second;
+}
+
+WeightWriter::WeightWriter(std::ostream& out, const facezoo::NetworkTable& network) : packer_(out) {
+  std::uint32_t count = 0;
+  facezoo::forEachWeight(network.layers, "", [&](auto&&...) { ++count; });
+  packer_.pack_map(count);
+}
+
+void WeightWriter::startArray(const std::string& name, std::size_t elements) {
+  packer_.pack(name);
+  packer_.pack_str(static_cast<std::uint32_t>(elements * sizeof(float)));
+}
+
+void WeightWriter::append(std::string_view floats) {
+  packer_.pack_str_body(floats.data(), static_cast<std::uint32_t>(floats.size()));
 }
 
 WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkTable& network,
                             const std::string& prefix) {
-  // Of equal names the first counts, which is the one that emplace keeps.
-  std::unordered_map<std::string_view, const WeightArray*> byName;
-  for (const WeightArray& array : document.arrays())
-    if (array.named) byName.emplace(array.name, &array);
-
   WeightFindings findings;
   std::unordered_set<const WeightArray*> used;
   facezoo::forEachWeight(
@@ -87,18 +103,17 @@ WeightFindings checkWeights(const WeightDocument& document, const facezoo::Netwo
         ++findings.expected;
         const std::string expected =
             ": expected " + std::to_string(elements * sizeof(float)) + " bytes of str, found ";
-        const auto found = byName.find(name);
-        if (found == byName.end()) {
+        const WeightArray* array = document.find(name);
+        if (array == nullptr) {
           findings.faults.push_back(name + expected + "none");
           return;
         }
-        const WeightArray& array = *found->second;
-        used.insert(&array);
-        if (!array.loadable()) {
-          findings.faults.push_back(name + expected + array.type);
-        } else if (array.payload.size() != elements * sizeof(float)) {
-          findings.faults.push_back(name + expected + std::to_string(array.payload.size()));
-        } else if (const std::size_t bad = summarize(array.payload).notFinite; bad > 0) {
+        used.insert(array);
+        if (!array->loadable()) {
+          findings.faults.push_back(name + expected + array->type);
+        } else if (array->payload.size() != elements * sizeof(float)) {
+          findings.faults.push_back(name + expected + std::to_string(array->payload.size()));
+        } else if (const std::size_t bad = summarize(array->payload).notFinite; bad > 0) {
           findings.faults.push_back(name + ": expected finite values, found " +
                                     std::to_string(bad) + " of " + std::to_string(elements) +
                                     " NaN or infinite");

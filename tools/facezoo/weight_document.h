@@ -7,8 +7,10 @@
 #include <msgpack.hpp>
 
 #include <cstddef>
+#include <ostream>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 /// One entry of a weight file.
@@ -38,11 +40,26 @@ class WeightDocument {
 
   /// In file order.
   const std::vector<WeightArray>& arrays() const { return arrays_; }
+  /// The one that a network reads by that name, the first of equals; null if there is none.
+  const WeightArray* find(std::string_view name) const;
 
  private:
   facezoo::FileBytes bytes_;
   msgpack::v1::object_handle document_;
   std::vector<WeightArray> arrays_;
+  std::unordered_map<std::string_view, const WeightArray*> byName_;
+};
+
+/// Writes a weight file, array by array.
+class WeightWriter {
+ public:
+  WeightWriter(std::ostream& out, const facezoo::NetworkTable& network);
+  /// Its floats are what `append` is given until the next array starts.
+  void startArray(const std::string& name, std::size_t elements);
+  void append(std::string_view floats);
+
+ private:
+  msgpack::packer<std::ostream> packer_;
 };
 
 struct WeightFindings {
