@@ -23,16 +23,20 @@ class ToolCase(unittest.TestCase):
         rows = [line.split() for line in self.call("weights", "show", "good").splitlines()[1:]]
         self.zeros = {row[0]: bytes(int(row[2])) for row in rows}
 
-    def call(self, *args, code=0, stderr=""):
-        done = subprocess.run([TOOL, *args], capture_output=True, encoding="utf-8", timeout=120)
+    def call(self, *args, code=0, stderr="", **how):
+        how = dict(stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8") | how
+        done = subprocess.run([TOOL, *args], timeout=120, **how)
         self.assertRegex(f"{done.returncode}{done.stderr}", rf"\A{code}{stderr}\Z")
         return done.stdout
 
-    def fail_all(self, cases, listing=""):
+    def fail_all(self, cases, listing="", **how):
+        """Each of the (words, exit code, pattern) says one line, and leaves no file behind."""
+        before = sorted(os.listdir())
         for args, code, line in cases:
             with self.subTest(args):
                 stderr = rf"facezoo: [^\n]*(?:{line})[^\n]*\n"
-                self.assertEqual(listing, self.call(*args.split(" "), code=code, stderr=stderr))
+                self.assertEqual(listing, self.call(*args.split(" "), code=code, stderr=stderr, **how))
+                self.assertEqual(before, sorted(os.listdir()))
 
     def results(self, *args):
         lines = [*map(json.loads, self.call("run", NET, "--format", "json", *args).splitlines())]

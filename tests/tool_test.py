@@ -1,5 +1,5 @@
 """End-to-end test of the command-line tool: tool_test.py PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
-import csv, json, math, os, re, resource, struct, sys, unittest, zlib
+import ast, csv, glob, json, math, os, re, resource, shutil, signal, struct, subprocess, sys, unittest, zlib
 from pathlib import Path
 from tool_support import NET, PORTRAIT, RUN, TOOL, ToolCase
 
@@ -13,6 +13,35 @@ def png(name, row, height, channels):
         struct.pack(">I", len(body)) + kind + body + bytes(4) for kind, body in chunks))
 
 
+def npy(name):
+    """The rows of a NumPy file of floats."""
+    data = Path(name).read_bytes()
+    head = ast.literal_eval(data[10:128].decode())
+    assert (data[:10], head["descr"], head["fortran_order"]) == (b"\x93NUMPY\1\0v\0", "<f4", False)
+    rows, columns = head["shape"]
+    return [struct.unpack_from(f"<{columns}f", data, 128 + 4 * columns * row) for row in range(rows)]
+
+
+def pixels(name):
+    """Width and the RGB pixels of a PNG file."""
+    data, at, packed = Path(name).read_bytes(), 8, b""
+    while at < len(data):
+        size, kind = struct.unpack_from(">I4s", data, at)
+        packed += data[at + 8:at + 8 + size] if kind == b"IDAT" else b""
+        at += size + 12
+    stride, raw = 3 * struct.unpack_from(">I", data, 16)[0], zlib.decompress(packed)
+    above, found = bytearray(stride + 3), []
+    for start in range(0, len(raw), stride + 1):
+        row = bytearray(3) + raw[start + 1:start + 1 + stride]
+        for i in range(3, stride + 3):
+            left, up, corner = row[i - 3], above[i], above[i - 3]
+            near = min((left, up, corner), key=lambda v: abs(left + up - corner - v))
+            row[i] = row[i] + (0, left, up, (left + up) // 2, near)[raw[start]] & 255
+        found += [row[i:i + 3] for i in range(3, stride + 3, 3)]
+        above = row
+    return stride // 3, found
+
+
 class ToolTest(ToolCase):
     def test_informs(self):
         for words in ", info, run, weights, weights synth, weights check, weights show".split(","):
@@ -20,14 +49,78 @@ class ToolTest(ToolCase):
         self.assertRegex(self.call("info"), rf"(?s){NET}.* mouth \(2\) eye \(3\).*, chosen\n")
 
     def test_refuses_wrong_usage(self):
-        run, synth = RUN + " good", f"weights synth {NET} -o"
-        self.fail_all([("walk", 2, "walk"), ("weights", 2, "subcommand is required"),
-                       (RUN[:-3], 2, "--weights is"), (f"run {NET} -w good", 2, "IMAGE is"),
-                       (run.replace(NET, "Nobody"), 2, "Nobody"), (run + " --bogus", 2, "--bogus"),
-                       (run + " --format xml", 2, "xml"), (synth + " /", 1, "/: .*directory"),
-                       *((f"{run} --batch {n}", 2, f"--batch.* {n}\\b") for n in (0, -1, 700)),
-                       (synth + " new --seed -1", 2, "seed.*-1"), (synth + " no/z", 1, "no/z: ")])
-        self.assertEqual(["face.jpg", "good"], sorted(os.listdir()))
+        run, synth, lcnn = RUN + " good", f"weights synth {NET} -o", "run LCNN29 -w good"
+        self.fail_all([
+            ("walk", 2, "walk"), ("weights", 2, "subcommand is required"), (RUN[:-3], 2, "--weights is"),
+            (f"run {NET} -w good", 2, "IMAGE: expected pictures.*found none"),
+            (run.replace(NET, "Nobody"), 2, "Nobody"), (run + " --bogus", 2, "--bogus"),
+            (run + " --format xml", 2, "xml"), (run + " --norm", 2, f"--norm: {NET} gives no norm"),
+            *((f"{run} --batch {n}", 2, f"--batch.* {n}\\b") for n in (0, -1, 700, "x")),
+            *((f"{run} --threads {n}", 2, f"--threads.* {n}\\b") for n in (0, -1, 257)),
+            (run + " --draw to --layout xyxy", 2, f"--draw: .*landmarks, found {NET}"),
+            (run + " --layout xyxy", 2, "--layout requires --draw"), (run + " --scale 2", 2, "--scale"),
+            ("run FANet -w good face.jpg --draw to", 2, "--draw: expected --layout"),
+            ("run FANet -w good face.jpg --draw to --layout yx", 2, "yx"),
+            (f"run {NET} -w good --compare face.jpg face.jpg", 2, f"--compare: .*descriptor, found {NET}"),
+            (lcnn + " --compare face.jpg", 2, "--compare"), (lcnn + " --compare a b c", 2, "IMAGE|--compare"),
+            (lcnn + " --compare a b --features f.npy", 2, "--features excludes --compare"),
+            (run + " --features values.csv", 2, "--features: .*values.csv"),
+            (run + " --features no/f.npy", 1, "no/f.npy: cannot be written: No such"),
+            (run + " --features good/f.npy", 1, "good/f.npy: .*Not a directory"),
+            (run + " --list nobody", 1, "nobody: .*No such"), (run + " --list /dev/null", 1, "/dev/null: "),
+            (f"run {NET} -w good .git", 1, ".git: .*No such"), (synth + " /", 1, "/: .*directory"),
+            (synth + " new --seed -1", 2, "seed.*-1"), (synth + " no/z", 1, "no/z: "),
+            (synth.replace(NET, "Nobody") + " new", 2, "Nobody")])
+
+    def test_survives_full_disks_and_closed_streams(self):
+        Path("many").write_text("face.jpg\n" * 9)
+        run, full = f"run {NET} -w good --list many", open("/dev/full", "w")
+        self.addCleanup(full.close)
+        limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))
+        self.fail_all([(run + " --features f.npy", 1, "f.npy: cannot be written: File too large"),
+                       (f"weights synth {NET} -o new", 1, "new: cannot be written: File too large")],
+                      preexec_fn=limit)
+        self.fail_all([(args, 1, "standard output: cannot be written")
+                       for args in ("info", run, "weights show good")], None, stdout=full)
+        closed = dict(preexec_fn=lambda: os.close(1), stdout=None)
+        self.fail_all([(run + " --format csv --features f.npy", 1, "standard output")], None, **closed)
+
+    def test_ends_at_a_signal(self):
+        Path("many").write_text("face.jpg\n" * 100000)
+        for number, word in (signal.SIGINT, "interrupted"), (signal.SIGTERM, "ended"), (signal.SIGHUP, "terminal"):
+            run = subprocess.Popen([TOOL, *f"run {NET} -w good --list many --features f.npy".split()],
+                                   stderr=subprocess.PIPE, encoding="utf-8")
+            while not glob.glob("*.part"):
+                self.assertIsNone(run.poll())
+            run.send_signal(number)
+            self.assertRegex(run.communicate(timeout=60)[1], rf"\Afacezoo: [^\n]*{word}[^\n]*\n\Z")
+            self.assertEqual((1, ["face.jpg", "good", "many"]), (run.returncode, sorted(os.listdir())))
+
+    def test_finds_pictures(self):
+        os.makedirs("faces/below")
+        png("faces/below/grey.PNG", b"\x5a", 1, 1)
+        for name in "b.jpeg", "a.jpg":
+            os.symlink(PORTRAIT, f"faces/{name}")
+        Path("faces/notes.txt").write_text("not a picture")
+        Path("faces/c.png").write_text("not one either")
+        Path("list").write_text("faces/b.jpeg\r\n\nfaces/below/grey.PNG\n")
+        names = [f"faces/{name}" for name in ("a.jpg", "b.jpeg", "below/grey.PNG")]
+        fault = "faces/c.png: expected a PNG or JPEG image, found something else"
+        self.assertEqual(names[1:], [name for name, _ in self.results("-w", "good", "--list", "list")])
+        run = "run", NET, "-w", "good", "--batch", "2", "--format", "json"
+        listed = self.call(*run, "face.jpg", "--list", "-", input="face.jpg\nfaces/a.jpg")
+        self.assertEqual(["face.jpg", "face.jpg", "faces/a.jpg"],
+                         [json.loads(line)["image"] for line in listed.splitlines()])
+        found = self.call(*run, "faces", "--features", "f.npy", code=1,
+                          stderr=rf"facezoo: {fault}\nfacezoo: 1 of 4 pictures could not be read\n")
+        self.assertEqual([{"image": name} for name in names], [*map(json.loads, found.splitlines())])
+        rows = npy("f.npy")
+        self.assertEqual(rows[0], rows[1])
+        self.assert_near(rows[2], self.results("-w", "good", names[2])[0][1])
+        os.remove("f.npy")
+        self.fail_all([(f"run {NET} -w good faces --features f.npy --strict", 1, fault)])
+        shutil.rmtree("faces/below")
+        self.fail_all([(f"run {NET} -w good faces/below", 1, "faces/below: .*No such")])
 
     def test_formats_agree(self):
         name = 'an "odd", name'
@@ -42,6 +135,7 @@ class ToolTest(ToolCase):
         self.assert_near(expected, list(map(float, below[len(name):].split())))
 
     def test_runs_every_network(self):
+        png("wide", bytes(range(0, 200)) * 6, 200, 3)
         two, twelve = {"mouth": 2, "eye": 3}, {
             "eye": 3, "mouth": 2, "head": 2, "hair": 2, "eye_condition": 4, "mouth_open": 4,
             "mouth_corner": 4, "yaw": 1, "pitch": 1, "blur": 1, "noise": 1, "luminance": 1}
@@ -53,20 +147,55 @@ class ToolTest(ToolCase):
                 self.call("weights", "synth", net, "-o", "all")
                 self.assertRegex(self.call("weights", "check", net, "all"), rf"OK: \d+ .*{net}, 0")
                 run = "run", net, "-w", "all", "face.jpg", "--format"
-                line = json.loads(self.call(*run, "json"))
+                norm = ["--norm"] if "norm" in groups else []
+                line = json.loads(self.call(*run, "json", *norm))
                 found = {name: value if isinstance(value, list) else [value]
                          for name, value in line.items() if name != "image"}
                 self.assertEqual([*groups.items()], [(g, len(v)) for g, v in found.items()])
                 values = sum(found.values(), [])
                 self.assertGreater(max(values) - min(values), 0.1)
-                head, row = csv.reader(self.call(*run, "csv").splitlines())
+                head, row = csv.reader(self.call(*run, "csv", *norm).splitlines())
                 self.assertEqual(len(head), len(row))
                 self.assertEqual([struct.pack("f", v) for v in values],
                                  [struct.pack("f", float(cell)) for cell in row[1:]])
-                top, below = self.call(*run, "table").splitlines()
+                top, below = self.call(*run, "table", *norm).splitlines()
                 self.assertEqual(len(top), len(below))
                 shown = [[n for n, v in zip(top.split(), below.split()) if g in n] for g in groups]
                 self.assertTrue(all(shown), shown)
+                if "features" in groups:
+                    self.check_comparison(net)
+                if "landmarks" in groups:
+                    self.check_drawing(net)
+
+    def check_comparison(self, net):
+        run = "run", net, "-w", "all", "--format", "json"
+        a, b = (json.loads(self.call(*run, name))["features"] for name in ("face.jpg", "wide"))
+        dot = lambda a, b: sum(x * y for x, y in zip(a, b))
+        cosine = dot(a, b) / math.sqrt(dot(a, a) * dot(b, b))
+        found = json.loads(self.call(*run, "--compare", "face.jpg", "wide"))
+        self.assertEqual(["face.jpg", "wide"], [found["image"], found["other"]])
+        self.assertAlmostEqual(cosine, found["cosine"], 5)
+        self.fail_all([(f"run {net} -w all --compare face.jpg nobody", 1, "nobody: .*No such")])
+
+    def check_drawing(self, net):
+        """Landmarks of the 224 x 224 crop land where they belong in the 400 x 200 picture."""
+        run = "run", net, "-w", "all", "wide"
+        values = json.loads(self.call(*run, "--format", "json"))["landmarks"]
+        for layout, xs, ys in (("xyxy", values[::2], values[1::2]), ("xxyy", values[:68], values[68:])):
+            points = [(100 + x * 90 * 200 / 224, y * 90 * 200 / 224) for x, y in zip(xs, ys)]
+            inside = [p for p in points if 0 <= p[0] < 400 and 0 <= p[1] < 200]
+            self.assertGreater(len(inside), 9)
+            self.call(*run, "--draw", "to/new", "--layout", layout, "--scale", "90", stderr=
+                      rf"facezoo: wide: {68 - len(inside)} of 68 landmarks lie outside[^\n]*\n")
+            width, found = pixels("to/new/wide.png")
+            before = [bytes((i * 3 + c) % 200 for c in range(3)) for i in range(400)]
+            drawn = [x + y * width for y in range(200) for x in range(width) if found[x + y * width] != before[x]]
+            self.assertEqual(400, width)
+            self.assertTrue({int(x) + int(y) * width for x, y in inside} <= set(drawn))
+            self.assertLess(len(drawn), 30 * len(inside))
+        os.symlink("../wide", "to/wide.png")
+        self.fail_all([(f"run {net} -w good wide to/wide.png --draw a --layout xyxy", 1, "a/wide.png: .*both"),
+                       (f"run {net} -w good to/wide.png --draw to --layout xyxy", 1, "would be replaced")])
 
     def test_batches_and_sizes(self):
         png("dot", b"\x5a", 1, 1)  # as grey as the largest square of `big`
@@ -91,9 +220,8 @@ class ToolTest(ToolCase):
                 level=b"\x81\xa1a" + b"\x91" * 31 + b"1", deep=b"\x81\xa1a" + b"\x91" * 32 + b"1",
                 entries=b"\xdf\xff\xff\xff\xff\xa1a\xc0").items():
             Path(name).write_bytes(data)
-        self.fail_all([(f"{RUN} good {name}", 1, line) for name, line in (
-            ("nobody", "nobody: .*No such"), ("no\nbody", r"no\?body: "), ("empty", "empty: "),
-            (".", r"\.: .*directory"), ("text", "text: .*else"), ("cutpng", "cutpng: .*PNG.*ends"),
+        self.fail_all([(f"run {NET} -w good {name}", 1, line) for name, line in (
+            ("nobody", "nobody: .*No such"), ("no\nbody", r"no\?body: "), ("empty", "empty: "), ("text", "text: .*else"), ("cutpng", "cutpng: .*PNG.*ends"),
             ("cutjpg", "cutjpg: .*JPEG.*ends"), ("vast", "vast: .*60000 x 60000"))])
         self.fail_all([(f"{command} {name}", 1, f"{re.escape(name)}: .*{line}") for name, line in (
             ("nobody", "No such"), ("empty", "empty"), (".", "directory"), ("short", "end missing"),

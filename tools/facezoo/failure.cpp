@@ -3,6 +3,9 @@
 #include "check.h"
 #include "errors.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <new>
 
 std::string describeException() {
@@ -28,4 +31,25 @@ std::string describeException() {
   } catch (...) {
     return "unknown failure";
   }
+}
+
+std::string printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
+  return text;
+}
+
+void warn(const std::string& line) {
+  // A progress line may stand where the cursor is.
+  const char* const erase = isatty(STDERR_FILENO) != 0 ? "\r\x1b[K" : "";
+  dprintf(STDERR_FILENO, "%sfacezoo: %s\n", erase, printable(line).c_str());
+}
+
+QuietLibrary::QuietLibrary() : saved_(stderr), nowhere_(std::fopen("/dev/null", "w")) {
+  if (nowhere_ != nullptr) stderr = nowhere_;
+}
+
+QuietLibrary::~QuietLibrary() {
+  stderr = saved_;
+  if (nowhere_ != nullptr) std::fclose(nowhere_);
 }

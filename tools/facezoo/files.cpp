@@ -5,8 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -17,6 +21,33 @@ std::string reason(int error) { return std::generic_category().message(error); }
 
 void requireName(const std::string& path) {
   if (path.empty()) throw Failure("expected a file name, found an empty argument");
+}
+
+/// Names of temporary files; the empty ones are free.
+std::array<std::array<char, PATH_MAX>, 4> temporaries;
+
+extern "C" void removeAndExit(int signal) {
+  for (const auto& name : temporaries)
+    if (name[0] != '\0') unlink(name.data());
+  const std::string_view line = signal == SIGINT   ? "facezoo: interrupted\n"
+                                : signal == SIGHUP ? "facezoo: ended, as its terminal was closed\n"
+                                                   : "facezoo: ended by another process\n";
+  // Nothing is left to be done if it cannot be said.
+  if (write(STDERR_FILENO, line.data(), line.size()) < 0) _exit(2);
+  _exit(1);
+}
+
+/// Keeps `name` where `removeAndExit` finds it.
+char* noteTemporary(const std::string& name) {
+  for (auto& slot : temporaries) {
+    if (slot[0] != '\0') continue;
+    if (name.size() >= slot.size()) throw Failure(name + ": the name is too long");
+    std::copy(name.begin() + 1, name.end(), slot.begin() + 1);
+    slot[name.size()] = '\0';
+    slot[0] = name[0];  // last, so that a handler sees all of it or nothing
+    return slot.data();
+  }
+  throw Failure(name + ": too many files are being written");
 }
 
 }  // namespace
@@ -36,10 +67,15 @@ facezoo::FileBytes readFile(const std::string& path) {
   return bytes;
 }
 
-std::string printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-  return text;
+void handleSignals() {
+  for (const int signal : {SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
+  for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+    struct sigaction action = {};
+    sigaction(signal, nullptr, &action);
+    if (action.sa_handler == SIG_IGN) continue;  // as under nohup
+    action.sa_handler = removeAndExit;
+    sigaction(signal, &action, nullptr);
+  }
 }
 
 NewFile::NewFile(const std::string& path) {
@@ -54,15 +90,18 @@ NewFile::NewFile(const std::string& path) {
   if (fs::is_directory(status)) throw Failure(path + ": expected a file name, found a directory");
   if (fs::exists(status) && !fs::is_regular_file(status))
     throw Failure(path + ": exists and is not a regular file");
-  temporary_ = path_ + "." + std::to_string(getpid()) + ".part";
+  temporary_ = noteTemporary(path_ + "." + std::to_string(getpid()) + ".part");
   errno = 0;
   stream_.open(temporary_, std::ios::binary);
-  if (!stream_) throw Failure(path + ": cannot be written: " + reason(errno));
+  if (stream_) return;
+  temporary_[0] = '\0';
+  throw Failure(path + ": cannot be written: " + reason(errno));
 }
 
 NewFile::~NewFile() {
-  std::error_code ignored;
-  if (!temporary_.empty()) fs::remove(temporary_, ignored);
+  if (temporary_ == nullptr) return;
+  unlink(temporary_);
+  temporary_[0] = '\0';
 }
 
 void NewFile::keep() {
@@ -72,5 +111,6 @@ void NewFile::keep() {
   std::error_code error;
   fs::rename(temporary_, path_, error);
   if (error) throw Failure(path_ + ": cannot be written: " + error.message());
-  temporary_.clear();
+  temporary_[0] = '\0';
+  temporary_ = nullptr;
 }

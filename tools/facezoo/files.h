@@ -9,9 +9,9 @@
 /// The whole of a regular file. @throws Failure
 facezoo::FileBytes readFile(const std::string& path);
 
-/// `text` with its control characters replaced, so that a name from a file cannot break a line or
-/// steer the terminal.
-std::string printable(std::string text);
+/// From here on a signal that ends the process first removes every incomplete `NewFile` and says so
+/// in one line, and output that nobody takes is a failure like any other.
+void handleSignals();
 
 /// A file that appears under its name only when it is complete.
 class NewFile {
@@ -29,6 +29,6 @@ class NewFile {
 
  private:
   std::string path_;
-  std::string temporary_;
+  char* temporary_ = nullptr;  ///< its name, where a signal handler finds it
   std::ofstream stream_;
 };

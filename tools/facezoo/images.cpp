@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -49,8 +48,7 @@ bool jpegReachesItsEnd(std::string_view file) {
 
 }  // namespace
 
-void loadImage(const std::string& path, int channels, int width, int height,
-               unsigned char* pixels) {
+Picture readPicture(const std::string& path, int channels) {
   const facezoo::FileBytes bytes = readFile(path);
   const std::string_view file(bytes.data.get(), bytes.size);
   if (file.empty()) throw Failure(path + ": expected a PNG or JPEG image, found an empty file");
@@ -79,21 +77,32 @@ void loadImage(const std::string& path, int channels, int width, int height,
            std::to_string(wide) + " x " + std::to_string(high));
   }
   if (!known) refuse("its header is damaged");
-  const std::unique_ptr<stbi_uc, void (*)(void*)> decoded(
-      stbi_load_from_memory(encoded, size, &foundWidth, &foundHeight, &foundChannels, channels),
-      stbi_image_free);
-  if (!decoded) refuse(stbi_failure_reason());
+  Picture picture{0, 0, channels, {nullptr, stbi_image_free}};
+  picture.pixels.reset(stbi_load_from_memory(encoded, size, &picture.width, &picture.height,
+                                             &foundChannels, channels));
+  if (!picture.pixels) refuse(stbi_failure_reason());
+  return picture;
+}
 
-  const auto crop = [](int length, int across, int wanted, int wantedAcross) {
-    const std::int64_t fitting = std::int64_t{across} * wanted / wantedAcross;
-    return static_cast<int>(std::clamp<std::int64_t>(fitting, 1, length));
+Crop centreCrop(const Picture& picture, int width, int height) {
+  const auto fitting = [](int length, int across, int wanted, int wantedAcross) {
+    const std::int64_t most = std::int64_t{across} * wanted / wantedAcross;
+    return static_cast<int>(std::clamp<std::int64_t>(most, 1, length));
   };
-  const int cropWidth = crop(foundWidth, foundHeight, width, height);
-  const int cropHeight = crop(foundHeight, foundWidth, height, width);
-  const int stride = foundWidth * channels;
-  const stbi_uc* corner = decoded.get() + std::ptrdiff_t{(foundHeight - cropHeight) / 2} * stride +
-                          (foundWidth - cropWidth) / 2 * channels;
-  if (stbir_resize_uint8(corner, cropWidth, cropHeight, stride, pixels, width, height, 0,
+  const int cropWidth = fitting(picture.width, picture.height, width, height);
+  const int cropHeight = fitting(picture.height, picture.width, height, width);
+  return {(picture.width - cropWidth) / 2, (picture.height - cropHeight) / 2, cropWidth,
+          cropHeight};
+}
+
+void loadImage(const std::string& path, int channels, int width, int height,
+               unsigned char* pixels) {
+  const Picture picture = readPicture(path, channels);
+  const Crop crop = centreCrop(picture, width, height);
+  const int stride = picture.width * channels;
+  const stbi_uc* corner =
+      picture.pixels.get() + std::ptrdiff_t{crop.y} * stride + std::ptrdiff_t{crop.x} * channels;
+  if (stbir_resize_uint8(corner, crop.width, crop.height, stride, pixels, width, height, 0,
                          channels) == 0)
     throw Failure(path + ": not enough memory to resample it");
 }

@@ -2,6 +2,9 @@
 #include "failure.h"
 #include "files.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 namespace {
@@ -11,7 +14,7 @@ constexpr int kWrongUsage = 2;
 
 int fail(int code, const std::string& line) {
   std::fflush(stdout);
-  std::fprintf(stderr, "facezoo: %s\n", printable(line).c_str());
+  warn(line);
   return code;
 }
 
@@ -26,6 +29,16 @@ std::string describeUsage(const CLI::App& tool, const CLI::ParseError& error) {
   const bool misspelt = !unknown.empty() && error.get_name() == "RequiredError";
   return (misspelt ? "unknown argument " + unknown.front() : error.what()) + " (see " + command +
          " --help)";
+}
+
+/// A closed standard stream's number would go to the next file that is opened, and so would what is
+/// printed. What is printed to a stream opened for reading fails.
+void occupyStandardStreams() {
+  while (true) {
+    const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (next > STDERR_FILENO) close(next);
+    if (next < 0 || next > STDERR_FILENO) return;
+  }
 }
 
 int runTool(int argc, char** argv) {
@@ -50,6 +63,8 @@ int runTool(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
+    occupyStandardStreams();
+    handleSignals();
     return runTool(argc, argv);
   } catch (...) {
     return fail(kFailed, describeException());

@@ -3,18 +3,29 @@
 #include "devices.h"
 #include "facezoo.h"
 #include "failure.h"
-#include "files.h"
-#include "images.h"
+#include "inference.h"
+#include "landmarks.h"
 #include "networks.h"
+#include "npy_file.h"
+#include "picture_stream.h"
+#include "pictures.h"
+#include "progress.h"
+#include "report.h"
 #include "weight_document.h"
 
-#include <nlohmann/json.hpp>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <limits>
+#include <map>
 #include <memory>
+#include <optional>
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -22,135 +33,180 @@ using facezoo::NetworkTable;
 using facezoo::OutputGroup;
 
 struct Options {
-  std::string network, weights, prefix, format = "table";
-  int batch = 8;
-  std::vector<std::string> images;
+  std::string network, weights, prefix, format, features, list, drawings, layout;
+  int batch = 8, threads = 0;
+  float scale = 1;
+  bool norm = false, strict = false;
+  std::vector<std::string> images, compared;
 };
 
-/// What the network gives for one image, the norm included.
-std::vector<OutputGroup> groupsOf(const NetworkTable& network) {
-  std::vector<OutputGroup> groups(network.outputs.begin(), network.outputs.end());
-  if (network.hasNorm) groups.push_back({"norm", 1});
-  return groups;
+/// What becomes of the results of one picture.
+class Sink {
+ public:
+  Sink() = default;
+  Sink(const Sink&) = delete;
+  Sink& operator=(const Sink&) = delete;
+  virtual ~Sink() = default;
+  virtual void take(const std::string& picture, const Inference& inference, std::size_t index) = 0;
+  /// After the last picture.
+  virtual void finish() {}
+};
+
+/// Prints a line for each picture.
+class Lines : public Sink {
+ public:
+  Lines(const Options& options, const NetworkTable& table, const std::vector<std::string>& pictures)
+      : values_(options.features.empty()),
+        norm_(options.norm),
+        report_(options.format.empty() ? "table" : options.format,
+                {{"image", Report::widest(pictures)}}, groups(table)) {}
+
+  void take(const std::string& picture, const Inference& inference, std::size_t index) override {
+    std::vector<float> values;
+    if (values_) {
+      const float* const results = inference.results(index);
+      values.assign(results, results + inference.resultCount());
+    }
+    if (norm_) values.push_back(inference.norm(index));
+    report_.line({picture}, values);
+  }
+
+ private:
+  std::vector<OutputGroup> groups(const NetworkTable& table) const {
+    std::vector<OutputGroup> groups;
+    if (values_) groups.assign(table.outputs.begin(), table.outputs.end());
+    if (norm_) groups.push_back({"norm", 1});
+    return groups;
+  }
+
+  bool values_;  ///< else they go to a file
+  bool norm_;
+  Report report_;
+};
+
+/// Writes a row of a NumPy array for each picture.
+class Rows : public Sink {
+ public:
+  Rows(const std::string& path, const NetworkTable& table) : file_(path, table.outputCount()) {}
+
+  void take(const std::string&, const Inference& inference, std::size_t index) override {
+    file_.add(inference.results(index));
+  }
+  void finish() override {
+    if (file_.rows() > 0) file_.keep();
+  }
+
+ private:
+  NpyFile file_;
+};
+
+/// Writes each picture with its landmarks.
+class Drawings : public Sink {
+ public:
+  Drawings(const Options& options, const NetworkTable& table,
+           const std::vector<std::string>& pictures)
+      : reading_{options.layout == "xyxy", options.scale}, geometry_(table) {
+    std::error_code error;
+    std::map<std::string, std::string> pictureOf;
+    for (const std::string& picture : pictures) {
+      const fs::path drawing = fs::path(options.drawings) / fs::path(picture).stem().concat(".png");
+      const auto [known, isNew] = pictureOf.emplace(drawing.string(), picture);
+      if (!isNew && known->second != picture) {
+        throw Failure(drawing.string() + ": would be drawn from both " + known->second + " and " +
+                      picture);
+      }
+      if (fs::equivalent(drawing, picture, error))
+        throw Failure(drawing.string() + ": is a picture to be read, and would be replaced");
+      drawingOf_.emplace(picture, drawing.string());
+    }
+    fs::create_directories(options.drawings, error);
+    if (error) throw Failure(options.drawings + ": cannot be made: " + error.message());
+  }
+
+  void take(const std::string& picture, const Inference& inference, std::size_t index) override {
+    const int outside = drawLandmarks(picture, inference.results(index), reading_, geometry_,
+                                      drawingOf_.at(picture));
+    if (outside > 0) {
+      warn(picture + ": " + std::to_string(outside) +
+           " of 68 landmarks lie outside the picture: do --layout and --scale fit the weights?");
+    }
+  }
+
+ private:
+  LandmarkReading reading_;
+  facezoo::InputGeometry geometry_;
+  std::map<std::string, std::string> drawingOf_;
+};
+
+/// Prints the cosine similarity of two pictures' descriptors.
+class Comparison : public Sink {
+ public:
+  Comparison(const Options& options, const std::vector<std::string>& pictures)
+      : report_(
+            options.format.empty() ? "table" : options.format,
+            {{"image", Report::widest({pictures[0]})}, {"other", Report::widest({pictures[1]})}},
+            {{"cosine", 1}}) {}
+
+  void take(const std::string& picture, const Inference& inference, std::size_t index) override {
+    const float* const results = inference.results(index);
+    pictures_.push_back(picture);
+    descriptors_.emplace_back(results, results + inference.resultCount());
+  }
+  void finish() override {
+    const double product = dot(0, 1);
+    const double lengths = std::sqrt(dot(0, 0)) * std::sqrt(dot(1, 1));
+    report_.line(pictures_, {static_cast<float>(product / lengths)});
+  }
+
+ private:
+  double dot(std::size_t a, std::size_t b) const {
+    double sum = 0;
+    for (std::size_t i = 0; i < descriptors_[a].size(); ++i)
+      sum += static_cast<double>(descriptors_[a][i]) * descriptors_[b][i];
+    return sum;
+  }
+
+  Report report_;
+  std::vector<std::string> pictures_;
+  std::vector<std::vector<float>> descriptors_;
+};
+
+[[noreturn]] void refuse(const std::string& option, const std::string& why) {
+  throw CLI::ValidationError(option, why);
 }
 
-/// Prints results, one line for each image.
-class Report {
- public:
-  Report(const Options& options, const NetworkTable& network)
-      : format_(options.format), groups_(groupsOf(network)) {
-    widths_.push_back(columns("image"));
-    for (const std::string& image : options.images)
-      widths_[0] = std::max(widths_[0], columns(image));
+/// What the parser cannot know: which options fit which network.
+void checkUsage(const Options& options, const NetworkTable& table) {
+  const auto gives = [&](const char* group) {
+    return std::any_of(table.outputs.begin(), table.outputs.end(),
+                       [&](const OutputGroup& found) { return std::string(found.name) == group; });
+  };
+  const std::string network = table.name;
+  const int mostImages = std::numeric_limits<int>::max() / table.perImageBytes;
+  if (options.batch > mostImages) {
+    refuse("--batch", network + " takes at most " + std::to_string(mostImages) + ", found " +
+                          std::to_string(options.batch));
   }
+  if (options.norm && !table.hasNorm) refuse("--norm", network + " gives no norm");
+  if (!options.compared.empty() && !gives("features"))
+    refuse("--compare", "expected a network that gives a descriptor, found " + network);
+  if (!options.drawings.empty() && !gives("landmarks"))
+    refuse("--draw", "expected a network that gives landmarks, found " + network);
+  if (!options.drawings.empty() && options.layout.empty())
+    refuse("--draw", "expected --layout too, as only the weights' training tells it");
+  if (!options.features.empty() && fs::path(options.features).extension() != ".npy")
+    refuse("--features", "expected a name that ends in .npy, found " + options.features);
+  if (options.images.empty() && options.list.empty() && options.compared.empty())
+    refuse("IMAGE", "expected pictures, a directory, --list or --compare, found none");
+}
 
-  void head() {
-    if (format_ == "json") return;
-    std::vector<std::string> names = {"image"};
-    for (const OutputGroup& group : groups_) {
-      const bool single = group.count == 1;
-      for (int i = 0; i < shown(group); ++i)
-        names.push_back(group.name + (single ? "" : "_" + std::to_string(i)));
-      if (shown(group) < group.count) names.push_back("...");
-    }
-    constexpr std::size_t kNumber = 10;
-    for (std::size_t i = 1; i < names.size(); ++i)
-      widths_.push_back(names[i] == "..." ? 3 : std::max(kNumber, columns(names[i])));
-    row(names);
-  }
-
-  /// @param values of all groups
-  void line(const std::string& image, const std::vector<float>& values) const {
-    const float* value = values.data();
-    if (format_ == "json") {
-      nlohmann::ordered_json line = {{"image", image}};
-      for (const OutputGroup& group : groups_) {
-        if (group.count == 1) {
-          line[group.name] = *value;
-        } else {
-          line[group.name] = std::vector<float>(value, value + group.count);
-        }
-        value += group.count;
-      }
-      std::puts(line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
-      return;
-    }
-    std::vector<std::string> cells = {image};
-    for (const OutputGroup& group : groups_) {
-      for (int i = 0; i < shown(group); ++i) {
-        cells.push_back(number(value[i]));
-      }
-      if (shown(group) < group.count) cells.emplace_back("...");
-      value += group.count;
-    }
-    row(cells);
-  }
-
- private:
-  /// Characters of a UTF-8 text.
-  static std::size_t columns(const std::string& text) {
-    return std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; });
-  }
-
-  static std::string quoted(const std::string& text) {
-    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-    std::string result = "\"";
-    for (const char c : text) result += c == '"' ? "\"\"" : std::string(1, c);
-    return result + "\"";
-  }
-
-  std::string number(float value) const {
-    const bool csv = format_ == "csv";
-    char text[32];
-    std::snprintf(text, sizeof text, csv ? "%.9g" : std::abs(value) < 100 ? "%.6f" : "%.6g", value);
-    return text;
-  }
-
-  /// How many of its values a line holds. A table of hundreds of columns serves nobody.
-  int shown(const OutputGroup& group) const {
-    constexpr int kMost = 8;
-    constexpr int kFirst = 4;
-    return format_ == "table" && group.count > kMost ? kFirst : group.count;
-  }
-
-  /// The first cell is the image.
-  void row(const std::vector<std::string>& cells) const {
-    const bool csv = format_ == "csv";
-    std::printf("%s", (csv ? quoted(cells[0]) : printable(cells[0])).c_str());
-    if (!csv) std::printf("%*s", static_cast<int>(widths_[0] - columns(cells[0])), "");
-    for (std::size_t i = 1; i < cells.size(); ++i) {
-      if (csv) {
-        std::printf(",%s", cells[i].c_str());
-      } else {
-        std::printf("  %*s", static_cast<int>(widths_[i]), cells[i].c_str());
-      }
-    }
-    std::printf("\n");
-  }
-
-  const std::string& format_;
-  std::vector<OutputGroup> groups_;
-  std::vector<std::size_t> widths_;
-};
-
-/// Keeps the library's own lines off standard error, where the tool says one line of its own. With
-/// glibc stdio's streams are variables; what is written past stdio, as by a sanitizer, still shows.
-class QuietLibrary {
- public:
-  QuietLibrary() {
-    if (nowhere_ != nullptr) stderr = nowhere_;
-  }
-  QuietLibrary(const QuietLibrary&) = delete;
-  QuietLibrary& operator=(const QuietLibrary&) = delete;
-  ~QuietLibrary() {
-    stderr = saved_;
-    if (nowhere_ != nullptr) std::fclose(nowhere_);
-  }
-
- private:
-  std::FILE* saved_ = stderr;
-  std::FILE* nowhere_ = std::fopen("/dev/null", "w");
-};
+std::vector<std::string> picturesOf(const Options& options) {
+  if (!options.compared.empty()) return options.compared;
+  std::vector<std::string> paths = options.images;
+  if (!options.list.empty())
+    for (std::string& line : readList(options.list)) paths.push_back(std::move(line));
+  return findPictures(paths);
+}
 
 /// Finds what the constructor would, but all of it and without a device.
 void requireWeights(const Options& options, const NetworkTable& network) {
@@ -166,87 +222,172 @@ void requireWeights(const Options& options, const NetworkTable& network) {
   throw Failure(line);
 }
 
+bool printsLines(const Options& options) {
+  return options.compared.empty() && (options.features.empty() || !options.format.empty());
+}
+
+std::vector<std::unique_ptr<Sink>> sinksFor(const Options& options, const NetworkTable& table,
+                                            const std::vector<std::string>& pictures) {
+  std::vector<std::unique_ptr<Sink>> sinks;
+  if (!options.compared.empty()) sinks.emplace_back(new Comparison(options, pictures));
+  if (!options.features.empty()) sinks.emplace_back(new Rows(options.features, table));
+  if (!options.drawings.empty()) sinks.emplace_back(new Drawings(options, table, pictures));
+  if (printsLines(options)) sinks.emplace_back(new Lines(options, table, pictures));
+  return sinks;
+}
+
+/// Takes the pictures through a network in full batches. @return how many could not be read
+std::size_t process(const Options& options, const NetworkTable& table, Network& network,
+                    const std::vector<std::string>& pictures, std::size_t batch,
+                    const std::vector<std::unique_ptr<Sink>>& sinks) {
+  Inference inference(network, table, static_cast<int>(batch));
+  PictureStream stream(pictures, table, options.threads, batch + options.threads);
+  const bool scrolls = printsLines(options) && isatty(STDOUT_FILENO) != 0;
+  Progress progress(pictures.size(), isatty(STDERR_FILENO) != 0 && !scrolls);
+  std::vector<std::string> waiting;
+  const auto runBatch = [&] {
+    inference.run(waiting.size());
+    for (std::size_t i = 0; i < waiting.size(); ++i)
+      for (const auto& sink : sinks) sink->take(waiting[i], inference, i);
+    if (std::fflush(stdout) != 0) throw Failure("standard output: cannot be written");
+    progress.add(waiting.size());
+    waiting.clear();
+  };
+  // Without the others, there is nothing to go on with.
+  const bool strict = options.strict || !options.compared.empty() || pictures.size() == 1;
+  std::size_t unreadable = 0;
+  for (const std::string& picture : pictures) {
+    const PictureStream::Decoded decoded = stream.take();
+    if (decoded.fault.empty()) {
+      std::copy(decoded.pixels.begin(), decoded.pixels.end(), inference.image(waiting.size()));
+      waiting.push_back(picture);
+      if (waiting.size() == batch) runBatch();
+    } else {
+      if (strict) throw Failure(decoded.fault);
+      warn(decoded.fault);
+      ++unreadable;
+      progress.add(1);
+    }
+  }
+  if (!waiting.empty()) runBatch();
+  return unreadable;
+}
+
 void run(const Options& options) {
   const KnownNetwork& known = findNetwork(options.network);
   const NetworkTable& table = *known.table;
-  const int mostImages = std::numeric_limits<int>::max() / table.perImageBytes;
-  if (options.batch > mostImages) {
-    throw CLI::ValidationError("--batch", options.network + " takes at most " +
-                                              std::to_string(mostImages) + ", found " +
-                                              std::to_string(options.batch));
-  }
+  checkUsage(options, table);
+  const std::vector<std::string> pictures = picturesOf(options);
+  // What the user may have to mend comes before what takes long.
+  const std::vector<std::unique_ptr<Sink>> sinks = sinksFor(options, table, pictures);
   requireWeights(options, table);
   chosenDevice(listDevices());
 
-  const std::size_t batch = std::min<std::size_t>(options.batch, options.images.size());
-  const auto runBatches = [&](Network& network) {
-    const std::size_t imageBytes = std::size_t(table.channels) * table.width * table.height;
-    const std::size_t perImage = table.outputCount();
-    const bool onDevice = table.memory == facezoo::Results::onDevice;
-    std::vector<unsigned char> pixels(batch * imageBytes);
-    std::vector<float> results(batch * perImage);
-    std::vector<float> norms(table.hasNorm ? batch : 0);
-    DeviceBuffer input(pixels.size());
-    DeviceBuffer output(onDevice ? results.size() * sizeof(float) : 1);
-    Report report(options, table);
-    for (std::size_t first = 0; first < options.images.size(); first += batch) {
-      const std::size_t count = std::min(batch, options.images.size() - first);
-      for (std::size_t i = 0; i < count; ++i)
-        loadImage(options.images[first + i], table.channels, table.width, table.height,
-                  &pixels[i * imageBytes]);
-      checkCall(cudaMemcpy(input.data(), pixels.data(), count * imageBytes, cudaMemcpyHostToDevice),
-                "copy of images to the device");
-      network.Forward(input.data(), static_cast<int>(count),
-                      onDevice ? static_cast<float*>(output.data()) : results.data(),
-                      table.hasNorm ? norms.data() : nullptr);
-      if (onDevice) {
-        checkCall(cudaMemcpy(results.data(), output.data(), count * perImage * sizeof(float),
-                             cudaMemcpyDeviceToHost),
-                  "copy of results from the device");
-      }
-      if (first == 0) report.head();
-      for (std::size_t i = 0; i < count; ++i) {
-        std::vector<float> values(&results[i * perImage], &results[i * perImage] + perImage);
-        if (table.hasNorm) values.push_back(norms[i]);
-        report.line(options.images[first + i], values);
-      }
-    }
-  };
+  const std::size_t batch = std::min<std::size_t>(options.batch, pictures.size());
+  std::size_t unreadable = 0;
+  std::chrono::duration<double> took{};
   try {
     const QuietLibrary quiet;
     const GPU gpu;
-    known.with(options.weights, static_cast<int>(batch), options.prefix, runBatches);
+    known.with(options.weights, static_cast<int>(batch), options.prefix, [&](Network& network) {
+      const auto start = std::chrono::steady_clock::now();
+      unreadable = process(options, table, network, pictures, batch, sinks);
+      took = std::chrono::steady_clock::now() - start;
+    });
   } catch (const Failure&) {
     throw;
   } catch (...) {
     throw Failure(options.network + " with " + options.weights + " for batches of " +
                   std::to_string(batch) + ": " + describeException());
   }
+  const std::size_t rows = pictures.size() - unreadable;
+  for (const auto& sink : sinks)
+    if (rows > 0) sink->finish();
+  if (!options.features.empty() && rows > 0 && !printsLines(options)) {
+    std::printf("%s: %zu rows of %d values, %.1f pictures/s\n", printable(options.features).c_str(),
+                rows, table.outputCount(), static_cast<double>(rows) / took.count());
+  }
+  if (unreadable > 0) {
+    throw Failure(std::to_string(unreadable) + " of " + std::to_string(pictures.size()) +
+                  " pictures could not be read");
+  }
 }
 
 }  // namespace
 
 void addRun(CLI::App& tool) {
-  CLI::App* command = tool.add_subcommand("run", "Run a network on images and print its results");
+  CLI::App* command = tool.add_subcommand("run", "Run a network on pictures");
   const auto options = std::make_shared<Options>();
+  const auto outputs = "Results", inputs = "Pictures";
   addNetworkArgument(*command, options->network);
-  command->add_option("IMAGE", options->images, "PNG or JPEG files")->required();
+  CLI::Option* images =
+      command->add_option("IMAGE", options->images, "PNG or JPEG files, or directories of them");
   command->add_option("-w,--weights", options->weights, "Weight file")
       ->required()
       ->type_name("FILE");
   addPrefixOption(*command, options->prefix);
-  command->add_option("--batch", options->batch, "Most images for one call of the network")
+  command->add_option("--batch", options->batch, "Most pictures for one call of the network")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()))
       ->type_name("N")
       ->capture_default_str();
-  command->add_option("--format", options->format, "Of the results")
-      ->check(CLI::IsMember({"table", "json", "csv"}))
+
+  CLI::Option* list =
+      command->add_option("--list", options->list, "Text file of one picture a line; - reads stdin")
+          ->type_name("FILE")
+          ->group(inputs);
+  command->add_flag("--strict", options->strict, "Stop at the first picture that cannot be read")
+      ->group(inputs);
+  options->threads = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, 16U));
+  command->add_option("--threads", options->threads, "Decode pictures on so many threads")
+      ->check(CLI::Range(1, 256))
+      ->type_name("N")
+      ->capture_default_str()
+      ->group(inputs);
+
+  command->add_option("--format", options->format, "Of the lines; a table unless given")
+      ->check(CLI::IsMember(Report::formats()))
       ->type_name("F")
-      ->capture_default_str();
+      ->group(outputs);
+  CLI::Option* norm =
+      command->add_flag("--norm", options->norm, "The network's second result as well")
+          ->group(outputs);
+  CLI::Option* features =
+      command->add_option("--features", options->features, "Write a NumPy array, a row a picture")
+          ->type_name("FILE.npy")
+          ->group(outputs);
+  CLI::Option* draw =
+      command->add_option("--draw", options->drawings, "Write each picture with its 68 landmarks")
+          ->type_name("DIR")
+          ->group(outputs);
+  command
+      ->add_option("--layout", options->layout, "Landmarks as x0 y0 x1 ..., or all x, then all y")
+      ->check(CLI::IsMember({"xyxy", "xxyy"}))
+      ->needs(draw)
+      ->group(outputs);
+  command->add_option("--scale", options->scale, "Pixels of the network's input for a value of 1")
+      ->needs(draw)
+      ->capture_default_str()
+      ->group(outputs);
+  command->add_option("--compare", options->compared, "Cosine similarity of two descriptors")
+      ->expected(2)
+      ->type_name("A B")
+      ->excludes(images)
+      ->excludes(list)
+      ->excludes(norm)
+      ->excludes(features)
+      ->group(outputs);
   command->footer(
-      "Images are turned grey for a network of one channel, cropped around their centre to its\n"
-      "aspect ratio, then resampled to its size. An orientation tag is ignored.\n"
-      "A table shows the first values of a long group; JSON and CSV hold all of them.\n"
-      "Example: facezoo run DexpressionNet -w weights.msgpack --format json face.jpg");
+      "Directories are searched to the bottom, by name. Pictures are turned grey for a network of\n"
+      "one channel, cropped around their centre to its aspect ratio, then resampled to its size; "
+      "an\n"
+      "orientation tag is ignored. One that cannot be read is reported and left out, and makes "
+      "the\n"
+      "exit code 1. Results come in the order of the pictures.\n"
+      "A table shows the first values of a long group; JSON, CSV and NumPy hold all of them.\n"
+      "With --features, lines are printed only if --format is given, without the values.\n"
+      "Example: facezoo run DexpressionNet -w weights.msgpack --format json face.jpg\n"
+      "Example: facezoo run LCNN29 -w lcnn.msgpack --features descriptors.npy faces/\n"
+      "Example: facezoo run LCNN29 -w lcnn.msgpack --compare one.jpg other.jpg\n"
+      "Example: facezoo run FANet -w fa.msgpack --draw drawn --layout xyxy --scale 224 faces/");
   command->callback([options] { run(*options); });
 }

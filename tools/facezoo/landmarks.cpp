@@ -1,0 +1,73 @@
+#include "landmarks.h"
+
+#include "failure.h"
+#include "files.h"
+#include "images.h"
+
+#include <stb_image_write.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+constexpr int kLandmarks = 68;
+constexpr int kChannels = 3;
+
+struct Point {
+  float x, y;
+};
+
+/// A disc that shows on light and on dark.
+void drawDot(const Picture& picture, Point centre, float radius) {
+  constexpr unsigned char kFill[] = {0, 255, 0};
+  const float rim = radius + 1;
+  const int left = std::max(0, static_cast<int>(centre.x - rim));
+  const int right = std::min(picture.width - 1, static_cast<int>(centre.x + rim));
+  const int top = std::max(0, static_cast<int>(centre.y - rim));
+  const int bottom = std::min(picture.height - 1, static_cast<int>(centre.y + rim));
+  for (int y = top; y <= bottom; ++y) {
+    for (int x = left; x <= right; ++x) {
+      const float distance = std::hypot(x + 0.5F - centre.x, y + 0.5F - centre.y);
+      if (distance > rim) continue;
+      unsigned char* pixel =
+          picture.pixels.get() + (std::size_t(y) * picture.width + std::size_t(x)) * kChannels;
+      for (int c = 0; c < kChannels; ++c) pixel[c] = distance > radius ? 0 : kFill[c];
+    }
+  }
+}
+
+}  // namespace
+
+int drawLandmarks(const std::string& path, const float* values, const LandmarkReading& reading,
+                  const facezoo::InputGeometry& geometry, const std::string& drawing) {
+  const Picture picture = readPicture(path, kChannels);
+  const Crop crop = centreCrop(picture, geometry.width, geometry.height);
+  const float across = static_cast<float>(crop.width) / static_cast<float>(geometry.width);
+  const float down = static_cast<float>(crop.height) / static_cast<float>(geometry.height);
+  const float radius =
+      std::max(1.0F, 0.006F * static_cast<float>(std::max(crop.width, crop.height)));
+  int outside = 0;
+  for (int i = 0; i < kLandmarks; ++i) {
+    const float x = values[reading.pairs ? 2 * i : i];
+    const float y = values[reading.pairs ? 2 * i + 1 : kLandmarks + i];
+    const Point centre = {static_cast<float>(crop.x) + x * reading.scale * across,
+                          static_cast<float>(crop.y) + y * reading.scale * down};
+    const bool inside = centre.x >= 0 && centre.x < static_cast<float>(picture.width) &&
+                        centre.y >= 0 && centre.y < static_cast<float>(picture.height);
+    if (inside) {
+      drawDot(picture, centre, radius);
+    } else {
+      ++outside;
+    }
+  }
+  NewFile file(drawing);
+  const auto append = [](void* stream, void* data, int size) {
+    static_cast<std::ostream*>(stream)->write(static_cast<const char*>(data), size);
+  };
+  if (stbi_write_png_to_func(append, &file.stream(), picture.width, picture.height, kChannels,
+                             picture.pixels.get(), picture.width * kChannels) == 0)
+    throw Failure(drawing + ": not enough memory to encode it");
+  file.keep();
+  return outside;
+}

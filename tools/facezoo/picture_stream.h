@@ -1,0 +1,46 @@
+/// @file
+#pragma once
+
+#include "network_table.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+/// Pictures fitted to a network, decoded on threads of its own ahead of whoever takes them.
+class PictureStream {
+ public:
+  struct Decoded {
+    std::vector<unsigned char> pixels;
+    std::string fault;  ///< why there are no pixels; empty if there are
+  };
+
+  /// @param ahead how many pictures may wait to be taken; bounds the memory
+  PictureStream(const std::vector<std::string>& paths, const facezoo::InputGeometry& geometry,
+                int threads, std::size_t ahead);
+  PictureStream(const PictureStream&) = delete;
+  PictureStream& operator=(const PictureStream&) = delete;
+  ~PictureStream();
+
+  /// The next picture in the order of the paths; to be called once for each.
+  Decoded take();
+
+ private:
+  void work();
+  void stop();
+  Decoded decode(const std::string& path) const;
+
+  const std::vector<std::string>& paths_;
+  const facezoo::InputGeometry geometry_;
+  const std::size_t ahead_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::size_t claimed_ = 0, taken_ = 0;
+  bool stopped_ = false;
+  std::map<std::size_t, Decoded> ready_;
+  std::vector<std::thread> workers_;
+};
