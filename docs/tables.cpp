@@ -33,9 +33,15 @@ const char* kindName(LayerKind kind) {
       return "fully connected";
     case LayerKind::projection:
       return "projection";
-    default:
-      throw std::logic_error("a block reads no array itself");
+    case LayerKind::channelMean:
+    case LayerKind::noMean:
+    case LayerKind::inceptionV1:
+    case LayerKind::inceptionV3_1:
+    case LayerKind::inceptionV3_2:
+    case LayerKind::inceptionMFM:
+      break;
   }
+  throw std::logic_error("a layer without arrays of its own");
 }
 
 template <class Numbers>
@@ -143,10 +149,10 @@ void fillPage(std::istream& in, std::ostream& out) {
     const std::string name =
         line.substr(opening.size(), line.size() - opening.size() - closing.size());
     const auto table = tables.find(name);
-    if (table == tables.end()) throw std::runtime_error("there is no table: " + name);
+    if (table == tables.end()) throw std::runtime_error("there is no table " + name);
     table->second(out);
     while (line != end)
-      if (!std::getline(in, line)) throw std::runtime_error("no " + end + " after table: " + name);
+      if (!std::getline(in, line)) throw std::runtime_error("no end of the table " + name);
     out << line << '\n';
   }
 }
