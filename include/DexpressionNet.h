@@ -6,9 +6,12 @@
 /// Classifies grey 224 × 224 face crops with two heads, mouth and eye.
 class FACEZOO_EXPORT DexpressionNet : public Network {
  public:
+  /// @{
+  /// Constructed, taken over by a copy and destroyed as every `Network`.
   DexpressionNet(const char* weightFile, int maxBatch, std::string prefix);
   DexpressionNet(DexpressionNet& other);
   ~DexpressionNet() override;
+  /// @}
 
   /// @param images device memory, batch × 224 × 224 bytes
   /// @param out1 host memory, batch × 5 floats: per image two probabilities of the mouth head, then

@@ -22,9 +22,12 @@ class FACEZOO_EXPORT GPU {
   /// @throws GPUError 0 if no device qualifies; @throws cudaError if the runtime fails. After a
   /// throw nothing is chosen and the next `GPU()` probes again.
   GPU();
+  /// @{
+  /// Without effect: all objects stand for the same choice.
   GPU(const GPU&) = default;
   GPU& operator=(const GPU&) = default;
   GPU& operator=(GPU&&) { return *this; }  // NOLINT(performance-noexcept-move-constructor)
+  /// @}
 
   /// Index of the chosen device, -1 while none is chosen.
   int getDeviceID();
@@ -33,6 +36,6 @@ class FACEZOO_EXPORT GPU {
   static std::recursive_mutex& getMutex();
 
  protected:
-  static int DeviceID;
-  static std::recursive_mutex mtx;
+  static int DeviceID;              ///< what `getDeviceID` returns
+  static std::recursive_mutex mtx;  ///< what `getMutex` returns
 };

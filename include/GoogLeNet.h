@@ -8,15 +8,17 @@
 /// before.
 class FACEZOO_EXPORT GoogLeNet : public Network {
  public:
+  /// @{
+  /// Constructed, taken over by a copy and destroyed as every `Network`.
   GoogLeNet(const char* weightFile, int maxBatch, std::string prefix);
   GoogLeNet(GoogLeNet& other);
   ~GoogLeNet() override;
+  /// @}
 
   /// @param images device memory, batch × 256 × 256 bytes
   /// @param out1 device memory, batch × 512 floats
-  /// @param out2 host memory, batch floats, or null: per image the L2 norm of the 2048 values
-  /// before
-  ///        they are projected
+  /// @param out2 host memory, batch floats, or null: per image the L2 norm of the 2048 values,
+  ///        before they are projected
   int Forward(void* images, int batch, float* out1, float* out2) override;
 
  private:

@@ -8,15 +8,17 @@
 /// before.
 class FACEZOO_EXPORT GoogLeNetBN : public Network {
  public:
+  /// @{
+  /// Constructed, taken over by a copy and destroyed as every `Network`.
   GoogLeNetBN(const char* weightFile, int maxBatch, std::string prefix);
   GoogLeNetBN(GoogLeNetBN& other);
   ~GoogLeNetBN() override;
+  /// @}
 
   /// @param images device memory, batch × 224 × 224 × 3 bytes
   /// @param out1 device memory, batch × 1024 floats
-  /// @param out2 host memory, batch floats, or null: per image the L2 norm of the 2048 values
-  /// before
-  ///        they are projected
+  /// @param out2 host memory, batch floats, or null: per image the L2 norm of the 2048 values,
+  ///        before they are projected
   int Forward(void* images, int batch, float* out1, float* out2) override;
 
  private:

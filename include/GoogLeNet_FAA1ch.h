@@ -6,9 +6,12 @@
 /// Classifies grey 224 × 224 face images with two heads, mouth and eye.
 class FACEZOO_EXPORT GoogLeNet_FAA1ch : public Network {
  public:
+  /// @{
+  /// Constructed, taken over by a copy and destroyed as every `Network`.
   GoogLeNet_FAA1ch(const char* weightFile, int maxBatch, std::string prefix);
   GoogLeNet_FAA1ch(GoogLeNet_FAA1ch& other);
   ~GoogLeNet_FAA1ch() override;
+  /// @}
 
   /// @param images device memory, batch × 224 × 224 bytes
   /// @param out1 host memory, batch × 5 floats: per image two probabilities of the mouth head, then

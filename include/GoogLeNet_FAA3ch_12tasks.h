@@ -6,9 +6,12 @@
 /// Rates colour 224 × 224 face images with twelve heads.
 class FACEZOO_EXPORT GoogLeNet_FAA3ch_12tasks : public Network {
  public:
+  /// @{
+  /// Constructed, taken over by a copy and destroyed as every `Network`.
   GoogLeNet_FAA3ch_12tasks(const char* weightFile, int maxBatch, std::string prefix);
   GoogLeNet_FAA3ch_12tasks(GoogLeNet_FAA3ch_12tasks& other);
   ~GoogLeNet_FAA3ch_12tasks() override;
+  /// @}
 
   /// @param images device memory, batch × 224 × 224 × 3 bytes
   /// @param out1 host memory, batch × 26 floats. Per image the probabilities of seven classifiers,

@@ -19,8 +19,11 @@ class FACEZOO_EXPORT LayerBase {
   /// Creates the shared context if there is none.
   /// @throws cudnnStatus_t, cudaError
   LayerBase();
+  /// @{
+  /// The base has nothing of its own to copy.
   LayerBase(const LayerBase&) = default;
   LayerBase& operator=(const LayerBase&) = default;
+  /// @}
   /// Destroying a network may fail, so no layer's destructor promises not to throw.
   virtual ~LayerBase() noexcept(false) {}  // NOLINT(modernize-use-equals-default)
 
@@ -49,9 +52,9 @@ class FACEZOO_EXPORT LayerBase {
     return 0;
   }
 
-  static cudnnHandle_t handle_;
-  static void* workspace_;  ///< device memory, `workspaceSize` bytes
-  static bool initialized_;
+  static cudnnHandle_t handle_;  ///< of all layers; null while there is no shared context
+  static void* workspace_;       ///< device memory, `workspaceSize` bytes
+  static bool initialized_;      ///< whether there is a shared context
 
  protected:
   std::size_t workspaceSize;  ///< bytes
@@ -60,7 +63,9 @@ class FACEZOO_EXPORT LayerBase {
 /// Owns one layer. Copying transfers it: the source is left empty, so each layer is deleted once.
 class FACEZOO_EXPORT Layer {
  public:
-  Layer() = default;
+  Layer() = default;  ///< empty
+  /// @{
+  /// Takes the other's layer. What the holder had is deleted.
   Layer(const Layer& other) : layer(other.layer) { other.layer = nullptr; }
   Layer& operator=(const Layer& other) {
     if (this != &other) {
@@ -70,6 +75,7 @@ class FACEZOO_EXPORT Layer {
     }
     return *this;
   }
+  /// @}
   /// Takes ownership; the holder must be empty.
   Layer& operator=(LayerBase* p) {
     layer = p;

@@ -50,9 +50,10 @@ class FACEZOO_EXPORT Network : public LayerBase {
   ///         stays usable.
   virtual int Forward(void* images, int batch, float* out1, float* out2) = 0;
 
-  int getChannels() { return channels; }
-  int getWidth() { return width; }    ///< pixels
-  int getHeight() { return height; }  ///< pixels
+  int getChannels() { return channels; }  ///< bytes per pixel
+  int getWidth() { return width; }        ///< pixels
+  int getHeight() { return height; }      ///< pixels
+  /// Floats per image in `out1`; of a network that ends in a projection, the length before it.
   int getOutputDim() { return outputDim; }
 
   /// Reads and parses `path` into `out`; see the constructor.
@@ -61,11 +62,14 @@ class FACEZOO_EXPORT Network : public LayerBase {
  protected:
   /// Neighbouring holders, or one.
   struct Holders {
+    /// @{
+    /// Implicit, so that a list of holders reads as their names.
     Holders(Layer& one) : first(&one), count(1) {}
     template <std::size_t N>
     Holders(Layer (&several)[N]) : first(several), count(N) {}
-    Layer* first;
-    std::size_t count;
+    /// @}
+    Layer* first;       ///< in the network, which outlives this
+    std::size_t count;  ///< at least 1
   };
 
   /// The common end of every network's constructor: sets the geometry, creates the layers of
@@ -92,13 +96,13 @@ class FACEZOO_EXPORT Network : public LayerBase {
                                           const char* file = __builtin_FILE(),
                                           int line = __builtin_LINE());
 
-  msgpack::v1::object weights;
-  msgpack::v1::unpacked unpacked;
-  int channels;
-  int width;
-  int height;
-  int perImageBytes;
-  int bufferCount;
-  int outputDim;
-  static int network_count;
+  msgpack::v1::object weights;     ///< root of `unpacked`
+  msgpack::v1::unpacked unpacked;  ///< the parsed file; empty once a copy has taken over
+  int channels;                    ///< bytes per pixel
+  int width;                       ///< pixels
+  int height;                      ///< pixels
+  int perImageBytes;               ///< of a pool block, for each image of a batch
+  int bufferCount;                 ///< pool blocks that the network asks for
+  int outputDim;                   ///< what `getOutputDim` returns
+  static int network_count;        ///< live networks; a copy and its empty source count as one
 };

@@ -17,7 +17,7 @@
 
 /// A block of the pool.
 struct PoolBlock {
-  int bytes;
+  int bytes;  ///< at `ptr`
   void* ptr;  ///< device memory
 };
 
@@ -42,16 +42,19 @@ class FACEZOO_EXPORT TensorBase {
 /// Shared handle to a `TensorBase`; copies share the block.
 class FACEZOO_EXPORT Tensor {
  public:
-  Tensor() = default;
+  Tensor() = default;  ///< no block
   /// @throws TensorError 0, see `TensorBase`
   explicit Tensor(int4 shape) : base(std::make_shared<TensorBase>(shape)) {}
+  /// @{
+  /// A copy shares the block; a move hands it over.
   Tensor(const Tensor&) = default;
   Tensor(Tensor&&) = default;
   Tensor& operator=(const Tensor&) = default;
   Tensor& operator=(Tensor&&) = default;
+  /// @}
   virtual ~Tensor() = default;
 
-  std::shared_ptr<TensorBase> base;
+  std::shared_ptr<TensorBase> base;  ///< null where there is no block
 };
 
 // What follows is for the library's own constructors and destructors; it is not exported.
@@ -66,8 +69,8 @@ void growPool(int bytes, int count);
 /// pool
 void freePool();
 
-extern cublasHandle_t blasHandle;
-extern bool blasCreated;
+extern cublasHandle_t blasHandle;  ///< of all fully connected layers
+extern bool blasCreated;           ///< whether there is a `blasHandle`
 
 /// Creates the cuBLAS handle if there is none, then `growPool`.
 /// @throws cublasStatus_t, cudaError

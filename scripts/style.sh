@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# clang-format over every source, clang-tidy over everything that the CPU build compiles; what only
-# the production build does is analysed in scripts/cuda-build-check.sh.
+# clang-format over every source, clang-tidy over everything that the CPU build compiles, Doxygen over
+# the public headers; what only the production build does is analysed in scripts/cuda-build-check.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 git ls-files '*.h' '*.cpp' '*.cu' | xargs clang-format --dry-run -Werror
 cmake --preset host -DFACEZOO_BENCH=ON >/dev/null
 # -fopenmp's pragmas are for the compiler; the analysis needs no OpenMP runtime.
-git ls-files 'src/*.cpp' 'platform/host/*.cpp' 'tools/*.cpp' 'tests/*.cpp' 'bench/*.cpp' \
+git ls-files 'src/*.cpp' 'platform/host/*.cpp' 'tools/*.cpp' 'tests/*.cpp' 'bench/*.cpp' 'docs/*.cpp' \
   ':!tests/cuda_test.cpp' ':!bench/kernels.cpp' |
   xargs -P "$(nproc)" -n 1 clang-tidy -p build/host --quiet 2>/dev/null
+doxygen docs/Doxyfile

@@ -6,8 +6,8 @@
 
 #include <string>
 
-/// Batch normalization with stored statistics (Ioffe and Szegedy, 2015), per channel:
-/// y = gamma · (x - mean) / sqrt(var + epsilon) + beta. The shape stays.
+/// Batch normalization with stored statistics (Ioffe and Szegedy, "Batch normalization", 2015), per
+/// channel: y = gamma · (x - mean) / sqrt(var + epsilon) + beta. The shape stays.
 class BatchNormalization : public LayerBase {
  public:
   /// @param name full layer name; reads name + "-gamma", "-beta", "-avg_mean" and "-avg_var", one

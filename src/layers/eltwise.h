@@ -4,9 +4,9 @@
 #include "kernels/eltwise.h"
 #include "layer.h"
 
-/// Max feature map (Wu et al., "A light CNN for deep face representation"): output channel c is the
-/// larger of the input's channels c and c + C / 2. A NaN in the first half gives NaN, one in the
-/// second half loses.
+/// Max feature map (Wu et al., "A light CNN for deep face representation with noisy labels", 2018):
+/// output channel c is the larger of the input's channels c and c + C / 2. A NaN in the first half
+/// gives NaN, one in the second half loses.
 ///
 /// (N, C, H, W) -> (N, C / 2, H, W).
 class SliceEltwiseMax : public LayerBase {

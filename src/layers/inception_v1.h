@@ -5,7 +5,7 @@
 #include "layers/concat.h"
 #include "layers/pool.h"
 
-/// Inception block (Szegedy et al., "Going deeper with convolutions"): four branches over one
+/// Inception block (Szegedy et al., "Going deeper with convolutions", 2015): four branches over one
 /// input, joined along the channels, every convolution followed by its ReLU.
 ///
 /// (N, C, H, W) -> (N, c1 + c3 + c5 + cp, H, W). Takes six blocks of the pool beside its input.

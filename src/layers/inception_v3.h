@@ -18,8 +18,9 @@ inline Tensor normalizedRelu(Layer* unit, const Tensor& in) {
 
 }  // namespace facezoo
 
-/// Inception block with batch normalization after every convolution (Ioffe and Szegedy, 2015):
-/// four branches over one input, joined along the channels.
+/// Inception block with batch normalization after every convolution, its 5 × 5 convolution replaced
+/// by two of 3 × 3 (Ioffe and Szegedy, "Batch normalization", 2015): four branches over one input,
+/// joined along the channels.
 ///
 /// (N, C, H, W) -> (N, c1x1 + c3 + cd3 + cpool, H, W). Takes six blocks of the pool beside its
 /// input.
@@ -60,7 +61,7 @@ class InceptionV3_1 : public facezoo::Block<14> {
   bool maxPool_;
 };
 
-/// The block of the same network that halves the map: two branches of strided convolutions, and the
+/// The block of the same paper that halves the map: two branches of strided convolutions, and the
 /// pooled input itself.
 ///
 /// (N, C, H, W) with even H and W -> (N, c3 + cd3 + C, H / 2, W / 2).

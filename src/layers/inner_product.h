@@ -4,6 +4,7 @@
 #include "layers/matrix_product.h"
 
 /// Fully connected layer: y[b][o] = sum over i of W[o][i] · x[b][i], plus bias[o] if it has one.
+/// (N, C, H, W) with C·H·W = I -> (N, O, 1, 1).
 class InnerProduct : public facezoo::MatrixProduct {
  public:
   /// @param name full layer name; reads name + "-0" (weights [o][i]) and, with a bias, "-1"

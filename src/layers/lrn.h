@@ -4,7 +4,8 @@
 #include "layer.h"
 #include "layers/handles.h"
 
-/// Local response normalization across channels (Krizhevsky et al., 2012), as cuDNN defines it:
+/// Local response normalization across channels (Krizhevsky et al., "ImageNet classification with
+/// deep convolutional neural networks", 2012), as cuDNN defines it:
 /// y[c] = x[c] / (k + alpha / n · sum of x[j]² over the n channels around c)^beta, where the window
 /// reaches (n - 1) / 2 channels back and channels outside the tensor count as zero.
 ///

@@ -16,7 +16,8 @@ class Pooling : public LayerBase {
  public:
   using LayerBase::operator();
 
-  /// @throws cudnnStatus_t, TensorError 0
+  /// @param window,stride,pad elements in both directions
+  /// @throws cudnnStatus_t, also for parameters that cuDNN refuses; TensorError 0
   Tensor operator()(const Tensor& in, int window, int stride, int pad) {
     struct Shared {
       TensorDescriptor input;

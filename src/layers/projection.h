@@ -3,8 +3,9 @@
 
 #include "layers/matrix_product.h"
 
-/// Projection of centred descriptors, the form of a principal-component projection:
+/// Projection of centred descriptors, the form of a principal-component projection (Pearson, 1901):
 /// y[b][o] = sum over i of W[o][i] · (x[b][i] - mean[i]), for 2048 values an image.
+/// (N, C, H, W) with C·H·W = 2048 -> (N, O, 1, 1).
 ///
 /// The mean is subtracted in place: the input has changed after a call. Whoever needs the
 /// descriptor itself must use it before.

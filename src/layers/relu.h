@@ -4,7 +4,7 @@
 #include "layer.h"
 #include "layers/handles.h"
 
-/// Rectified linear unit: y = max(0, x); NaN stays NaN. The shape stays.
+/// Rectified linear unit (Nair and Hinton, 2010): y = max(0, x); NaN stays NaN. The shape stays.
 class Relu : public LayerBase {
  public:
   /// @throws cudnnStatus_t, TensorError 0

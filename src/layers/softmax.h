@@ -4,8 +4,9 @@
 #include "layer.h"
 #include "layers/handles.h"
 
-/// Softmax over the channels of every image and position: y[c] = exp(x[c]) / sum of exp(x[j]). The
-/// exponentials are of the raw values, without subtracting the maximum. The shape stays.
+/// Softmax (Bridle, 1990) over the channels of every image and position:
+/// y[c] = exp(x[c]) / sum of exp(x[j]). The exponentials are of the raw values, without subtracting
+/// the maximum. The shape stays.
 class Softmax : public LayerBase {
  public:
   /// @throws cudnnStatus_t, TensorError 0
