@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <exception>
 #include <fstream>
-#include <limits>
 #include <utility>
 
 int Network::network_count = 0;
@@ -93,7 +92,7 @@ void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std:
   bufferCount = table.bufferCount;
   outputDim = table.outputDim;
   const std::int64_t blockBytes = std::int64_t{maxBatch} * perImageBytes;
-  if (blockBytes > std::numeric_limits<int>::max()) throw NO_BLOCK;
+  if (blockBytes != static_cast<int>(blockBytes)) throw NO_BLOCK;
   const facezoo::LayerRow* row = table.layers.begin();
   for (const Holders& some : holders) {
     for (std::size_t i = 0; i < some.count; ++i) {

@@ -196,9 +196,12 @@ TEST_F(ContractTest, BadArgumentsOfForwardHaveTheirOwnAnswers) {
   EXPECT_EQ(printed, std::count(lines.begin(), lines.end(), '\n')) << lines;
   run(images.data(), 2, out.data())();
 
-  // 630 × 3411968 bytes exceed an int.
-  EXPECT_EQ(0, thrownBy<TensorError>(
-                   [] { const DexpressionNet huge(seededFile(dexpressionNet), 630, ""); }));
+  // 630 × 3411968 bytes exceed an int, and so do -630.
+  for (const int most : {630, -630, INT_MAX, INT_MIN}) {
+    EXPECT_EQ(0, thrownBy<TensorError>(
+                     [&] { const DexpressionNet vast(seededFile(dexpressionNet), most, ""); }))
+        << most;
+  }
   EXPECT_EQ(1, NetworkProbe::count());
 }
 
