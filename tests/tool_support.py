@@ -1,4 +1,4 @@
-"""What the tests of the command-line tool share; each is run as TEST PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
+"""What the tests of the tool share, which run as TEST PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
 import json, math, os, struct, subprocess, sys, tempfile, unittest
 
 TOOL, PORTRAIT = map(os.path.abspath, sys.argv[1:3])
