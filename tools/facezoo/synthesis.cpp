@@ -67,7 +67,9 @@ Distribution distribution(const LayerRow& layer, WeightRole role) {
 
 void writeRandomWeights(const facezoo::NetworkTable& network, const std::string& prefix,
                         std::uint64_t seed, std::ostream& out) {
-  WeightWriter writer(out, network);
+  std::size_t arrays = 0;
+  facezoo::forEachWeight(network.layers, prefix, [&](auto&&...) { ++arrays; });
+  WeightWriter writer(out, arrays);
   Bell bell(seed);
   constexpr std::size_t kMost = 4096;
   std::vector<float> values;

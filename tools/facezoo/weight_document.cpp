@@ -44,6 +44,18 @@ FloatSummary summarize(std::string_view payload) {
   return summary;
 }
 
+std::string describeShape(const std::vector<std::size_t>& shape) {
+  std::string text;
+  for (const std::size_t size : shape) text += (text.empty() ? "" : ", ") + std::to_string(size);
+  return "[" + text + "]";
+}
+
+std::string describeNotFinite(std::size_t notFinite, std::size_t elements) {
+  if (notFinite == 0) return {};
+  return "expected finite values, found " + std::to_string(notFinite) + " of " +
+         std::to_string(elements) + " NaN or infinite";
+}
+
 WeightDocument::WeightDocument(const std::string& path) : bytes_(readFile(path)) {
   if (bytes_.size == 0) throw Failure(path + ": expected a MessagePack map, found an empty file");
   try {
@@ -79,10 +91,8 @@ const WeightArray* WeightDocument::find(std::string_view name) const {
   return found == byName_.end() ? nullptr : found->second;
 }
 
-WeightWriter::WeightWriter(std::ostream& out, const facezoo::NetworkTable& network) : packer_(out) {
-  std::uint32_t count = 0;
-  facezoo::forEachWeight(network.layers, "", [&](auto&&...) { ++count; });
-  packer_.pack_map(count);
+WeightWriter::WeightWriter(std::ostream& out, std::size_t arrays) : packer_(out) {
+  packer_.pack_map(static_cast<std::uint32_t>(arrays));
 }
 
 void WeightWriter::startArray(const std::string& name, std::size_t elements) {
@@ -99,25 +109,26 @@ WeightFindings checkWeights(const WeightDocument& document, const facezoo::Netwo
   WeightFindings findings;
   std::unordered_set<const WeightArray*> used;
   facezoo::forEachWeight(
-      network.layers, prefix, [&](const std::string& name, std::size_t elements, auto&&...) {
+      network.layers, prefix,
+      [&](const std::string& name, std::size_t elements, const facezoo::LayerRow& layer,
+          facezoo::WeightRole role) {
         ++findings.expected;
-        const std::string expected =
-            ": expected " + std::to_string(elements * sizeof(float)) + " bytes of str, found ";
+        const std::size_t bytes = elements * sizeof(float);
+        const std::string expected = "expected " + std::to_string(bytes) + " bytes of str, shape " +
+                                     describeShape(weightShape(layer, role)) + ", found ";
         const WeightArray* array = document.find(name);
-        if (array == nullptr) {
-          findings.faults.push_back(name + expected + "none");
-          return;
-        }
         used.insert(array);
-        if (!array->loadable()) {
-          findings.faults.push_back(name + expected + array->type);
-        } else if (array->payload.size() != elements * sizeof(float)) {
-          findings.faults.push_back(name + expected + std::to_string(array->payload.size()));
-        } else if (const std::size_t bad = summarize(array->payload).notFinite; bad > 0) {
-          findings.faults.push_back(name + ": expected finite values, found " +
-                                    std::to_string(bad) + " of " + std::to_string(elements) +
-                                    " NaN or infinite");
+        std::string fault;
+        if (array == nullptr) {
+          fault = expected + "none";
+        } else if (!array->loadable()) {
+          fault = expected + array->type;
+        } else if (array->payload.size() != bytes) {
+          fault = expected + std::to_string(array->payload.size()) + " bytes";
+        } else {
+          fault = describeNotFinite(summarize(array->payload).notFinite, elements);
         }
+        if (!fault.empty()) findings.faults.push_back(name + ": " + fault);
       });
   for (const WeightArray& array : document.arrays())
     if (used.count(&array) == 0) findings.unused.push_back(array.name);

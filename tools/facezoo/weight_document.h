@@ -32,6 +32,12 @@ struct FloatSummary {
 };
 FloatSummary summarize(std::string_view payload);
 
+/// As in "[64, 3, 7, 7]".
+std::string describeShape(const std::vector<std::size_t>& shape);
+
+/// What is wrong with an array of which `notFinite` elements are NaN or infinite; empty if none is.
+std::string describeNotFinite(std::size_t notFinite, std::size_t elements);
+
 /// A weight file, parsed without a device.
 class WeightDocument {
  public:
@@ -53,7 +59,7 @@ class WeightDocument {
 /// Writes a weight file, array by array.
 class WeightWriter {
  public:
-  WeightWriter(std::ostream& out, const facezoo::NetworkTable& network);
+  WeightWriter(std::ostream& out, std::size_t arrays);
   /// Its floats are what `append` is given until the next array starts.
   void startArray(const std::string& name, std::size_t elements);
   void append(std::string_view floats);
