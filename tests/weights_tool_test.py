@@ -1,10 +1,52 @@
-"""End-to-end test of the tool's weight files: weights_tool_test.py PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
-import math, re, struct, sys, unittest
+"""Test of the tool's weight files: weights_tool_test.py PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
+import itertools, json, math, os, re, struct, sys, unittest
 from pathlib import Path
 from tool_support import EYE, MOUTH, NET, RUN, ToolCase, pack
 
 
+def file_of(header, data=b"", length=None):
+    """Safetensors file; `header` may be any text, right or wrong, and `length` any claim."""
+    text = header if isinstance(header, bytes) else json.dumps(header).encode()
+    return struct.pack("<Q", len(text) if length is None else length) + text + data
+
+
+def save(tensors):
+    """Safetensors file of name: (type, shape, data)."""
+    ends = [0, *itertools.accumulate(len(data) for *_, data in tensors.values())]
+    return file_of({name: {"dtype": type_, "shape": shape, "data_offsets": [begin, end]}
+                    for (name, (type_, shape, _)), begin, end in zip(
+                        tensors.items(), ends, ends[1:])},
+                   b"".join(data for *_, data in tensors.values()))
+
+
+def load(name):
+    """The reverse of `save`, and the metadata."""
+    content = Path(name).read_bytes()
+    start = 8 + struct.unpack_from("<Q", content)[0]
+    header = json.loads(content[8:start])
+    metadata = header.pop("__metadata__")
+    assert start % 8 == 0
+    return {name: (entry["dtype"], entry["shape"],
+                   content[start:][slice(*entry["data_offsets"])])
+            for name, entry in header.items()}, metadata
+
+
 class WeightsTest(ToolCase):
+    def convert(self, does, source, *args, faults=(), unused=()):
+        """Imports or exports `source` to "made", which `faults` in the listing prevent."""
+        Path("made").unlink(missing_ok=True)
+        stderr = rf"facezoo: {source}: {len(faults)} of 19 [^\n]*\n" if faults else ""
+        out = self.call("weights", does, NET, source, "-o", "made", *args,
+                        code=int(bool(faults)), stderr=stderr)
+        end = [] if faults else [f"made: 19 arrays of {NET}, 2.9 MB, read back and equal"]
+        self.assertEqual([f"fault   {fault}" for fault in faults]
+                         + [f"unused  {name}" for name in unused] + end, out.splitlines())
+        self.assertEqual(not faults, os.path.exists("made"))
+
+    def exported(self):
+        self.convert("export", "good")
+        return load("made")[0]
+
     def test_refuses_arrays(self):
         arrays = {**self.zeros, "conv2a-1": bytes(380), EYE: struct.pack("<3f", *[math.nan] * 3)}
         arrays["spare"] = arrays.pop("conv1-0")
@@ -15,6 +57,7 @@ class WeightsTest(ToolCase):
                   f"{EYE}: expected finite values, found 3 of 3 NaN or infinite"]
         listing = "".join(f"fault   {fault}\n" for fault in faults) + "unused  spare\n"
         self.fail_all([(f"weights check {NET} bad", 1, "bad: 4 of 19 arrays")], listing)
+        self.convert("export", "bad", faults=faults, unused=["spare"])
         self.fail_all([(RUN + " bad", 1, "bad: " + re.escape("; ".join(faults))),
                        ("run LCNN29 face.jpg -w good", 1, "good: conv1-0.* 12544 bytes; .*55 more")])
 
@@ -37,6 +80,107 @@ class WeightsTest(ToolCase):
         self.assert_near(*(self.results("face.jpg", "-w", *rest)[0][1]
                            for rest in (["good"], ["named", "--prefix", "up/"])))
         self.fail_all([(RUN + " named", 1, "named: inMean-0: .*found none")])
+
+    def test_round_trip(self):
+        for does in "import", "export":
+            self.assertIn(f"Example: facezoo weights {does}", self.call("weights", does, "--help"))
+        known = {name: struct.pack(f"<{len(zeros) // 4}f", *range(i, i + len(zeros) // 4))
+                 for i, (name, zeros) in enumerate(self.zeros.items())}
+        Path("known").write_bytes(pack(known.items()))
+        self.convert("export", "known")
+        tensors, metadata = load("made")
+        self.assertEqual({"network": NET}, metadata)
+        self.assertTrue([*known.items()] == [(name, data) for name, (*_, data) in tensors.items()])
+        self.assertEqual(("F32", [64, 1, 7, 7]), tensors["conv1-0"][:2])
+        self.call("weights", "synth", NET, "-o", "up", "--seed", "7", "--prefix", "up/")
+        for source, prefix in ("good", ""), ("up", "up/"):
+            self.convert("export", source, "--prefix", prefix)
+            os.rename("made", "file")
+            self.assertEqual([prefix + name for name in known], [*load("file")[0]])
+            self.convert("import", "file", "--prefix", prefix)
+            self.assertTrue(Path("made").read_bytes() == Path(source).read_bytes())
+
+    def test_widens(self):
+        floats = {"F16": (0x7C00, lambda bits: struct.pack(
+                      "<f", *struct.unpack("<e", struct.pack("<H", bits)))),
+                  "BF16": (0x7F80, lambda bits: struct.pack("<I", bits << 16))}
+        tensors = self.exported()
+        for type_, (exponent, widen) in floats.items():
+            with self.subTest(type_):
+                wide = {bits: widen(bits) for bits in range(1 << 16) if bits & exponent != exponent}
+                patterns, halves, expected = itertools.cycle(wide), {}, {}
+                for name, (_, shape, data) in tensors.items():
+                    some = [*itertools.islice(patterns, len(data) // 4)]
+                    halves[name] = type_, shape, struct.pack(f"<{len(some)}H", *some)
+                    expected[name] = "F32", shape, b"".join(map(wide.get, some))
+                Path("file").write_bytes(save(halves))
+                self.convert("import", "file")
+                os.rename("made", "wide")
+                self.convert("export", "wide")
+                self.assertTrue(expected == load("made")[0])
+                halves[EYE] = type_, [3], struct.pack("<3H", exponent, exponent | 0x8001, 0)
+                Path("file").write_bytes(save(halves))
+                self.convert("import", "file", faults=[
+                    f"{EYE}: expected finite values, found 2 of 3 NaN or infinite"])
+
+    def test_matches_tensors(self):
+        tensors, matrix = self.exported(), "loss3/classifier_acce_eye-0"
+        _, (out, inner), _ = tensors[matrix]
+        shapes = {  # of which the first rows keep the order of elements
+            ("conv1-0", (64, 7, 7)): "", ("conv1-1", (1, 64, 1, 1)): "",
+            (matrix, (out, inner // 4, 2, 2)): "", (matrix, (1, out, inner)): "",
+            ("conv1-0", (7, 7, 1, 64)): "[64, 1, 7, 7]", ("conv1-0", (64, 49)): "[64, 1, 7, 7]",
+            (matrix, (inner, out)): f"[{out}, {inner}]", ("conv1-1", (8, 8)): "[64]"}
+        for (name, shape), expected in shapes.items():
+            with self.subTest((name, shape)):
+                Path("file").write_bytes(save({**tensors, name: ("F32", shape, tensors[name][2])}))
+                self.convert("import", "file", faults=[
+                    f"{name}: expected shape {expected}, found {[*shape]}"] if expected else [])
+        others = {"features.0": tensors.pop("conv1-0"), "steps": ("I64", [], bytes(8)), **tensors}
+        others["conv1-1"] = "F64", [64], bytes(512)
+        Path("file").write_bytes(save(others))
+        self.convert("import", "file", unused=["features.0", "steps"], faults=[
+            "conv1-0: expected shape [64, 1, 7, 7], found none",
+            "conv1-1: expected F32, F16 or BF16, found F64"])
+        Path("file").write_bytes(save({**others, "conv1-1": tensors["conv1-1"]}))
+        Path("names").write_text('{"conv1-0": "features.0"}')
+        self.convert("import", "file", "--names", "names", unused=["steps"])
+        Path("names").write_text('{"conv1-0": "features.0", "conv1-1": "features.0"}')
+        self.convert("import", "file", "--names", "names", unused=["steps", "conv1-1"], faults=[
+            "conv1-1 from features.0: expected a tensor of its own, found that of conv1-0"])
+        for text, line in (('{"conv9": "a", "conv1-0": 1}', "conv1-0: .*number; .*found conv9"),
+                           ("[]", "found array"), ('{"a": {}}', "1 level"), ("{", "byte 2")):
+            Path("names").write_text(text)
+            self.fail_all([(f"weights import {NET} file --names names -o no", 1, f"names:.*{line}")])
+
+    def test_refuses_safetensors(self):
+        def entry(dtype="U8", shape=(4,), data_offsets=(0, 4)):
+            return dict(dtype=dtype, shape=shape, data_offsets=data_offsets)
+        a = json.dumps(entry()).encode()
+        files = {  # each would be taken but for what the line says
+            b"1234": "8 bytes", file_of({}, length=3): "3 bytes, found 2",
+            file_of({}, length=2 ** 64 - 1): "at most", file_of(b""): "byte 1",
+            file_of(b"{}\0{}"): "NUL", file_of(b'{"\xff": 1}'): "JSON", file_of(b"[]"): "array",
+            file_of(b"[" * 99999): "at most 3 levels", file_of(b'{"a":[[{}]]}'): "3 levels",
+            file_of(b'{"a":%b,"\\u0061":%b}' % (a, a), b"1234"): "another a",
+            file_of({"a": 1}): "a: .*object, found number", file_of({"a": {}}): "dtype, found none",
+            file_of({"a": entry("F5")}, b"1234"): "F5", file_of({"__metadata__": {"a": 1}}): "string"}
+        files.update({file_of({"a": entry(), "b": entry(**change)}, data): line
+                      for change, data, line in (
+            (dict(data_offsets=(4, 8)), b"1234567", "inside 7 bytes"),
+            (dict(data_offsets=(4, 8)), b"123456789", "8 bytes of data, found 9"),
+            (dict(data_offsets=(3, 7)), b"1234567", "b: .*byte 4, found it at 3"),
+            (dict(data_offsets=(5, 9)), b"123456789", "b: .*byte 4, found it at 5"),
+            (dict(data_offsets=(8, 4)), b"12345678", "b: .*start and end"),
+            (dict(data_offsets=(4, 8, 9)), b"12345678", "b: .*start and end"),
+            (dict(data_offsets=(4, 7)), b"1234567", "b: .*4 bytes of data, found 3"),
+            (dict(shape=(2 ** 63, 2, 1), data_offsets=(4, 4)), b"1234", "b: .*shape"),
+            *((dict(shape=(size,), data_offsets=(4, 8)), b"12345678", "b: .*shape .*whole numbers")
+              for size in (-4, 4.0, "4", None, 2 ** 65)))})
+        for content, line in files.items():
+            Path("file").write_bytes(content)
+            self.fail_all([(f"weights import {NET} file -o new", 1, f"\\bfile: .*{line}")])
+        self.assertEqual({"face.jpg", "good", "file"}, {*os.listdir()})
 
 
 unittest.main(argv=sys.argv[:1])

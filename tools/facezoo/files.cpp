@@ -104,10 +104,15 @@ NewFile::~NewFile() {
   temporary_[0] = '\0';
 }
 
-void NewFile::keep() {
+const std::string& NewFile::close() {
   errno = 0;
-  stream_.close();
+  if (stream_.is_open()) stream_.close();
   if (!stream_) throw Failure(path_ + ": cannot be written: " + reason(errno));
+  return temporary_;
+}
+
+void NewFile::keep() {
+  close();
   std::error_code error;
   fs::rename(temporary_, path_, error);
   if (error) throw Failure(path_ + ": cannot be written: " + error.message());

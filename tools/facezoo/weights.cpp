@@ -5,31 +5,32 @@
 #include "networks.h"
 #include "synthesis.h"
 #include "weight_document.h"
+#include "weight_exchange.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 
 namespace {
 
 struct Options {
-  std::string network, file, prefix;
+  std::string network, file, output, prefix, names;
   std::uint64_t seed = 1;
 };
 
 void synthesize(const Options& options) {
-  NewFile file(options.file);
+  NewFile file(options.output);
   writeRandomWeights(*findNetwork(options.network).table, options.prefix, options.seed,
                      file.stream());
   file.keep();
-  std::printf("%s: weights of %s, seed %ju\n", printable(options.file).c_str(),
+  std::printf("%s: weights of %s, seed %ju\n", printable(options.output).c_str(),
               options.network.c_str(), std::uintmax_t{options.seed});
 }
 
-void check(const Options& options) {
-  const WeightFindings findings = checkWeights(WeightDocument(options.file),
-                                               *findNetwork(options.network).table, options.prefix);
+/// Lists what was found. @throws Failure if there are faults
+void report(const WeightFindings& findings, const Options& options) {
   for (const std::string& fault : findings.faults)
     std::printf("fault   %s\n", printable(fault).c_str());
   for (const std::string& name : findings.unused)
@@ -39,8 +40,60 @@ void check(const Options& options) {
                   std::to_string(findings.expected) + " arrays of " + options.network +
                   " are faulty or missing");
   }
+}
+
+void check(const Options& options) {
+  const WeightFindings findings = checkWeights(WeightDocument(options.file),
+                                               *findNetwork(options.network).table, options.prefix);
+  report(findings, options);
   std::printf("OK: %zu arrays of %s, %zu unused\n", findings.expected, options.network.c_str(),
               findings.unused.size());
+}
+
+/// Writes the arrays to the output, which gets its name only after `requireSame` has read it back.
+void convert(const std::vector<StoredTensor>& arrays, const Options& options,
+             const std::function<void(std::ostream&)>& write,
+             const std::function<void(const std::string& path)>& requireSame) {
+  NewFile file(options.output);
+  write(file.stream());
+  const std::string& written = file.close();
+  try {
+    requireSame(written);
+  } catch (const Failure& failure) {
+    throw Failure(options.output + ": reading it back: " + failure.what());
+  }
+  file.keep();
+  std::size_t elements = 0;
+  for (const StoredTensor& array : arrays) elements += array.elements();
+  std::printf("%s: %zu arrays of %s, %.1f MB, read back and equal\n",
+              printable(options.output).c_str(), arrays.size(), options.network.c_str(),
+              static_cast<double>(elements * sizeof(float)) / 1e6);
+}
+
+void importWeights(const Options& options) {
+  const facezoo::NetworkTable& network = *findNetwork(options.network).table;
+  TensorNames names;
+  if (!options.names.empty()) names = readTensorNames(options.names, network, options.prefix);
+  const TensorFile source(options.file);
+  const TensorSelection selection = selectTensors(source.tensors(), network, options.prefix, names);
+  report(selection.findings, options);
+  const std::vector<StoredTensor>& arrays = selection.arrays;
+  convert(
+      arrays, options, [&](std::ostream& out) { writeWeights(arrays, out); },
+      [&](const std::string& path) {
+        const WeightDocument written(path);
+        requireEqual(arrays, tensorsOf(written, network, options.prefix));
+      });
+}
+
+void exportWeights(const Options& options) {
+  const facezoo::NetworkTable& network = *findNetwork(options.network).table;
+  const WeightDocument source(options.file);
+  report(checkWeights(source, network, options.prefix), options);
+  const std::vector<StoredTensor> arrays = tensorsOf(source, network, options.prefix);
+  convert(
+      arrays, options, [&](std::ostream& out) { writeSafetensors(arrays, options.network, out); },
+      [&](const std::string& path) { requireEqual(arrays, TensorFile(path).tensors()); });
 }
 
 void show(const Options& options) {
@@ -72,25 +125,31 @@ std::string wholeNumber(const std::string& text) {
 }  // namespace
 
 void addWeights(CLI::App& tool) {
-  CLI::App* weights = tool.add_subcommand("weights", "Create, check or list weight files");
+  CLI::App* weights = tool.add_subcommand("weights", "Create, check, convert or list weight files");
   weights->require_subcommand(1);
   weights->footer("Example: facezoo weights check DexpressionNet weights.msgpack");
   const auto options = std::make_shared<Options>();
   const auto add = [&](const char* name, const char* does, void (*command)(const Options&),
-                       const char* example) {
+                       const std::string& example, const std::string& notes = "") {
     CLI::App* sub = weights->add_subcommand(name, does);
-    sub->footer(std::string("Example: facezoo weights ") + name + " " + example);
+    sub->footer(std::string("Example: facezoo weights ") + name + " " + example + notes);
     sub->callback([options, command] { command(*options); });
     return sub;
+  };
+  const auto addFile = [&](CLI::App& sub, const char* what) {
+    sub.add_option("FILE", options->file, what)->required();
+  };
+  const auto addOutput = [&](CLI::App& sub) {
+    sub.add_option("-o,--output", options->output, "File to write, complete or not at all")
+        ->required()
+        ->type_name("FILE");
   };
 
   CLI::App* synth =
       add("synth", "Write a file of seeded random weights, scaled to give sane results", synthesize,
           "DexpressionNet -o weights.msgpack --seed 7");
   addNetworkArgument(*synth, options->network);
-  synth->add_option("-o,--output", options->file, "File to write, complete or not at all")
-      ->required()
-      ->type_name("FILE");
+  addOutput(*synth);
   synth->add_option("--seed", options->seed, "Same seed, same file")
       ->type_name("S")
       ->check(wholeNumber)
@@ -99,11 +158,38 @@ void addWeights(CLI::App& tool) {
 
   CLI::App* checked = add(
       "check", "List every array that is missing, mis-sized, of a wrong type, not finite or unused",
-      check, "DexpressionNet weights.msgpack");
+      check, "DexpressionNet weights.msgpack",
+      "\nA weight file is a MessagePack map of names to the bytes of 32-bit floats, as str. "
+      "Networks"
+      "\nread their arrays by prefix and name, and leave what else is in the file alone.");
   addNetworkArgument(*checked, options->network);
-  checked->add_option("FILE", options->file, "Weight file")->required();
+  addFile(*checked, "Weight file");
   addPrefixOption(*checked, options->prefix);
 
+  CLI::App* imported =
+      add("import", "Write the weight file of what a safetensors file holds", importWeights,
+          "LCNN29 model.safetensors -o weights.msgpack --names names.json",
+          "\nTensors are F32, F16 or BF16, which widen exactly, of shape [out, in, row, column] or"
+          "\n[out, in]; sizes of 1 make no difference. Each is named as in the weight file, prefix"
+          "\nincluded; MAP is for other names:"
+          "\n  {\"conv1-0\": \"features.0.weight\", \"conv1-1\": \"features.0.bias\"}");
+  addNetworkArgument(*imported, options->network);
+  addFile(*imported, "Safetensors file");
+  addOutput(*imported);
+  imported->add_option("--names", options->names, "JSON object of weight names to tensor names")
+      ->type_name("MAP");
+  addPrefixOption(*imported, options->prefix);
+
+  CLI::App* exported =
+      add("export", "Write the safetensors file of a network's weights", exportWeights,
+          "LCNN29 weights.msgpack -o model.safetensors",
+          "\nTensors are F32, in the network's order, named as in the weight file, prefix included."
+          "\nA weight file that `check` finds faulty is not exported.");
+  addNetworkArgument(*exported, options->network);
+  addFile(*exported, "Weight file");
+  addOutput(*exported);
+  addPrefixOption(*exported, options->prefix);
+
   CLI::App* shown = add("show", "List what a weight file holds", show, "weights.msgpack");
-  shown->add_option("FILE", options->file, "Weight file")->required();
+  addFile(*shown, "Weight file");
 }

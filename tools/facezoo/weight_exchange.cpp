@@ -1,0 +1,158 @@
+#include "weight_exchange.h"
+
+#include "failure.h"
+#include "files.h"
+#include "strict_json.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+namespace {
+
+using facezoo::LayerKind;
+using facezoo::LayerRow;
+using facezoo::NetworkTable;
+using facezoo::WeightRole;
+using Shape = std::vector<std::size_t>;
+
+Shape withoutOnes(Shape shape) {
+  shape.erase(std::remove(shape.begin(), shape.end(), std::size_t{1}), shape.end());
+  return shape;
+}
+
+/// Whether the tensor has the elements of the weight in the same order. A fully connected layer
+/// sees a feature map as a row of values, however its sizes are written.
+bool fits(const StoredTensor& tensor, std::size_t elements, const LayerRow& layer,
+          WeightRole role) {
+  const Shape expected = weightShape(layer, role);
+  if (withoutOnes(tensor.shape) == withoutOnes(expected)) return true;
+  const bool isMatrix = role == WeightRole::filter && expected.size() == 2;
+  return isMatrix && tensor.elements() == elements && !tensor.shape.empty() &&
+         tensor.shape.front() == expected.front();
+}
+
+/// Empty if there is none.
+std::string describeFault(const StoredTensor& tensor, std::size_t elements, const LayerRow& layer,
+                          WeightRole role) {
+  if (!holdsFloats(tensor)) return "expected F32, F16 or BF16, found " + tensor.type;
+  if (!fits(tensor, elements, layer, role))
+    return "expected shape " + describeShape(weightShape(layer, role)) + ", found " +
+           describeShape(tensor.shape);
+  std::size_t notFinite = 0;
+  readFloats(tensor, [&](std::string_view floats) { notFinite += summarize(floats).notFinite; });
+  return describeNotFinite(notFinite, elements);
+}
+
+bool haveEqualFloats(const StoredTensor& written, std::string_view readBack) {
+  bool equal = written.elements() * sizeof(float) == readBack.size();
+  if (!equal) return false;
+  readFloats(written, [&](std::string_view floats) {
+    equal = equal && floats == readBack.substr(0, floats.size());
+    readBack.remove_prefix(floats.size());
+  });
+  return equal;
+}
+
+}  // namespace
+
+TensorNames readTensorNames(const std::string& path, const NetworkTable& network,
+                            const std::string& prefix) {
+  const facezoo::FileBytes bytes = readFile(path);
+  nlohmann::json document;
+  try {
+    document = parseStrictJson({bytes.data.get(), bytes.size}, 1);
+  } catch (const Failure& failure) {
+    throw Failure(path + ": " + failure.what());
+  }
+  if (!document.is_object())
+    throw Failure(path + ": expected a JSON object, found " + document.type_name());
+  std::unordered_set<std::string> weights;
+  facezoo::forEachWeight(network.layers, prefix,
+                         [&](const std::string& name, auto&&...) { weights.insert(name); });
+  TensorNames names;
+  std::string faults;
+  for (const auto& [weight, tensor] : document.items()) {
+    if (weights.count(weight) == 0) {
+      faults.append("; expected a weight of ")
+          .append(network.name)
+          .append(", found ")
+          .append(weight);
+    } else if (!tensor.is_string()) {
+      faults.append("; ")
+          .append(weight)
+          .append(": expected a name, found ")
+          .append(tensor.type_name());
+    } else {
+      names.emplace(weight, tensor);
+    }
+  }
+  if (!faults.empty()) throw Failure(path + ": " + faults.substr(2));
+  return names;
+}
+
+TensorSelection selectTensors(const std::vector<StoredTensor>& tensors, const NetworkTable& network,
+                              const std::string& prefix, const TensorNames& names) {
+  std::unordered_map<std::string_view, const StoredTensor*> byName;
+  for (const StoredTensor& tensor : tensors) byName.emplace(tensor.name, &tensor);
+
+  TensorSelection selection;
+  std::unordered_map<const StoredTensor*, std::string> users;
+  facezoo::forEachWeight(
+      network.layers, prefix,
+      [&](const std::string& weight, std::size_t elements, const LayerRow& layer, WeightRole role) {
+        ++selection.findings.expected;
+        const auto renamed = names.find(weight);
+        const std::string& name = renamed == names.end() ? weight : renamed->second;
+        const auto found = byName.find(name);
+        std::string fault;
+        if (found == byName.end()) {
+          fault = "expected shape " + describeShape(weightShape(layer, role)) + ", found none";
+        } else if (const auto [user, isFirst] = users.emplace(found->second, weight); !isFirst) {
+          fault = "expected a tensor of its own, found that of " + user->second;
+        } else {
+          fault = describeFault(*found->second, elements, layer, role);
+        }
+        if (fault.empty()) {
+          const StoredTensor& tensor = *found->second;
+          selection.arrays.push_back({weight, tensor.type, weightShape(layer, role), tensor.data});
+        } else {
+          selection.findings.faults.push_back(weight + (name == weight ? "" : " from " + name) +
+                                              ": " + fault);
+        }
+      });
+  for (const StoredTensor& tensor : tensors)
+    if (users.count(&tensor) == 0) selection.findings.unused.push_back(tensor.name);
+  return selection;
+}
+
+std::vector<StoredTensor> tensorsOf(const WeightDocument& document, const NetworkTable& network,
+                                    const std::string& prefix) {
+  std::vector<StoredTensor> tensors;
+  facezoo::forEachWeight(
+      network.layers, prefix,
+      [&](const std::string& name, std::size_t, const LayerRow& layer, WeightRole role) {
+        if (const WeightArray* array = document.find(name))
+          tensors.push_back({name, "F32", weightShape(layer, role), array->payload});
+      });
+  return tensors;
+}
+
+void writeWeights(const std::vector<StoredTensor>& arrays, std::ostream& out) {
+  WeightWriter writer(out, arrays.size());
+  for (const StoredTensor& array : arrays) {
+    writer.startArray(array.name, array.elements());
+    readFloats(array, [&](std::string_view floats) { writer.append(floats); });
+  }
+}
+
+void requireEqual(const std::vector<StoredTensor>& written,
+                  const std::vector<StoredTensor>& readBack) {
+  if (readBack.size() != written.size())
+    throw Failure("expected " + std::to_string(written.size()) + " arrays read back, found " +
+                  std::to_string(readBack.size()));
+  for (std::size_t i = 0; i < written.size(); ++i) {
+    if (readBack[i].name != written[i].name || readBack[i].shape != written[i].shape ||
+        !haveEqualFloats(written[i], readBack[i].data))
+      throw Failure(written[i].name + ": expected what was written, found other bytes");
+  }
+}
