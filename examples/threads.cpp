@@ -1,0 +1,40 @@
+// Rates faces by one DexpressionNet, each on a thread of its own.
+//   threads WEIGHTS IMAGE...
+#include <facezoo.h>
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <future>
+#include <vector>
+
+using Ratings = std::array<float, 5>;
+static Ratings rate(DexpressionNet& net, int device, const char* path) {
+  std::array<char, 224 * 224> image;
+  if (!std::ifstream(path, std::ios::binary).read(image.data(), image.size()))
+    throw std::runtime_error(std::string(path) + ": expected 50176 bytes");
+  CheckCuda(cudaSetDevice(device));  // each thread has its own current device
+  void* input;
+  CheckCuda(cudaMalloc(&input, image.size()));
+  CheckCuda(cudaMemcpy(input, image.data(), image.size(), cudaMemcpyHostToDevice));
+  Ratings ratings;
+  std::unique_lock<std::recursive_mutex> lock(GPU::getMutex());
+  net.Forward(input, 1, ratings.data(), nullptr);
+  lock.unlock();
+  CheckCuda(cudaFree(input));
+  return ratings;
+}
+
+int main(int argc, char** argv) try {
+  if (argc < 3) throw std::runtime_error("expected a file of weights and images");
+  GPU gpu;
+  DexpressionNet net(argv[1], 1, "");  // no other thread runs yet, so it needs no lock
+  std::vector<std::future<Ratings>> running;
+  for (int i = 2; i < argc; ++i)
+    running.push_back(
+        std::async(std::launch::async, rate, std::ref(net), gpu.getDeviceID(), argv[i]));
+  for (auto& future : running)
+    for (float probability : future.get()) std::printf("%.3f\n", probability);
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "threads: %s\n", e.what());
+  return 1;
+}
