@@ -1,0 +1,61 @@
+# What is installed and where, and how others find it there. Nothing of it names the folder it was
+# installed to, so the whole may move.
+include(CMakePackageConfigHelpers)
+set(_headers ${CMAKE_INSTALL_INCLUDEDIR}/facezoo)
+set(_package ${CMAKE_INSTALL_LIBDIR}/cmake/facezoo)
+set(_documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/facezoo)
+
+set(_targets facezoo facezoo_interface facezoo_platform)
+if(FACEZOO_PLATFORM STREQUAL host)
+  list(APPEND _targets facezoo_host)
+  install(DIRECTORY platform/host/include/ DESTINATION ${_headers}/host)
+endif()
+install(TARGETS ${_targets} EXPORT facezoo LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY include/ DESTINATION ${_headers})
+install(FILES ${PROJECT_BINARY_DIR}/include/facezoo_export.h DESTINATION ${_headers})
+install(FILES README.md DESTINATION ${_documents})
+install(DIRECTORY examples DESTINATION ${_documents})
+
+install(EXPORT facezoo NAMESPACE facezoo:: FILE facezooTargets.cmake DESTINATION ${_package})
+configure_package_config_file(cmake/facezooConfig.cmake.in facezooConfig.cmake
+  INSTALL_DESTINATION ${_package} NO_SET_AND_CHECK_MACRO NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+write_basic_package_version_file(facezooConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES cmake/FindcuDNN.cmake ${PROJECT_BINARY_DIR}/facezooConfig.cmake
+  ${PROJECT_BINARY_DIR}/facezooConfigVersion.cmake DESTINATION ${_package})
+
+# The compiler searches some folders anyway; others, and the libraries of a card, are where this
+# machine has them.
+set(_pc_cflags)
+set(_pc_libs)
+set(_include_dirs ${FACEZOO_MSGPACK_INCLUDE_DIR})
+if(FACEZOO_PLATFORM STREQUAL host)
+  set(_pc_cflags "-I\${includedir}/facezoo/host")
+  set(_pc_libs -lfacezoo_host)
+else()
+  foreach(_library CUDA::cudart CUDA::cublas cuDNN::cuDNN)
+    get_target_property(_location ${_library} IMPORTED_LOCATION)
+    get_target_property(_dirs ${_library} INTERFACE_INCLUDE_DIRECTORIES)
+    list(APPEND _pc_libs ${_location})
+    list(APPEND _include_dirs ${_dirs})
+  endforeach()
+endif()
+list(REMOVE_DUPLICATES _include_dirs)
+list(REMOVE_ITEM _include_dirs ${CMAKE_CXX_IMPLICIT_INCLUDE_DIRECTORIES})
+list(TRANSFORM _include_dirs PREPEND "-isystem ")
+list(JOIN _include_dirs " " _include_dirs)
+list(JOIN _pc_libs " " _pc_libs)
+set(_pkgconfig ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH _to_prefix ${_pkgconfig} ${CMAKE_INSTALL_PREFIX})
+file(RELATIVE_PATH _to_includes ${_pkgconfig} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+configure_file(cmake/facezoo.pc.in facezoo.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/facezoo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+if(FACEZOO_TOOL)
+  install(TARGETS facezoo_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES tools/facezoo/completion.bash
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions RENAME facezoo)
+  add_custom_command(OUTPUT facezoo.1.gz DEPENDS docs/facezoo.1
+    COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/docs/facezoo.1 > facezoo.1.gz VERBATIM)
+  add_custom_target(facezoo_manual ALL DEPENDS facezoo.1.gz)
+  install(FILES ${PROJECT_BINARY_DIR}/facezoo.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
