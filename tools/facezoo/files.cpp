@@ -104,7 +104,7 @@ NewFile::~NewFile() {
   temporary_[0] = '\0';
 }
 
-const std::string& NewFile::close() {
+std::string NewFile::close() {
   errno = 0;
   if (stream_.is_open()) stream_.close();
   if (!stream_) throw Failure(path_ + ": cannot be written: " + reason(errno));

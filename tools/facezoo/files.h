@@ -26,7 +26,7 @@ class NewFile {
   std::ostream& stream() { return stream_; }
   /// Ends writing. Returns the temporary file's name, by which it can be read until it is kept.
   /// @throws Failure if not everything could be written
-  const std::string& close();
+  std::string close();
   /// Closes the file and replaces what had the name before. @throws Failure
   void keep();
 
