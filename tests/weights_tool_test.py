@@ -59,7 +59,7 @@ class WeightsTest(ToolCase):
         self.fail_all([(f"weights check {NET} bad", 1, "bad: 4 of 19 arrays")], listing)
         self.convert("export", "bad", faults=faults, unused=["spare"])
         self.fail_all([(RUN + " bad", 1, "bad: " + re.escape("; ".join(faults))),
-                       ("run LCNN29 face.jpg -w good", 1, "good: conv1-0.* 12544 bytes; .*55 more")])
+                       ("run LCNN29 face.jpg -w good", 1, "conv1-0.* 12544 bytes; .*55 more")])
 
     def test_reads_known_weights(self):
         odds = struct.pack("<5f", 0, math.log(3), 0, math.log(2), math.log(5))
@@ -148,10 +148,10 @@ class WeightsTest(ToolCase):
         Path("names").write_text('{"conv1-0": "features.0", "conv1-1": "features.0"}')
         self.convert("import", "file", "--names", "names", unused=["steps", "conv1-1"], faults=[
             "conv1-1 from features.0: expected a tensor of its own, found that of conv1-0"])
-        for text, line in (('{"conv9": "a", "conv1-0": 1}', "conv1-0: .*number; .*found conv9"),
+        for text, line in (('{"conv9": "a", "conv1-0": 1}', "conv1-0: .*number; .*conv9"),
                            ("[]", "found array"), ('{"a": {}}', "1 level"), ("{", "byte 2")):
             Path("names").write_text(text)
-            self.fail_all([(f"weights import {NET} file --names names -o no", 1, f"names:.*{line}")])
+            self.fail_all([(f"weights import {NET} file --names names -o no", 1, f"names.*{line}")])
 
     def test_refuses_safetensors(self):
         def entry(dtype="U8", shape=(4,), data_offsets=(0, 4)):
@@ -164,7 +164,7 @@ class WeightsTest(ToolCase):
             file_of(b"[" * 99999): "at most 3 levels", file_of(b'{"a":[[{}]]}'): "3 levels",
             file_of(b'{"a":%b,"\\u0061":%b}' % (a, a), b"1234"): "another a",
             file_of({"a": 1}): "a: .*object, found number", file_of({"a": {}}): "dtype, found none",
-            file_of({"a": entry("F5")}, b"1234"): "F5", file_of({"__metadata__": {"a": 1}}): "string"}
+            file_of({"a": entry("Q5")}): "Q5", file_of({"__metadata__": {"a": 1}}): "string"}
         files.update({file_of({"a": entry(), "b": entry(**change)}, data): line
                       for change, data, line in (
             (dict(data_offsets=(4, 8)), b"1234567", "inside 7 bytes"),

@@ -9,7 +9,6 @@
 
 namespace {
 
-using facezoo::LayerKind;
 using facezoo::LayerRow;
 using facezoo::NetworkTable;
 using facezoo::WeightRole;
@@ -43,6 +42,14 @@ std::string describeFault(const StoredTensor& tensor, std::size_t elements, cons
   return describeNotFinite(notFinite, elements);
 }
 
+/// Empty if there is none.
+std::string describeFault(const std::string& weight, bool known, const nlohmann::json& tensor) {
+  if (!known) return "expected names of the network's weights, found " + weight;
+  if (!tensor.is_string())
+    return weight + ": expected the name of a tensor, found " + tensor.type_name();
+  return {};
+}
+
 bool haveEqualFloats(const StoredTensor& written, std::string_view readBack) {
   bool equal = written.elements() * sizeof(float) == readBack.size();
   if (!equal) return false;
@@ -72,21 +79,14 @@ TensorNames readTensorNames(const std::string& path, const NetworkTable& network
   TensorNames names;
   std::string faults;
   for (const auto& [weight, tensor] : document.items()) {
-    if (weights.count(weight) == 0) {
-      faults.append("; expected a weight of ")
-          .append(network.name)
-          .append(", found ")
-          .append(weight);
-    } else if (!tensor.is_string()) {
-      faults.append("; ")
-          .append(weight)
-          .append(": expected a name, found ")
-          .append(tensor.type_name());
-    } else {
+    const std::string fault = describeFault(weight, weights.count(weight) > 0, tensor);
+    if (fault.empty()) {
       names.emplace(weight, tensor);
+    } else {
+      faults += (faults.empty() ? "" : "; ") + fault;
     }
   }
-  if (!faults.empty()) throw Failure(path + ": " + faults.substr(2));
+  if (!faults.empty()) throw Failure(path + ": " + faults);
   return names;
 }
 
