@@ -1,6 +1,7 @@
 """End-to-end test of the command-line tool: tool_test.py PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
 import ast, csv, glob, json, math, os, re, resource, shutil, signal, struct, subprocess, sys, unittest, zlib
 from pathlib import Path
+from unittest import mock
 from tool_support import NET, PORTRAIT, RUN, TOOL, ToolCase
 
 
@@ -46,7 +47,15 @@ class ToolTest(ToolCase):
     def test_informs(self):
         for words in ", info, run, weights, weights synth, weights check, weights show".split(","):
             self.assertIn("Example: facezoo" + words, self.call(*words.split(), "--help"))
-        self.assertRegex(self.call("info"), rf"(?s){NET}.* mouth \(2\) eye \(3\).*, chosen\n")
+        with mock.patch.dict(os.environ, OMP_NUM_THREADS="1", CUBLAS_WORKSPACE_CONFIG=":16:8"):
+            found, text = json.loads(self.call("info", "--format", "json")), self.call("info")
+        self.assertRegex(text, rf"(?s)\nCUDA.* chosen\n.*{NET} .* mouth \(2\) eye \(3\)\n.* :16:8 ")
+        self.assertIn("threads 1\n", text)
+        for name, field, values in (
+                ("libraries", "verdict", ["supported", "not needed", "supported", "supported"]),
+                ("devices", "verdict", ["chosen"]), ("environment", "value", [":16:8", "1"])):
+            self.assertEqual(values, [row[field] for row in found[name]])
+        self.assertEqual((1, 8), (found["threads"], len(found["networks"])))
 
     def test_refuses_wrong_usage(self):
         run, synth, lcnn = RUN + " good", f"weights synth {NET} -o", "run LCNN29 -w good"

@@ -1,70 +1,200 @@
 #include "commands.h"
+#include "cpu_platform.h"
 #include "device_requirement.h"
 #include "devices.h"
 #include "failure.h"
 #include "networks.h"
+#include "rows.h"
 
 #include <cublas_v2.h>
 #include <cudnn.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <optional>
 
 namespace {
 
-// The libraries count versions in decimal places, and all but the runtime changed the places once.
-std::string version(std::size_t number, std::size_t majorUnit) {
-  return std::to_string(number / majorUnit) + "." + std::to_string(number % majorUnit / 100) + "." +
-         std::to_string(number % 100);
+using Json = nlohmann::ordered_json;
+
+struct Version {
+  int major, minor, patch;
+};
+
+std::string toString(const Version& version) {
+  return std::to_string(version.major) + "." + std::to_string(version.minor) + "." +
+         std::to_string(version.patch);
 }
 
-std::string runtimeVersion() {
+// The runtime and the driver count minor versions in tens. cuDNN counts them in hundreds, and its
+// major ones in another unit since version 9.
+Version cudaVersion(int number) { return {number / 1000, number % 1000 / 10, 0}; }
+Version dnnVersion() {
+  const int number = static_cast<int>(cudnnGetVersion());
+  const int majorUnit = number < 90000 ? 1000 : 10000;
+  return {number / majorUnit, number % majorUnit / 100, number % 100};
+}
+
+Version blasVersion() {
+  Version version = {};
+  cublasGetProperty(MAJOR_VERSION, &version.major);
+  cublasGetProperty(MINOR_VERSION, &version.minor);
+  cublasGetProperty(PATCH_LEVEL, &version.patch);
+  return version;
+}
+
+/// The versions that cmake/CudaPlatform.cmake accepts; cuBLAS comes with the toolkit.
+Json library(const char* name, const Version& found, const char* supported, int least,
+             int leastMinor, int most) {
+  const bool older = found.major < least || (found.major == least && found.minor < leastMinor);
+  return {{"library", name},
+          {"found", toString(found)},
+          {"supported", supported},
+          {"verdict", older                ? "too old"
+                      : found.major > most ? "too new"
+                                           : "supported"}};
+}
+
+// From version 11 on, a driver serves all runtimes of its major version.
+Json driver(const Version& runtime) {
+  int number = 0;
+  checkCall(cudaDriverGetVersion(&number), "version of the CUDA driver");
+  const Version found = cudaVersion(number);
+  const char* verdict = "supported";
+  if (number == 0) {
+    verdict = cpuPlatform() ? "not needed" : "missing";
+  } else if (found.major < runtime.major) {
+    verdict = "too old";
+  }
+  return {{"library", "CUDA driver"},
+          {"found", number == 0 ? "none" : toString(found)},
+          {"supported", cpuPlatform() ? "none" : "from " + std::to_string(runtime.major) + ".0"},
+          {"verdict", verdict}};
+}
+
+Json libraries() {
   int number = 0;
   checkCall(cudaRuntimeGetVersion(&number), "version of the CUDA runtime");
-  return std::to_string(number / 1000) + "." + std::to_string(number % 1000 / 10);
+  const Version runtime = cudaVersion(number);
+  return {library("CUDA runtime", runtime, "10.1 to 13", 10, 1, 13), driver(runtime),
+          library("cuDNN", dnnVersion(), "7 to 9", 7, 0, 9),
+          library("cuBLAS", blasVersion(), "10 to 13", 10, 0, 13)};
 }
 
-std::string blasVersion() {
-  cublasHandle_t handle = nullptr;
-  int number = 0;
-  if (cublasCreate_v2(&handle) != CUBLAS_STATUS_SUCCESS) return "unknown without a usable device";
-  cublasGetVersion_v2(handle, &number);
-  cublasDestroy_v2(handle);
-  return version(number, number < 100000 ? 1000 : 10000);
-}
-
-void printDevices(const std::vector<Device>& devices) {
+Json describeDevices(const std::vector<Device>& devices) {
+  Json rows = Json::array();
   bool taken = false;
-  for (std::size_t i = 0; i < devices.size(); ++i) {
-    const auto& [properties, shortcoming] = devices[i];
+  for (const auto& [properties, shortcoming] : devices) {
     const std::string verdict = !shortcoming.empty() ? "not usable: " + shortcoming
                                 : taken              ? "not chosen: an earlier device is"
                                                      : "chosen";
     taken = taken || shortcoming.empty();
-    std::printf("device %zu     %s, compute capability %d.%d, %zu MiB, %s\n", i, properties.name,
-                properties.major, properties.minor, properties.totalGlobalMem >> 20,
-                verdict.c_str());
+    rows.push_back(
+        {{"device", rows.size()},
+         {"name", properties.name},
+         {"capability", std::to_string(properties.major) + "." + std::to_string(properties.minor)},
+         {"MiB", properties.totalGlobalMem >> 20},
+         {"verdict", verdict}});
   }
+  return rows;
 }
 
-void info() {
-  const std::size_t dnn = cudnnGetVersion();
-  std::printf("facezoo      %s, platform %s\n", FACEZOO_VERSION, FACEZOO_PLATFORM);
-  std::printf("CUDA runtime %s, required 10.1\n", runtimeVersion().c_str());
-  std::printf("cuDNN        %s, required 7.0\n", version(dnn, dnn < 90000 ? 1000 : 10000).c_str());
-  std::printf("cuBLAS       %s\n", blasVersion().c_str());
-  std::printf("required     compute capability %d.0, %zu MiB\n", facezoo::requiredMajor,
-              facezoo::requiredMiB);
+Json networks() {
+  Json rows = Json::array();
   for (const KnownNetwork& known : knownNetworks()) {
     const facezoo::NetworkTable& table = *known.table;
-    std::printf("network      %s, %d channel(s) of %d x %d pixels, results", table.name,
-                table.channels, table.width, table.height);
+    std::string results;
     for (const facezoo::OutputGroup& group : table.outputs)
-      std::printf(" %s (%d)", group.name, group.count);
-    std::printf("%s\n", table.hasNorm ? " norm (1)" : "");
+      results += std::string(group.name) + " (" + std::to_string(group.count) + ") ";
+    results += table.hasNorm ? "norm (1)" : "";
+    rows.push_back({{"network", table.name},
+                    {"channels", table.channels},
+                    {"width", table.width},
+                    {"height", table.height},
+                    {"results", results.substr(0, results.find_last_not_of(' ') + 1)}});
   }
-  const std::vector<Device> devices = listDevices();
-  printDevices(devices);
-  chosenDevice(devices);
+  return rows;
+}
+
+struct Variable {
+  const char *name, *effect;
+};
+constexpr Variable kVariables[] = {
+    // CUDA Programming Guide, "CUDA Environment Variables"
+    {"CUDA_VISIBLE_DEVICES", "which GPUs there are, and in which order"},
+    {"CUDA_DEVICE_ORDER", "whether the fastest GPU comes first, or the first on the bus"},
+    {"CUDA_LAUNCH_BLOCKING", "1: every kernel is waited for, which takes time"},
+    // cuDNN API reference, "cudnnMathType_t"
+    {"NVIDIA_TF32_OVERRIDE", "0: no TF32 in cuDNN and cuBLAS, whatever a program asks for"},
+    // cuBLAS, "Results Reproducibility"
+    {"CUBLAS_WORKSPACE_CONFIG", "cuBLAS's buffers, and so which of its kernels run"},
+    // cuBLAS, "Floating Point Emulation"
+    {"CUBLAS_EMULATE_SINGLE_PRECISION", "1: cuBLAS may compute fp32 from products of bfloat16"},
+    {"CUBLAS_EMULATION_STRATEGY", "when it does: performant or eager"},
+    // OpenMP API, "Environment Variables"
+    {"OMP_NUM_THREADS", "threads of the CPU platform"},
+    {"OMP_THREAD_LIMIT", "most threads of the CPU platform"},
+};
+
+Json environment() {
+  Json rows = Json::array();
+  for (const Variable& variable : kVariables) {
+    if (const char* const value = std::getenv(variable.name)) {
+      rows.push_back({{"variable", variable.name}, {"value", value}, {"effect", variable.effect}});
+    }
+  }
+  return rows;
+}
+
+void printTable(const Json& rows, const std::vector<Column>& columns) {
+  if (rows.empty()) return;
+  std::printf("\n");
+  Rows table("table", columns);
+  for (const Json& row : rows) table.print(row);
+}
+
+void printTables(const Json& all) {
+  std::printf("facezoo %s, platform %s", FACEZOO_VERSION, FACEZOO_PLATFORM);
+  if (const auto cpu = cpuPlatform())
+    std::printf(", instructions %s, threads %d", cpu->instructions, cpu->threads);
+  std::printf("\n");
+  printTable(all["libraries"], {{"library", 24}, {"found", 8}, {"supported", 10}, {"verdict", 0}});
+  printTable(all["devices"],
+             {{"device", 6, 0}, {"name", 24}, {"capability", 10}, {"MiB", 8, 0}, {"verdict", 0}});
+  std::printf("\nrequired: compute capability %d.0, %zu MiB\n", facezoo::requiredMajor,
+              facezoo::requiredMiB);
+  printTable(
+      all["networks"],
+      {{"network", 24}, {"channels", 8, 0}, {"width", 5, 0}, {"height", 6, 0}, {"results", 0}});
+  printTable(all["environment"], {{"variable", 31}, {"value", 10}, {"effect", 0}});
+}
+
+// A machine without a driver still learns of everything else.
+void info(const std::string& format) {
+  std::vector<Device> devices;
+  std::optional<Failure> failure;
+  try {
+    devices = listDevices();
+    chosenDevice(devices);
+  } catch (const Failure& noDevice) {
+    failure = noDevice;
+  }
+  Json all = {{"facezoo", FACEZOO_VERSION}, {"platform", FACEZOO_PLATFORM}};
+  if (const auto cpu = cpuPlatform()) {
+    all["instructions"] = cpu->instructions;
+    all["threads"] = cpu->threads;
+  }
+  all["libraries"] = libraries();
+  all["devices"] = describeDevices(devices);
+  all["networks"] = networks();
+  all["environment"] = environment();
+  if (format == "json") {
+    Rows(format, {}).print(all);
+  } else {
+    printTables(all);
+  }
+  if (failure) throw Failure(*failure);
 }
 
 }  // namespace
@@ -72,6 +202,15 @@ void info() {
 void addInfo(CLI::App& tool) {
   CLI::App* command =
       tool.add_subcommand("info", "Show the build, the versions found, the devices, the networks");
-  command->footer("Example: facezoo info\nExit code 1 if the library could use no device.");
-  command->callback(info);
+  const auto format = std::make_shared<std::string>("table");
+  command->add_option("--format", *format, "Tables, or one object of JSON")
+      ->check(CLI::IsMember({"table", "json"}))
+      ->type_name("F")
+      ->capture_default_str();
+  std::string footer = "Of the environment it shows what is set of\n";
+  for (const Variable& variable : kVariables)
+    footer += std::string("  ") + variable.name + ": " + variable.effect + "\n";
+  command->footer(footer +
+                  "Example: facezoo info\nExit code 1 if the library could use no device.");
+  command->callback([format] { info(*format); });
 }

@@ -19,11 +19,13 @@ typedef enum {
 
 typedef enum { CUBLAS_OP_N = 0, CUBLAS_OP_T = 1 } cublasOperation_t;
 
+typedef enum { MAJOR_VERSION, MINOR_VERSION, PATCH_LEVEL } libraryPropertyType;
+
 typedef struct cublasContext* cublasHandle_t;
 
 cublasStatus_t cublasCreate_v2(cublasHandle_t* handle);
 cublasStatus_t cublasDestroy_v2(cublasHandle_t handle);
-cublasStatus_t cublasGetVersion_v2(cublasHandle_t handle, int* version);
+cublasStatus_t cublasGetProperty(libraryPropertyType type, int* value);
 
 /// y = alpha · op(A) · x + beta · y, A of m rows and n columns.
 cublasStatus_t cublasSgemv_v2(cublasHandle_t handle, cublasOperation_t trans, int m, int n,

@@ -62,12 +62,14 @@ cudaError_t cudaGetDevice(int* device);
 cudaError_t cudaSetDevice(int device);
 cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device);
 cudaError_t cudaRuntimeGetVersion(int* version);
+cudaError_t cudaDriverGetVersion(int* version);
 
 cudaError_t cudaGetLastError(void);
 const char* cudaGetErrorString(cudaError_t status);
 
 cudaError_t cudaMalloc(void** pointer, size_t bytes);
 cudaError_t cudaFree(void* pointer);
+cudaError_t cudaMemGetInfo(size_t* free, size_t* total);
 cudaError_t cudaMemset(void* pointer, int value, size_t bytes);
 cudaError_t cudaMemcpy(void* destination, const void* source, size_t bytes, cudaMemcpyKind kind);
 cudaError_t cudaMemcpy2D(void* destination, size_t destinationPitch, const void* source,

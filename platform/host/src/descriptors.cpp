@@ -168,10 +168,10 @@ cublasStatus_t cublasDestroy_v2(cublasHandle_t handle) {
   });
 }
 
-cublasStatus_t cublasGetVersion_v2(cublasHandle_t /*handle*/, int* version) {
-  host_device::detail::recordReport("cublasGetVersion_v2");
-  if (version == nullptr) return CUBLAS_STATUS_INVALID_VALUE;
-  *version = 10000;
+cublasStatus_t cublasGetProperty(libraryPropertyType type, int* value) {
+  host_device::detail::recordReport("cublasGetProperty");
+  if (value == nullptr) return CUBLAS_STATUS_INVALID_VALUE;
+  *value = type == MAJOR_VERSION ? 10 : 0;
   return CUBLAS_STATUS_SUCCESS;
 }
 

@@ -157,6 +157,12 @@ AllocationCount liveAllocations() {
   return count;
 }
 
+std::size_t usedMemory(std::size_t device) {
+  Registry& r = registry();
+  const std::lock_guard<std::mutex> lock(r.mutex);
+  return r.usedBytes[device];
+}
+
 }  // namespace detail
 
 void poisonFreshMemory(bool on) {

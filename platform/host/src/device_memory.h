@@ -46,6 +46,8 @@ struct AllocationCount {
   std::size_t allocations, bytes;
 };
 AllocationCount liveAllocations();
+/// Bytes of the live allocations of one device.
+std::size_t usedMemory(std::size_t device);
 
 }  // namespace detail
 }  // namespace host_device

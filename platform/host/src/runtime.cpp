@@ -159,6 +159,14 @@ cudaError_t cudaRuntimeGetVersion(int* version) {
   return cudaSuccess;
 }
 
+// No driver is the real call's 0.
+cudaError_t cudaDriverGetVersion(int* version) {
+  detail::recordReport("cudaDriverGetVersion");
+  if (version == nullptr) return cudaErrorInvalidValue;
+  *version = 0;
+  return cudaSuccess;
+}
+
 cudaError_t cudaGetLastError() {
   detail::recordReport("cudaGetLastError");
   return std::exchange(lastError, cudaSuccess);
@@ -198,6 +206,15 @@ cudaError_t cudaMalloc(void** pointer, size_t bytes) {
 
 cudaError_t cudaFree(void* pointer) {
   return enter("cudaFree", {}, [&] { return detail::freeDevice(pointer); });
+}
+
+cudaError_t cudaMemGetInfo(size_t* free, size_t* total) {
+  return enter("cudaMemGetInfo", {}, [&] {
+    if (free == nullptr || total == nullptr) return cudaErrorInvalidValue;
+    *total = detail::deviceMemory(current);
+    *free = *total - std::min(*total, detail::usedMemory(current));
+    return cudaSuccess;
+  });
 }
 
 cudaError_t cudaMemset(void* pointer, int value, size_t bytes) {

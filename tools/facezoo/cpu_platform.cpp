@@ -1,0 +1,22 @@
+#include "cpu_platform.h"
+
+#if FACEZOO_SIMULATED
+
+#include <host_device.h>
+#include <omp.h>
+
+// The platform takes the best set that the machine has; to choose that again changes nothing.
+std::optional<CpuPlatform> cpuPlatform() {
+  using host_device::InstructionSet;
+  const char* const instructions =
+      host_device::useInstructionSet(InstructionSet::avx512) ? "AVX-512"
+      : host_device::useInstructionSet(InstructionSet::avx2) ? "AVX2"
+                                                             : "baseline";
+  return CpuPlatform{instructions, omp_get_max_threads()};
+}
+
+#else
+
+std::optional<CpuPlatform> cpuPlatform() { return std::nullopt; }
+
+#endif
