@@ -14,7 +14,7 @@
 /// - "profile": the milliseconds of one `Forward` by kind of call, in the order of `callKinds`; a
 ///   device that is not simulated answers with an empty line
 
-#include "devices.h"
+#include "batch.h"
 #include "facezoo.h"
 #include "failure.h"
 #include "files.h"
@@ -27,9 +27,6 @@
 #endif
 
 #include <array>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -37,26 +34,11 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double millisecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-/// A line of the process's status: "VmRSS", now, or "VmHWM", at most.
-long memoryKib(const std::string& field) {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);)
-    if (line.rfind(field + ":", 0) == 0) return std::atol(line.c_str() + field.size() + 1);
-  throw Failure("no " + field + " in the process's status");
-}
-
-std::vector<char> readImages(const std::string& path, std::size_t bytes) {
-  std::vector<char> images(bytes);
+void readImages(const std::string& path, std::vector<unsigned char>& images) {
   std::ifstream file(path, std::ios::binary);
-  if (!file.read(images.data(), static_cast<std::streamsize>(bytes)))
-    throw Failure(path + ": fewer than " + std::to_string(bytes) + " bytes");
-  return images;
+  if (!file.read(reinterpret_cast<char*>(images.data()),
+                 static_cast<std::streamsize>(images.size())))
+    throw Failure(path + ": fewer than " + std::to_string(images.size()) + " bytes");
 }
 
 #if FACEZOO_SIMULATED
@@ -65,80 +47,64 @@ constexpr std::array<const char*, 8> callKinds = {
     "Convolution7", "Convolution",        "cublas",     "Pooling",
     "LRN",          "BatchNormalization", "Activation", ""};
 
-void profile(Network& network, void* images, int batch, float* results) {
+void profile(Network& network, Batch& batch) {
   std::array<double, callKinds.size()> spent{};
   std::size_t kind = callKinds.size() - 1;
-  Clock::time_point start = Clock::now();
+  Timer timer;
   host_device::setObserver([&](const host_device::Call& call) {
-    spent[kind] += millisecondsSince(start);
+    spent[kind] += timer.milliseconds();
     std::string name = call.name;
     if (name.find("cudnnConvolution") == 0 && call.arguments.size() == 3) {
       name = "Convolution" + std::to_string(call.arguments[0]);  // which algorithm
     }
     for (kind = 0; name.find(callKinds[kind]) == std::string::npos;) ++kind;
-    start = Clock::now();
+    timer = Timer();
   });
-  network.Forward(images, batch, results, nullptr);
+  batch.forward(network);
   host_device::setObserver({});
-  spent[kind] += millisecondsSince(start);
+  spent[kind] += timer.milliseconds();
   for (const double milliseconds : spent) std::cout << milliseconds << ' ';
 }
 #endif
 
 void work(const KnownNetwork& known, const std::string& weights, const std::string& imageFile,
-          int batch) {
-  const facezoo::NetworkTable& table = *known.table;
-  const bool onDevice = table.memory == facezoo::Results::onDevice;
-  const std::vector<char> images =
-      readImages(imageFile, std::size_t(batch) * table.channels * table.width * table.height);
-  std::vector<float> results(std::size_t(batch) * table.outputCount());
-  const std::size_t resultBytes = results.size() * sizeof(float);
+          int size) {
   const GPU gpu;
-  DeviceBuffer input(images.size());
-  DeviceBuffer output(resultBytes);
-
-  std::ofstream("/proc/self/clear_refs") << 5;  // the peak starts anew
+  Batch batch(*known.table, size, facezoo::withoutNorm);
+  readImages(imageFile, batch.images());
+  resetPeakMemory();
   const long before = memoryKib("VmRSS");
-  Clock::time_point start = Clock::now();
-  known.with(weights, batch, "", [&](Network& network) {
-    std::cout << millisecondsSince(start) << std::endl;
-    float* const out = onDevice ? static_cast<float*>(output.data()) : results.data();
+  const Timer construction;
+  known.with(weights, size, "", [&](Network& network) {
+    std::cout << construction.milliseconds() << std::endl;
     Stopwatch watch;
-    const auto upload = [&] {
-      checkCall(cudaMemcpy(input.data(), images.data(), images.size(), cudaMemcpyHostToDevice),
-                "copy of images to the device");
-    };
-    const auto forward = [&] { network.Forward(input.data(), batch, out, nullptr); };
     for (std::string line; std::getline(std::cin, line);) {
       if (line == "run") {
-        start = Clock::now();
-        upload();
-        forward();
-        if (onDevice) {
-          checkCall(cudaMemcpy(results.data(), output.data(), resultBytes, cudaMemcpyDeviceToHost),
-                    "copy of results from the device");
-        }
-        std::cout << millisecondsSince(start) << std::endl;
+        const Timer pass;
+        batch.upload();
+        batch.forward(network);
+        batch.download();
+        std::cout << pass.milliseconds() << std::endl;
       } else if (line.rfind("time ", 0) == 0) {
         std::istringstream numbers(line.substr(5));
         int lead = 0, count = 0;
         numbers >> lead >> count;
-        upload();
-        for (int i = 0; i < lead; ++i) forward();
+        batch.upload();
+        for (int i = 0; i < lead; ++i) batch.forward(network);
         for (int i = 0; i < count; ++i) {
           watch.start();
-          forward();
+          batch.forward(network);
           std::cout << watch.stop() << ' ';
         }
         std::cout << std::endl;
       } else if (line == "results") {
-        for (const float value : results) std::cout << value << ' ';
+        for (const float value : batch.results()) std::cout << value << ' ';
         std::cout << std::endl;
       } else if (line == "memory") {
         std::cout << memoryKib("VmHWM") - before << std::endl;
       } else if (line == "profile") {
 #if FACEZOO_SIMULATED
-        profile(network, input.data(), batch, out);
+        profile(network, batch);
 #endif
         std::cout << std::endl;
       }

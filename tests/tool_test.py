@@ -45,7 +45,7 @@ def pixels(name):
 
 class ToolTest(ToolCase):
     def test_informs(self):
-        for words in ", info, run, weights, weights synth, weights check, weights show".split(","):
+        for words in ", bench, info, run, weights, weights synth, weights check, weights show".split(","):
             self.assertIn("Example: facezoo" + words, self.call(*words.split(), "--help"))
         with mock.patch.dict(os.environ, OMP_NUM_THREADS="1", CUBLAS_WORKSPACE_CONFIG=":16:8"):
             found, text = json.loads(self.call("info", "--format", "json")), self.call("info")
@@ -56,6 +56,42 @@ class ToolTest(ToolCase):
                 ("devices", "verdict", ["chosen"]), ("environment", "value", [":16:8", "1"])):
             self.assertEqual(values, [row[field] for row in found[name]])
         self.assertEqual((1, 8), (found["threads"], len(found["networks"])))
+
+    def test_benches(self):
+        quick, weights = ("--seconds", "0.01", "--format"), sum(map(len, self.zeros.values()))
+        bench = "bench", NET, "--batch", "1", "3", *quick
+        with mock.patch.dict(os.environ, TMPDIR=os.getcwd()):
+            rows = [*map(json.loads, self.call(*bench, "json").splitlines())]
+            self.assertEqual(["face.jpg", "good"], sorted(os.listdir()))
+        self.assertEqual([1, 3], [row["batch"] for row in rows])
+        for row in rows:
+            times = [row[f"{name}_ms"] for name in ("min", "p50", "p90", "p99", "max")]
+            self.assertEqual([0, *times], sorted([0, *times]))
+            whole = 1000 * row["batch"] / row["images_per_s"]
+            self.assertTrue(times[0] / 2 < whole < 5 * times[-1], row)
+            self.assertGreaterEqual(row["passes"], 10)
+            device = 4 * 3411968 * row["batch"] + (128 << 20) + weights
+            self.assertAlmostEqual(device, row["device_MiB"] * 2**20, delta=1 << 16)
+            self.assertGreater(row["peak_MiB"] * 2**20, 2 * weights)
+        self.call("weights", "synth", NET, "-o", "named", "--prefix", "up/")
+        named = "bench", NET, "-w", "named", "--prefix", "up/", "--batch", "2", *quick
+        head, row = csv.reader(self.call(*named, "csv").splitlines())
+        self.assertEqual(([*rows[0]], NET), (head, dict(zip(head, row))["network"]))
+        setting, top, below = self.call(*named, "table").splitlines()
+        self.assertRegex(setting, "^facezoo .*, platform host, device .*, threads ")
+        self.assertEqual([[NET, "2"], len(top)], [below.split()[:2], len(below)])
+        self.assertLessEqual({*top.split()}, {*head})
+
+    def test_bench_refuses(self):
+        self.fail_all([(f"bench {args}", code, line) for args, code, line in (
+            ("Nobody", 2, "Nobody not in .*DexpressionNet.*LCNN29"), ("--batch 0", 2, "--batch.* 0 "),
+            ("LCNN29 --batch 8 342", 2, "LCNN29 .* 341, found 342"), ("-w good", 2, "one NET.* 0 "),
+            (f"{NET} LCNN29 -w good", 2, "one NET.* 2 "), ("--seconds 1s", 2, "--seconds.*1s"),
+            ("--seconds 0", 2, "positive.* 0"), ("--seconds -1", 2, "positive.* -1"),
+            ("--seconds nan", 2, "positive.*nan"), ("--format xml", 2, "xml"),
+            ("LCNN29 -w good", 1, "good: conv1-0: .*found 12544"), (f"{NET} -w no", 1, "no: "))])
+        with mock.patch.dict(os.environ, TMPDIR="/nowhere"):
+            self.fail_all([(f"bench {NET} --format csv", 1, "TMPDIR.*No such")])
 
     def test_refuses_wrong_usage(self):
         run, synth, lcnn = RUN + " good", f"weights synth {NET} -o", "run LCNN29 -w good"

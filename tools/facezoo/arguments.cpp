@@ -2,16 +2,27 @@
 
 #include "networks.h"
 
-#include <vector>
+#include <limits>
 
 void addNetworkArgument(CLI::App& command, std::string& name) {
-  std::vector<std::string> names;
-  for (const KnownNetwork& known : knownNetworks()) names.emplace_back(known.table->name);
   command.add_option("NET", name, "Network, by class name")
       ->required()
-      ->check(CLI::IsMember(names));
+      ->check(CLI::IsMember(networkNames()));
+}
+
+void addNetworkArguments(CLI::App& command, std::vector<std::string>& names) {
+  command.add_option("NET", names, "Networks, by class name; all eight if none is named")
+      ->check(CLI::IsMember(networkNames()));
 }
 
 void addPrefixOption(CLI::App& command, std::string& prefix) {
   command.add_option("--prefix", prefix, "Put in front of every weight name")->type_name("P");
+}
+
+void requireBatch(const facezoo::NetworkTable& network, int batch) {
+  const int most = std::numeric_limits<int>::max() / network.perImageBytes;
+  if (batch <= most) return;
+  throw CLI::ValidationError("--batch", std::string(network.name) + " takes at most " +
+                                            std::to_string(most) + ", found " +
+                                            std::to_string(batch));
 }

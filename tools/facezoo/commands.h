@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+void addBench(CLI::App& tool);
 void addInfo(CLI::App& tool);
 void addRun(CLI::App& tool);
 void addWeights(CLI::App& tool);

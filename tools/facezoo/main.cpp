@@ -46,6 +46,7 @@ int runTool(int argc, char** argv) {
   tool.set_version_flag("--version", FACEZOO_VERSION);
   tool.require_subcommand(1);
   tool.footer("Example: facezoo run DexpressionNet -w weights.msgpack face.jpg");
+  addBench(tool);
   addInfo(tool);
   addRun(tool);
   addWeights(tool);

@@ -30,6 +30,12 @@ const std::vector<KnownNetwork>& knownNetworks() {
   return networks;
 }
 
+std::vector<std::string> networkNames() {
+  std::vector<std::string> names;
+  for (const KnownNetwork& known : knownNetworks()) names.emplace_back(known.table->name);
+  return names;
+}
+
 const KnownNetwork& findNetwork(const std::string& name) {
   const auto found =
       std::find_if(knownNetworks().begin(), knownNetworks().end(),

@@ -19,5 +19,7 @@ struct KnownNetwork {
 
 const std::vector<KnownNetwork>& knownNetworks();
 
+std::vector<std::string> networkNames();
+
 /// @throws Failure if there is none of that name
 const KnownNetwork& findNetwork(const std::string& name);

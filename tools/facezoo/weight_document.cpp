@@ -134,3 +134,16 @@ WeightFindings checkWeights(const WeightDocument& document, const facezoo::Netwo
     if (used.count(&array) == 0) findings.unused.push_back(array.name);
   return findings;
 }
+
+void requireWeights(const std::string& path, const facezoo::NetworkTable& network,
+                    const std::string& prefix) {
+  const WeightFindings findings = checkWeights(WeightDocument(path), network, prefix);
+  if (findings.faults.empty()) return;
+  constexpr std::size_t kMost = 5;
+  const std::size_t named = std::min(kMost, findings.faults.size());
+  std::string line = path;
+  for (std::size_t i = 0; i < named; ++i) line += (i == 0 ? ": " : "; ") + findings.faults[i];
+  if (const std::size_t more = findings.faults.size() - named; more > 0)
+    line += "; and " + std::to_string(more) + " more, which weights check lists";
+  throw Failure(line);
+}

@@ -75,3 +75,8 @@ struct WeightFindings {
 };
 WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkTable& network,
                             const std::string& prefix);
+
+/// Finds what a network's constructor would, but all of it and without a device.
+/// @throws Failure that names the first faults of the file
+void requireWeights(const std::string& path, const facezoo::NetworkTable& network,
+                    const std::string& prefix);

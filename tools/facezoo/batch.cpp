@@ -1,0 +1,48 @@
+#include "batch.h"
+
+#include "failure.h"
+
+#include <cstdlib>
+#include <fstream>
+
+long memoryKib(const std::string& field) {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind(field + ":", 0) == 0) return std::atol(line.c_str() + field.size() + 1);
+  throw Failure("no " + field + " in the process's status");
+}
+
+void resetPeakMemory() { std::ofstream("/proc/self/clear_refs") << 5; }
+
+Batch::Batch(const facezoo::NetworkTable& table, int size, bool withNorm)
+    : size_(size),
+      onDevice_(table.memory == facezoo::Results::onDevice),
+      images_(std::size_t(size) * table.channels * table.width * table.height),
+      results_(std::size_t(size) * table.outputCount()),
+      norms_(withNorm ? size : 0),
+      input_(images_.size()),
+      output_(results_.size() * sizeof(float)) {}
+
+void Batch::upload() {
+  checkCall(cudaMemcpy(input_.data(), images_.data(), images_.size(), cudaMemcpyHostToDevice),
+            "copy of images to the device");
+}
+
+void Batch::forward(Network& network) {
+  network.Forward(input_.data(), size_,
+                  onDevice_ ? static_cast<float*>(output_.data()) : results_.data(),
+                  norms_.empty() ? nullptr : norms_.data());
+}
+
+void Batch::download() {
+  if (!onDevice_) return;
+  checkCall(cudaMemcpy(results_.data(), output_.data(), results_.size() * sizeof(float),
+                       cudaMemcpyDeviceToHost),
+            "copy of results from the device");
+}
+
+// The default stream does one thing after the other, and a copy to the host waits for its turn.
+void Batch::wait() {
+  char last = 0;
+  checkCall(cudaMemcpy(&last, input_.data(), 1, cudaMemcpyDeviceToHost), "wait for the device");
+}
