@@ -26,6 +26,7 @@
 #include <host_device.h>
 #endif
 
+#include <algorithm>
 #include <array>
 #include <fstream>
 #include <iostream>
@@ -34,11 +35,11 @@
 
 namespace {
 
-void readImages(const std::string& path, std::vector<unsigned char>& images) {
+void readImages(const std::string& path, Batch& batch) {
+  const std::size_t bytes = batch.size() * batch.imageBytes();
   std::ifstream file(path, std::ios::binary);
-  if (!file.read(reinterpret_cast<char*>(images.data()),
-                 static_cast<std::streamsize>(images.size())))
-    throw Failure(path + ": fewer than " + std::to_string(images.size()) + " bytes");
+  if (!file.read(reinterpret_cast<char*>(batch.images()), static_cast<std::streamsize>(bytes)))
+    throw Failure(path + ": fewer than " + std::to_string(bytes) + " bytes");
 }
 
 #if FACEZOO_SIMULATED
@@ -71,7 +72,7 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
           int size) {
   const GPU gpu;
   Batch batch(*known.table, size, facezoo::withoutNorm);
-  readImages(imageFile, batch.images());
+  readImages(imageFile, batch);
   resetPeakMemory();
   const long before = memoryKib("VmRSS");
   const Timer construction;
@@ -81,9 +82,7 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
     for (std::string line; std::getline(std::cin, line);) {
       if (line == "run") {
         const Timer pass;
-        batch.upload();
-        batch.forward(network);
-        batch.download();
+        batch.pass(network);
         std::cout << pass.milliseconds() << std::endl;
       } else if (line.rfind("time ", 0) == 0) {
         std::istringstream numbers(line.substr(5));
@@ -98,7 +97,7 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
         }
         std::cout << std::endl;
       } else if (line == "results") {
-        for (const float value : batch.results()) std::cout << value << ' ';
+        std::for_each(batch.values(0), batch.values(size), [](float v) { std::cout << v << ' '; });
         std::cout << std::endl;
       } else if (line == "memory") {
         std::cout << memoryKib("VmHWM") - before << std::endl;

@@ -14,29 +14,31 @@ long memoryKib(const std::string& field) {
 
 void resetPeakMemory() { std::ofstream("/proc/self/clear_refs") << 5; }
 
-Batch::Batch(const facezoo::NetworkTable& table, int size, bool withNorm)
-    : size_(size),
+Batch::Batch(const facezoo::NetworkTable& table, int capacity, bool withNorm)
+    : size_(capacity),
       onDevice_(table.memory == facezoo::Results::onDevice),
-      images_(std::size_t(size) * table.channels * table.width * table.height),
-      results_(std::size_t(size) * table.outputCount()),
-      norms_(withNorm ? size : 0),
+      imageBytes_(std::size_t(table.channels) * table.width * table.height),
+      valueCount_(table.outputCount()),
+      images_(capacity * imageBytes_),
+      values_(capacity * valueCount_),
+      norms_(withNorm ? capacity : 0),
       input_(images_.size()),
-      output_(results_.size() * sizeof(float)) {}
+      output_(values_.size() * sizeof(float)) {}
 
 void Batch::upload() {
-  checkCall(cudaMemcpy(input_.data(), images_.data(), images_.size(), cudaMemcpyHostToDevice),
+  checkCall(cudaMemcpy(input_.data(), images_.data(), size_ * imageBytes_, cudaMemcpyHostToDevice),
             "copy of images to the device");
 }
 
 void Batch::forward(Network& network) {
   network.Forward(input_.data(), size_,
-                  onDevice_ ? static_cast<float*>(output_.data()) : results_.data(),
+                  onDevice_ ? static_cast<float*>(output_.data()) : values_.data(),
                   norms_.empty() ? nullptr : norms_.data());
 }
 
 void Batch::download() {
   if (!onDevice_) return;
-  checkCall(cudaMemcpy(results_.data(), output_.data(), results_.size() * sizeof(float),
+  checkCall(cudaMemcpy(values_.data(), output_.data(), size_ * valueCount_ * sizeof(float),
                        cudaMemcpyDeviceToHost),
             "copy of results from the device");
 }

@@ -1,5 +1,5 @@
 /// @file
-/// What is measured of a network, and with what: passes of one batch, time and memory.
+/// What runs and measures a network: passes of one batch, time and memory.
 #pragma once
 
 #include "devices.h"
@@ -7,6 +7,7 @@
 #include "network_table.h"
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -30,13 +31,29 @@ void resetPeakMemory();
 /// The images and results of one call, in host memory and on the device.
 class Batch {
  public:
-  /// @param withNorm whether `forward` asks for the norms, too
-  Batch(const facezoo::NetworkTable& table, int size, bool withNorm);
+  /// @param capacity the most images that it can hold, and holds at first
+  /// @param withNorm whether the network is asked for the norms, too
+  /// @throws Failure if the device lacks the memory
+  Batch(const facezoo::NetworkTable& table, int capacity, bool withNorm);
 
   int size() const { return size_; }
-  std::vector<unsigned char>& images() { return images_; }
-  const std::vector<float>& results() const { return results_; }
+  /// How many images there are; at most the capacity.
+  void resize(int size) { size_ = size; }
 
+  std::size_t imageBytes() const { return imageBytes_; }
+  /// Image `i` and what follows: height × width × channels interleaved bytes each.
+  unsigned char* images(int i = 0) { return &images_[i * imageBytes_]; }
+  /// The values of image `i`, `valueCount()` of them.
+  const float* values(int i) const { return &values_[i * valueCount_]; }
+  std::size_t valueCount() const { return valueCount_; }
+  float norm(int i) const { return norms_[i]; }
+
+  /// From images in host memory to results in host memory.
+  void pass(Network& network) {
+    upload();
+    forward(network);
+    download();
+  }
   void upload();
   /// The results are where the network leaves them; on the device they may still be on their way.
   void forward(Network& network);
@@ -47,7 +64,8 @@ class Batch {
  private:
   int size_;
   bool onDevice_;
+  std::size_t imageBytes_, valueCount_;
   std::vector<unsigned char> images_;
-  std::vector<float> results_, norms_;
+  std::vector<float> values_, norms_;
   DeviceBuffer input_, output_;
 };

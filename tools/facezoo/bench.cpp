@@ -86,17 +86,12 @@ struct Figures {
 
 /// Passes from host memory to host memory and of `Forward` alone, in turn.
 void timePasses(Network& network, Batch& batch, double seconds, Figures& figures) {
-  const auto wholePass = [&] {
-    batch.upload();
-    batch.forward(network);
-    batch.download();
-  };
-  for (int i = 0; i < kWarmUp; ++i) wholePass();
+  for (int i = 0; i < kWarmUp; ++i) batch.pass(network);
   double whole = 0;
   const Timer all;
   do {
     const Timer pass;
-    wholePass();
+    batch.pass(network);
     whole += pass.milliseconds();
     batch.wait();
     const Timer forward;
@@ -112,7 +107,7 @@ void timePasses(Network& network, Batch& batch, double seconds, Figures& figures
 Figures measure(const KnownNetwork& known, const std::string& weights, int size,
                 const Options& options) {
   Batch batch(*known.table, size, known.table->hasNorm);
-  std::generate(batch.images().begin(), batch.images().end(), std::minstd_rand(1));
+  std::generate_n(batch.images(), size * batch.imageBytes(), std::minstd_rand(1));
   Figures figures;
   resetPeakMemory();
   const double before = freeDeviceMemory();
@@ -184,6 +179,7 @@ void benchNetwork(const std::string& name, const Options& options, const Json& c
       throw Failure(name + " for batches of " + std::to_string(batch) + ": " + describeException());
     }
     rows.print(row);
+    if (std::fflush(stdout) != 0) throw Failure("standard output: cannot be written");
   }
 }
 
@@ -236,7 +232,7 @@ void addBench(CLI::App& tool) {
       ->type_name("S")
       ->capture_default_str();
   command->add_option("--format", options->format, "Of the rows")
-      ->check(CLI::IsMember({"table", "json", "csv"}))
+      ->check(CLI::IsMember(rowFormats))
       ->type_name("F")
       ->capture_default_str();
   command->footer(

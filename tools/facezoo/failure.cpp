@@ -44,12 +44,3 @@ void warn(const std::string& line) {
   const char* const erase = isatty(STDERR_FILENO) != 0 ? "\r\x1b[K" : "";
   dprintf(STDERR_FILENO, "%sfacezoo: %s\n", erase, printable(line).c_str());
 }
-
-QuietLibrary::QuietLibrary() : saved_(stderr), nowhere_(std::fopen("/dev/null", "w")) {
-  if (nowhere_ != nullptr) stderr = nowhere_;
-}
-
-QuietLibrary::~QuietLibrary() {
-  stderr = saved_;
-  if (nowhere_ != nullptr) std::fclose(nowhere_);
-}

@@ -1,7 +1,6 @@
 /// @file
 #pragma once
 
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 
@@ -21,18 +20,3 @@ std::string printable(std::string text);
 
 /// Says `line` on standard error, in the tool's name.
 void warn(const std::string& line);
-
-/// Keeps the library's own lines off standard error, where the tool says one line of its own. With
-/// glibc stdio's streams are variables; what is written past stdio, as by `warn` or a sanitizer,
-/// still shows.
-class QuietLibrary {
- public:
-  QuietLibrary();
-  QuietLibrary(const QuietLibrary&) = delete;
-  QuietLibrary& operator=(const QuietLibrary&) = delete;
-  ~QuietLibrary();
-
- private:
-  std::FILE* saved_;
-  std::FILE* nowhere_;
-};

@@ -1,8 +1,9 @@
 #include "rows.h"
 
-#include "files.h"
+#include "failure.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 namespace {
@@ -13,7 +14,18 @@ std::string dump(const Json& value) {
   return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+std::string format(const char* how, int decimals, double value) {
+  char text[64];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  std::snprintf(text, sizeof text, how, decimals, value);
+#pragma GCC diagnostic pop
+  return text;
+}
+
 std::string csvCell(const Json& value) {
+  constexpr int kExact = 9;  // digits that tell any two 32-bit floats apart
+  if (value.is_number_float()) return format("%.*g", kExact, value);
   std::string text = value.is_string() ? value.get<std::string>() : dump(value);
   if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
   std::string quoted = "\"";
@@ -24,49 +36,89 @@ std::string csvCell(const Json& value) {
 std::string tableCell(const Column& column, const Json& value) {
   if (value.is_string()) return printable(value.get<std::string>());
   if (!value.is_number()) return dump(value);
-  char text[32];
-  std::snprintf(text, sizeof text, "%.*f", std::max(column.decimals, 0), value.get<double>());
-  return text;
+  if (column.decimals != Column::kResult)
+    return format("%.*f", std::max(column.decimals, 0), value);
+  constexpr int kDigits = 6;
+  return format(std::abs(value.get<double>()) < 100 ? "%.*f" : "%.*g", kDigits, value);
 }
 
-void printCsv(const std::vector<std::string>& cells) {
-  for (std::size_t i = 0; i < cells.size(); ++i)
-    std::printf("%s%s", i == 0 ? "" : ",", cells[i].c_str());
-  std::printf("\n");
-}
+struct Cell {
+  std::string text;
+  std::size_t width;
+  bool onLeft;
+};
 
-void printAligned(const std::vector<Column>& columns, const std::vector<std::string>& cells) {
+void printAligned(const std::vector<Cell>& cells) {
   std::string line;
-  for (std::size_t i = 0; i < cells.size(); ++i) {
-    const std::size_t width = columns[i].width;
-    const std::string blanks(width - std::min(width, cells[i].size()), ' ');
-    if (i > 0) line += "  ";
-    line += columns[i].decimals == Column::kText ? cells[i] + blanks : blanks + cells[i];
+  for (const auto& [text, width, onLeft] : cells) {
+    const std::string blanks(width - std::min(width, widthOf(text)), ' ');
+    if (&text != &cells.front().text) line += "  ";
+    line += onLeft ? text + blanks : blanks + text;
   }
   std::printf("%s\n", line.substr(0, line.find_last_not_of(' ') + 1).c_str());
 }
 
+/// Calls visit(name, value) for every number and text of `row`.
+template <class Visit>
+void forEachValue(const Json& row, const Visit& visit) {
+  for (const auto& [name, value] : row.items()) {
+    if (!value.is_array()) visit(name, value);
+    for (std::size_t i = 0; value.is_array() && i < value.size(); ++i)
+      visit(name + "_" + std::to_string(i), value[i]);
+  }
+}
+
 }  // namespace
 
+std::size_t widthOf(const std::string& text) {
+  return std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; });
+}
+
 void Rows::print(const Json& row) {
-  std::vector<std::string> names, cells;
   if (format_ == "json") {
     std::puts(dump(row).c_str());
   } else if (format_ == "csv") {
-    for (const auto& [name, value] : row.items()) {
-      names.push_back(csvCell(name));
-      cells.push_back(csvCell(value));
-    }
-    if (!headed_) printCsv(names);
-    printCsv(cells);
+    printCsv(row);
   } else {
-    for (const Column& column : columns_) {
-      names.push_back(column.name);
-      cells.push_back(tableCell(column, row.at(column.name)));
-    }
-    if (!headed_) printAligned(columns_, names);
-    printAligned(columns_, cells);
+    printTable(row);
   }
   headed_ = true;
-  std::fflush(stdout);
+}
+
+void Rows::printCsv(const Json& row) {
+  std::string names, cells;
+  forEachValue(row, [&](const std::string& name, const Json& value) {
+    names.append(names.empty() ? "" : ",").append(csvCell(name));
+    cells.append(cells.empty() ? "" : ",").append(csvCell(value));
+  });
+  if (!headed_) std::puts(names.c_str());
+  std::puts(cells.c_str());
+}
+
+void Rows::printTable(const Json& row) {
+  // Hundreds of columns serve nobody.
+  constexpr std::size_t kMost = 8, kFirst = 4;
+  std::vector<Cell> names, cells;
+  for (const Column& column : columns_) {
+    const bool onLeft = column.decimals == Column::kText;
+    const auto add = [&](const std::string& name, const std::string& text) {
+      const std::size_t width = std::max(column.width, widthOf(name));
+      names.push_back({name, width, onLeft});
+      cells.push_back({text, width, onLeft});
+    };
+    const Json& value = row.at(column.name);
+    if (!value.is_array()) {
+      add(column.name, tableCell(column, value));
+      continue;
+    }
+    const std::size_t shown = value.size() > kMost ? kFirst : value.size();
+    for (std::size_t i = 0; i < shown; ++i)
+      add(column.name + "_" + std::to_string(i), tableCell(column, value[i]));
+    if (shown < value.size()) {
+      names.push_back({"...", 3, true});
+      cells.push_back(names.back());
+    }
+  }
+  if (!headed_) printAligned(names);
+  printAligned(cells);
 }

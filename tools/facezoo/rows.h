@@ -3,30 +3,42 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
 
-/// A field that a table shows. Text stands on the left of its column, numbers on the right.
+/// The names that `--format` knows.
+inline const std::vector<std::string> rowFormats = {"table", "json", "csv"};
+
+/// A field that a table shows. Text stands on the left of its column, numbers on the right; the
+/// first values of an array have a column each.
 struct Column {
   static constexpr int kText = -1;
+  static constexpr int kResult = -2;  ///< of a network: six digits, whatever the size
 
   std::string name;
-  int width;
+  std::size_t width;
   int decimals = kText;
 };
+
+/// Characters of a UTF-8 text, which is the width it takes.
+std::size_t widthOf(const std::string& text);
 
 /// Prints objects that have the same fields, each as it comes: as a table of some of the fields, or
 /// all of them as CSV or as lines of JSON.
 class Rows {
  public:
-  /// @param format "table", "csv" or "json"
+  /// @param format one of `rowFormats`
   Rows(std::string format, std::vector<Column> columns)
       : format_(std::move(format)), columns_(std::move(columns)) {}
 
   void print(const nlohmann::ordered_json& row);
 
  private:
+  void printTable(const nlohmann::ordered_json& row);
+  void printCsv(const nlohmann::ordered_json& row);
+
   std::string format_;
   std::vector<Column> columns_;
   bool headed_ = false;

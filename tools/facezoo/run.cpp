@@ -1,22 +1,22 @@
 #include "arguments.h"
+#include "batch.h"
 #include "commands.h"
 #include "devices.h"
 #include "facezoo.h"
 #include "failure.h"
-#include "inference.h"
 #include "landmarks.h"
 #include "networks.h"
 #include "npy_file.h"
 #include "picture_stream.h"
 #include "pictures.h"
 #include "progress.h"
-#include "report.h"
+#include "quiet_library.h"
+#include "rows.h"
 #include "weight_document.h"
 
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -47,50 +47,66 @@ class Sink {
   Sink(const Sink&) = delete;
   Sink& operator=(const Sink&) = delete;
   virtual ~Sink() = default;
-  virtual void take(const std::string& picture, const Inference& inference, std::size_t index) = 0;
+  virtual void take(const std::string& picture, const Batch& batch, int index) = 0;
   /// After the last picture.
   virtual void finish() {}
 };
+
+std::string formatOf(const Options& options) {
+  return options.format.empty() ? "table" : options.format;
+}
+
+std::size_t widest(const std::vector<std::string>& texts) {
+  std::size_t width = 0;
+  for (const std::string& text : texts) width = std::max(width, widthOf(text));
+  return width;
+}
 
 /// Prints a line for each picture.
 class Lines : public Sink {
  public:
   Lines(const Options& options, const NetworkTable& table, const std::vector<std::string>& pictures)
-      : values_(options.features.empty()),
+      : groups_(options.features.empty() ? table.outputs : facezoo::View<OutputGroup>{nullptr, 0}),
         norm_(options.norm),
-        report_(options.format.empty() ? "table" : options.format,
-                {{"image", Report::widest(pictures)}}, groups(table)) {}
+        rows_(formatOf(options), columns(widest(pictures))) {}
 
-  void take(const std::string& picture, const Inference& inference, std::size_t index) override {
-    std::vector<float> values;
-    if (values_) {
-      const float* const results = inference.results(index);
-      values.assign(results, results + inference.resultCount());
+  void take(const std::string& picture, const Batch& batch, int index) override {
+    nlohmann::ordered_json row = {{"image", picture}};
+    const float* value = batch.values(index);
+    for (const OutputGroup& group : groups_) {
+      if (group.count == 1) {
+        row[group.name] = *value;
+      } else {
+        row[group.name] = std::vector<float>(value, value + group.count);
+      }
+      value += group.count;
     }
-    if (norm_) values.push_back(inference.norm(index));
-    report_.line({picture}, values);
+    if (norm_) row["norm"] = batch.norm(index);
+    rows_.print(row);
   }
 
  private:
-  std::vector<OutputGroup> groups(const NetworkTable& table) const {
-    std::vector<OutputGroup> groups;
-    if (values_) groups.assign(table.outputs.begin(), table.outputs.end());
-    if (norm_) groups.push_back({"norm", 1});
-    return groups;
+  std::vector<Column> columns(std::size_t pictureWidth) const {
+    constexpr std::size_t kNumber = 10;
+    std::vector<Column> columns = {{"image", pictureWidth}};
+    for (const OutputGroup& group : groups_)
+      columns.push_back({group.name, kNumber, Column::kResult});
+    if (norm_) columns.push_back({"norm", kNumber, Column::kResult});
+    return columns;
   }
 
-  bool values_;  ///< else they go to a file
+  facezoo::View<OutputGroup> groups_;  ///< none if they go to a file
   bool norm_;
-  Report report_;
+  Rows rows_;
 };
 
 /// Writes a row of a NumPy array for each picture.
-class Rows : public Sink {
+class Array : public Sink {
  public:
-  Rows(const std::string& path, const NetworkTable& table) : file_(path, table.outputCount()) {}
+  Array(const std::string& path, const NetworkTable& table) : file_(path, table.outputCount()) {}
 
-  void take(const std::string&, const Inference& inference, std::size_t index) override {
-    file_.add(inference.results(index));
+  void take(const std::string&, const Batch& batch, int index) override {
+    file_.add(batch.values(index));
   }
   void finish() override {
     if (file_.rows() > 0) file_.keep();
@@ -123,9 +139,9 @@ class Drawings : public Sink {
     if (error) throw Failure(options.drawings + ": cannot be made: " + error.message());
   }
 
-  void take(const std::string& picture, const Inference& inference, std::size_t index) override {
-    const int outside = drawLandmarks(picture, inference.results(index), reading_, geometry_,
-                                      drawingOf_.at(picture));
+  void take(const std::string& picture, const Batch& batch, int index) override {
+    const int outside =
+        drawLandmarks(picture, batch.values(index), reading_, geometry_, drawingOf_.at(picture));
     if (outside > 0) {
       warn(picture + ": " + std::to_string(outside) +
            " of 68 landmarks lie outside the picture: do --layout and --scale fit the weights?");
@@ -142,20 +158,19 @@ class Drawings : public Sink {
 class Comparison : public Sink {
  public:
   Comparison(const Options& options, const std::vector<std::string>& pictures)
-      : report_(
-            options.format.empty() ? "table" : options.format,
-            {{"image", Report::widest({pictures[0]})}, {"other", Report::widest({pictures[1]})}},
-            {{"cosine", 1}}) {}
+      : rows_(formatOf(options), {{"image", widest({pictures[0]})},
+                                  {"other", widest({pictures[1]})},
+                                  {"cosine", 10, Column::kResult}}) {}
 
-  void take(const std::string& picture, const Inference& inference, std::size_t index) override {
-    const float* const results = inference.results(index);
+  void take(const std::string& picture, const Batch& batch, int index) override {
+    const float* const results = batch.values(index);
     pictures_.push_back(picture);
-    descriptors_.emplace_back(results, results + inference.resultCount());
+    descriptors_.emplace_back(results, results + batch.valueCount());
   }
   void finish() override {
     const double product = dot(0, 1);
     const double lengths = std::sqrt(dot(0, 0)) * std::sqrt(dot(1, 1));
-    report_.line(pictures_, {static_cast<float>(product / lengths)});
+    rows_.print({{"image", pictures_[0]}, {"other", pictures_[1]}, {"cosine", product / lengths}});
   }
 
  private:
@@ -166,7 +181,7 @@ class Comparison : public Sink {
     return sum;
   }
 
-  Report report_;
+  Rows rows_;
   std::vector<std::string> pictures_;
   std::vector<std::vector<float>> descriptors_;
 };
@@ -182,11 +197,7 @@ void checkUsage(const Options& options, const NetworkTable& table) {
                        [&](const OutputGroup& found) { return std::string(found.name) == group; });
   };
   const std::string network = table.name;
-  const int mostImages = std::numeric_limits<int>::max() / table.perImageBytes;
-  if (options.batch > mostImages) {
-    refuse("--batch", network + " takes at most " + std::to_string(mostImages) + ", found " +
-                          std::to_string(options.batch));
-  }
+  requireBatch(table, options.batch);
   if (options.norm && !table.hasNorm) refuse("--norm", network + " gives no norm");
   if (!options.compared.empty() && !gives("features"))
     refuse("--compare", "expected a network that gives a descriptor, found " + network);
@@ -208,20 +219,6 @@ std::vector<std::string> picturesOf(const Options& options) {
   return findPictures(paths);
 }
 
-/// Finds what the constructor would, but all of it and without a device.
-void requireWeights(const Options& options, const NetworkTable& network) {
-  const WeightFindings findings =
-      checkWeights(WeightDocument(options.weights), network, options.prefix);
-  if (findings.faults.empty()) return;
-  constexpr std::size_t kMost = 5;
-  const std::size_t named = std::min(kMost, findings.faults.size());
-  std::string line = options.weights;
-  for (std::size_t i = 0; i < named; ++i) line += (i == 0 ? ": " : "; ") + findings.faults[i];
-  if (const std::size_t more = findings.faults.size() - named; more > 0)
-    line += "; and " + std::to_string(more) + " more, which weights check lists";
-  throw Failure(line);
-}
-
 bool printsLines(const Options& options) {
   return options.compared.empty() && (options.features.empty() || !options.format.empty());
 }
@@ -230,7 +227,7 @@ std::vector<std::unique_ptr<Sink>> sinksFor(const Options& options, const Networ
                                             const std::vector<std::string>& pictures) {
   std::vector<std::unique_ptr<Sink>> sinks;
   if (!options.compared.empty()) sinks.emplace_back(new Comparison(options, pictures));
-  if (!options.features.empty()) sinks.emplace_back(new Rows(options.features, table));
+  if (!options.features.empty()) sinks.emplace_back(new Array(options.features, table));
   if (!options.drawings.empty()) sinks.emplace_back(new Drawings(options, table, pictures));
   if (printsLines(options)) sinks.emplace_back(new Lines(options, table, pictures));
   return sinks;
@@ -238,17 +235,18 @@ std::vector<std::unique_ptr<Sink>> sinksFor(const Options& options, const Networ
 
 /// Takes the pictures through a network in full batches. @return how many could not be read
 std::size_t process(const Options& options, const NetworkTable& table, Network& network,
-                    const std::vector<std::string>& pictures, std::size_t batch,
+                    const std::vector<std::string>& pictures, int capacity,
                     const std::vector<std::unique_ptr<Sink>>& sinks) {
-  Inference inference(network, table, static_cast<int>(batch));
-  PictureStream stream(pictures, table, options.threads, batch + options.threads);
+  Batch batch(table, capacity, options.norm);
+  PictureStream stream(pictures, table, options.threads, capacity + options.threads);
   const bool scrolls = printsLines(options) && isatty(STDOUT_FILENO) != 0;
   Progress progress(pictures.size(), isatty(STDERR_FILENO) != 0 && !scrolls);
   std::vector<std::string> waiting;
   const auto runBatch = [&] {
-    inference.run(waiting.size());
-    for (std::size_t i = 0; i < waiting.size(); ++i)
-      for (const auto& sink : sinks) sink->take(waiting[i], inference, i);
+    batch.resize(static_cast<int>(waiting.size()));
+    batch.pass(network);
+    for (int i = 0; i < batch.size(); ++i)
+      for (const auto& sink : sinks) sink->take(waiting[i], batch, i);
     if (std::fflush(stdout) != 0) throw Failure("standard output: cannot be written");
     progress.add(waiting.size());
     waiting.clear();
@@ -259,9 +257,10 @@ std::size_t process(const Options& options, const NetworkTable& table, Network& 
   for (const std::string& picture : pictures) {
     const PictureStream::Decoded decoded = stream.take();
     if (decoded.fault.empty()) {
-      std::copy(decoded.pixels.begin(), decoded.pixels.end(), inference.image(waiting.size()));
+      std::copy(decoded.pixels.begin(), decoded.pixels.end(),
+                batch.images(static_cast<int>(waiting.size())));
       waiting.push_back(picture);
-      if (waiting.size() == batch) runBatch();
+      if (static_cast<int>(waiting.size()) == capacity) runBatch();
     } else {
       if (strict) throw Failure(decoded.fault);
       warn(decoded.fault);
@@ -280,19 +279,19 @@ void run(const Options& options) {
   const std::vector<std::string> pictures = picturesOf(options);
   // What the user may have to mend comes before what takes long.
   const std::vector<std::unique_ptr<Sink>> sinks = sinksFor(options, table, pictures);
-  requireWeights(options, table);
+  requireWeights(options.weights, table, options.prefix);
   chosenDevice(listDevices());
 
-  const std::size_t batch = std::min<std::size_t>(options.batch, pictures.size());
+  const int batch = static_cast<int>(std::min<std::size_t>(options.batch, pictures.size()));
   std::size_t unreadable = 0;
-  std::chrono::duration<double> took{};
+  double seconds = 0;
   try {
     const QuietLibrary quiet;
     const GPU gpu;
-    known.with(options.weights, static_cast<int>(batch), options.prefix, [&](Network& network) {
-      const auto start = std::chrono::steady_clock::now();
+    known.with(options.weights, batch, options.prefix, [&](Network& network) {
+      const Timer timer;
       unreadable = process(options, table, network, pictures, batch, sinks);
-      took = std::chrono::steady_clock::now() - start;
+      seconds = timer.milliseconds() / 1000;
     });
   } catch (const Failure&) {
     throw;
@@ -305,7 +304,7 @@ void run(const Options& options) {
     if (rows > 0) sink->finish();
   if (!options.features.empty() && rows > 0 && !printsLines(options)) {
     std::printf("%s: %zu rows of %d values, %.1f pictures/s\n", printable(options.features).c_str(),
-                rows, table.outputCount(), static_cast<double>(rows) / took.count());
+                rows, table.outputCount(), static_cast<double>(rows) / seconds);
   }
   if (unreadable > 0) {
     throw Failure(std::to_string(unreadable) + " of " + std::to_string(pictures.size()) +
@@ -345,7 +344,7 @@ void addRun(CLI::App& tool) {
       ->group(inputs);
 
   command->add_option("--format", options->format, "Of the lines; a table unless given")
-      ->check(CLI::IsMember(Report::formats()))
+      ->check(CLI::IsMember(rowFormats))
       ->type_name("F")
       ->group(outputs);
   CLI::Option* norm =
