@@ -1,0 +1,148 @@
+#!/usr/bin/env bash
+# The README's program and CMake lines, as they stand, and the examples build and run against the
+# library, however it is had.
+#   package_test.sh installed|debian|embedded SOURCE_DIR BUILD_DIR
+set -Eeuo pipefail
+trap 'echo "line $LINENO: $BASH_COMMAND"' ERR
+source_dir=$2 build_dir=$3
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+unset CPATH LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
+tool=$build_dir/bin/facezoo
+warnings='-Wall -Wextra -Werror'
+
+block() { sed -n "/^\`\`\`$1\$/,/^\`\`\`\$/p" "$source_dir/README.md" | sed '/^```/d'; }
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+prepare() {
+  mkdir "$dir/application"
+  block cpp >"$dir/application/application.cpp"
+  test "$(wc -l <"$dir/application/application.cpp")" -ge 10
+  project "$(block cmake)"
+  "$tool" weights synth DexpressionNet -o "$dir/DexpressionNet" >/dev/null
+  head -c $((224 * 224)) /dev/zero >"$dir/grey"
+}
+project() { # CMAKE_LINES
+  printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(application CXX)' \
+    'add_executable(application application.cpp)' "$1" >"$dir/application/CMakeLists.txt"
+}
+configure() { # SOURCE FOLDER OPTION...
+  cmake -G Ninja -S "$1" -B "$dir/$2" -DCMAKE_CXX_FLAGS="$warnings" "${@:3}" >"$dir/log" 2>&1
+}
+build() { # SOURCE FOLDER OPTION...
+  { configure "$@" && cmake --build "$dir/$2" >"$dir/log" 2>&1; } || fail "$(cat "$dir/log")"
+}
+run() { # PROGRAM: the two heads sum to 1
+  "$1" "$dir/DexpressionNet" "$dir/grey" | awk '{ sum[NR <= 2] += $1 }
+    END { exit !(NR == 5 && (sum[0] - 1) ^ 2 < 1e-6 && (sum[1] - 1) ^ 2 < 1e-6) }' ||
+    fail "wrong results of $1"
+}
+
+use_cmake() { # PREFIX STANDARD
+  build "$dir/application" "cmake$2" -DCMAKE_PREFIX_PATH="$1" -DCMAKE_CXX_STANDARD="$2"
+  run "$dir/cmake$2/application"
+}
+use_pkg_config() { # PREFIX
+  local path flags
+  path=$(find "$1" -name pkgconfig)
+  read -ra flags < <(PKG_CONFIG_PATH=$path pkg-config --cflags --libs facezoo)
+  # shellcheck disable=SC2086 # several words
+  g++ -std=c++14 $warnings "$dir/application/application.cpp" -o "$dir/linked" "${flags[@]}"
+  LD_LIBRARY_PATH=$(PKG_CONFIG_PATH=$path pkg-config --variable=libdir facezoo) run "$dir/linked"
+}
+refuse() { # PREFIX MESSAGE CMAKE_LINE OPTION...
+  project "$3"
+  ! configure "$dir/application" refused -DCMAKE_PREFIX_PATH="$1" "${@:4}" || fail "accepted: $3"
+  tr -s ' \n' ' ' <"$dir/log" | grep -qF "$2" || fail "expected '$2', found: $(cat "$dir/log")"
+  rm -r "$dir/refused"
+}
+
+# What the library throws is caught by type on the other side of the shared library's boundary.
+catch_failures() { # PREFIX
+  cat >"$dir/application/application.cpp" <<'EOF'
+#include <DexpressionNet.h>
+int main(int, char** argv) {
+  int caught = 0;
+  try { DexpressionNet net("", 1, ""); } catch (NetworkError e) { caught += e == 0; }
+  try { DexpressionNet net("/dev/null", 1, ""); } catch (const msgpack::v1::insufficient_bytes&) { ++caught; }
+  DexpressionNet net(argv[1], 1, "");
+  try { net.Forward(nullptr, 1000000, nullptr, nullptr); } catch (TensorError) { ++caught; }
+  try { net.Forward(nullptr, 1, nullptr, nullptr); } catch (cudaError) { ++caught; }
+  return caught == 4 ? 0 : 1;
+}
+EOF
+  build "$dir/application" cmake14 -DCMAKE_PREFIX_PATH="$1"
+  "$dir/cmake14/application" "$dir/DexpressionNet" >/dev/null 2>&1
+}
+
+try_examples() { # PREFIX
+  local name bin=$dir/examples
+  build "$1/share/doc/facezoo/examples" examples -DCMAKE_PREFIX_PATH="$1"
+  for name in FANet LCNN29 GoogLeNet_FAA3ch_12tasks; do
+    "$tool" weights synth $name -o "$dir/$name" >/dev/null
+  done
+  head -c $((224 * 224 * 3)) /dev/zero >"$dir/dark"
+  tr '\0' '\177' <"$dir/dark" >"$dir/bright"
+  for name in dark bright; do head -c $((128 * 128 * 3)) "$dir/$name" >"$dir/$name.small"; done
+  head -c $((224 * 224)) "$dir/bright" >"$dir/white"
+
+  "$bin/heads" "$dir/GoogLeNet_FAA3ch_12tasks" "$dir/dark" | awk '
+    NR <= 7 { sum = 0; for (i = 2; i <= NF; ++i) sum += $i; wrong += (sum - 1) ^ 2 > 1e-4 }
+    NR > 7 { wrong += NF != 2 } END { exit wrong || NR != 12 }' || fail "wrong heads"
+  "$bin/landmarks" "$dir/FANet" "$dir/dark" | awk '
+    NR <= 136 && NF == 1 || $1 == "norm" && $2 > 0 { ++right } END { exit right != 137 || NR != 137 }' ||
+    fail "wrong landmarks"
+  ! "$bin/landmarks" "$dir/none" "$dir/dark" >/dev/null 2>"$dir/log" || fail 'landmarks without weights'
+  grep -qx 'landmarks: no such weights' "$dir/log"
+  "$bin/descriptors" "$dir/LCNN29" "$dir/dark.small"{,} | grep -qx 'cosine similarity 1.0000'
+  "$bin/descriptors" "$dir/LCNN29" "$dir/"{dark,bright}.small |
+    awk '/similarity/ && $3 < 1 { exit 0 } /norms/ && $2 == $3 || /similarity/ { exit 1 }'
+  "$bin/threads" "$dir/DexpressionNet" "$dir/"{grey,white,grey} >"$dir/threads"
+  cmp <(head -n 5 "$dir/threads") <(tail -n 5 "$dir/threads")
+  test "$(wc -l <"$dir/threads")" -eq 15
+}
+
+prepare
+case $1 in
+  installed)
+    cmake --install "$build_dir" --prefix "$dir/first" >/dev/null
+    mv "$dir/first" "$dir/prefix"
+    use_cmake "$dir/prefix" 14
+    use_cmake "$dir/prefix" 17
+    use_pkg_config "$dir/prefix"
+    try_examples "$dir/prefix"
+    catch_failures "$dir/prefix"
+    refuse "$dir/prefix" 'facezoo has no components; asked for: heads' \
+      'find_package(facezoo REQUIRED COMPONENTS heads)'
+    refuse "$dir/prefix" 'need msgpack.hpp, MessagePack for C++ (package libmsgpack-cxx-dev' \
+      'find_package(facezoo REQUIRED)' -DFACEZOO_MSGPACK_INCLUDE_DIR=/nowhere
+    refuse "$dir/prefix" 'compatible with requested version "0.0"' 'find_package(facezoo 0.0 REQUIRED)'
+    ;;
+  debian)
+    cpack --config "$build_dir/CPackConfig.cmake" -B "$dir/deb" >"$dir/log" 2>&1 || fail "$(cat "$dir/log")"
+    dpkg-deb -x "$dir"/deb/*.deb "$dir/root"
+    dpkg-deb -f "$dir"/deb/*.deb Depends | grep -q 'libstdc++6'
+    tool=$dir/root/usr/bin/facezoo
+    "$tool" info >/dev/null
+    use_cmake "$dir/root/usr" 14
+    use_pkg_config "$dir/root/usr"
+    ;;
+  embedded)
+    project "add_subdirectory($source_dir facezoo)
+      target_link_libraries(application PRIVATE facezoo::facezoo)"
+    build "$dir/application" embedded -DFACEZOO_PLATFORM=host -DCMAKE_CXX_STANDARD=14
+    run "$dir/embedded/application"
+    # Tests, tool and warnings of the library stay away, and so does what it would install.
+    ninja -C "$dir/embedded" -t targets all >"$dir/found"
+    ninja -C "$dir/embedded" -t commands CMakeFiles/application.dir/application.cpp.o |
+      grep application.cpp >>"$dir/found"
+    if grep -E -e 'facezoo_(tests|tool|manual)|benchmark|-W(shadow|undef)|fno-math' "$dir/found"; then
+      fail 'more than the library'
+    fi
+    cmake --install "$dir/embedded" --prefix "$dir/prefix" >/dev/null
+    test ! -e "$dir/prefix"
+    ;;
+esac
