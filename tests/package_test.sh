@@ -60,6 +60,22 @@ refuse() { # PREFIX MESSAGE CMAKE_LINE OPTION...
   rm -r "$dir/refused"
 }
 
+# A picture of the network's size reaches it byte for byte.
+compare_with_tool() { # PROGRAM
+  python3 - "$dir/noise" <<'EOF'
+import random, struct, sys, zlib
+noise, size = random.Random(1).randbytes(224 * 224), struct.pack(">2I5B", 224, 224, 8, 0, 0, 0, 0)
+rows = b"".join(b"\0" + noise[i:i + 224] for i in range(0, len(noise), 224))
+open(sys.argv[1], "wb").write(noise)
+open(sys.argv[1] + ".png", "wb").write(b"\x89PNG\r\n\x1a\n" + b"".join(
+    struct.pack(">I", len(body)) + kind + body + struct.pack(">I", zlib.crc32(kind + body))
+    for kind, body in ((b"IHDR", size), (b"IDAT", zlib.compress(rows)), (b"IEND", b""))))
+EOF
+  "$tool" run DexpressionNet -w "$dir/DexpressionNet" --format csv "$dir/noise.png" |
+    tail -n 1 | tr , '\n' | tail -n 5 | xargs printf '%f\n' >"$dir/found"
+  "$1" "$dir/DexpressionNet" "$dir/noise" | cmp - "$dir/found"
+}
+
 # What the library throws is caught by type on the other side of the shared library's boundary.
 catch_failures() { # PREFIX
   cat >"$dir/application/application.cpp" <<'EOF'
@@ -113,6 +129,7 @@ case $1 in
     use_cmake "$dir/prefix" 14
     use_cmake "$dir/prefix" 17
     use_pkg_config "$dir/prefix"
+    compare_with_tool "$dir/cmake14/application"
     try_examples "$dir/prefix"
     catch_failures "$dir/prefix"
     refuse "$dir/prefix" 'facezoo has no components; asked for: heads' \

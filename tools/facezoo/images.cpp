@@ -102,6 +102,12 @@ void loadImage(const std::string& path, int channels, int width, int height,
   const int stride = picture.width * channels;
   const stbi_uc* corner =
       picture.pixels.get() + std::ptrdiff_t{crop.y} * stride + std::ptrdiff_t{crop.x} * channels;
+  if (crop.width == width && crop.height == height) {
+    const int row = width * channels;
+    for (int y = 0; y < height; ++y)
+      std::copy_n(corner + std::ptrdiff_t{y} * stride, row, pixels + std::ptrdiff_t{y} * row);
+    return;
+  }
   if (stbir_resize_uint8(corner, crop.width, crop.height, stride, pixels, width, height, 0,
                          channels) == 0)
     throw Failure(path + ": not enough memory to resample it");

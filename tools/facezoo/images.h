@@ -23,6 +23,6 @@ Picture readPicture(const std::string& path, int channels);
 Crop centreCrop(const Picture& picture, int width, int height);
 
 /// Decodes a PNG or JPEG file into height × width × channels interleaved bytes at `pixels`: its
-/// centre crop, resampled.
+/// centre crop, resampled unless it has that size already.
 /// @throws Failure if the file is not a complete image
 void loadImage(const std::string& path, int channels, int width, int height, unsigned char* pixels);

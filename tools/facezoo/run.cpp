@@ -377,11 +377,10 @@ void addRun(CLI::App& tool) {
       ->group(outputs);
   command->footer(
       "Directories are searched to the bottom, by name. Pictures are turned grey for a network of\n"
-      "one channel, cropped around their centre to its aspect ratio, then resampled to its size; "
-      "an\n"
-      "orientation tag is ignored. One that cannot be read is reported and left out, and makes "
-      "the\n"
-      "exit code 1. Results come in the order of the pictures.\n"
+      "one channel, cropped around their centre to its aspect ratio, and resampled unless they "
+      "have\n"
+      "its size; an orientation tag is ignored. One that cannot be read is reported and left out,\n"
+      "and makes the exit code 1. Results come in the order of the pictures.\n"
       "A table shows the first values of a long group; JSON, CSV and NumPy hold all of them.\n"
       "With --features, lines are printed only if --format is given, without the values.\n"
       "Example: facezoo run DexpressionNet -w weights.msgpack --format json face.jpg\n"
