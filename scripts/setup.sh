@@ -13,7 +13,7 @@ if [ "${1:-}" = --tests ]; then
   packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
     "clang-format:style check" "clang-tidy:static analysis" "libomp-dev:omp.h for clang-tidy"
     "libbenchmark-dev:benchmarks of layers, which must build"
-    "doxygen:checks that the public headers are documented"
+    "doxygen:checks that the public headers are documented" "mandoc:checks the manual page"
     "dpkg-dev:dependencies of the Debian package" "pkgconf:one way to use the library")
 elif [ "${1:-}" = --bench ]; then
   packages+=("libbenchmark-dev:benchmarks of layers" "python3-venv:comparison with other engines")
