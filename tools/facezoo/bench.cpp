@@ -249,6 +249,6 @@ void addBench(CLI::App& tool) {
       "  device's memory\n"
       "Both kinds of pass come in turn, after 3 that are not counted. OMP_NUM_THREADS sets the\n"
       "threads of the CPU platform. CSV and JSON repeat in every row what they were measured on.\n"
-      "Example: facezoo bench DexpressionNet LCNN29 --batch 1 8 32 --format csv");
+      "Example: facezoo bench DexpressionNet LCNN29 --batch 1 4 --seconds 0.5");
   command->callback([options] { bench(*options); });
 }

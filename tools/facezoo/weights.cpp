@@ -168,7 +168,7 @@ void addWeights(CLI::App& tool) {
 
   CLI::App* imported =
       add("import", "Write the weight file of what a safetensors file holds", importWeights,
-          "LCNN29 model.safetensors -o weights.msgpack --names names.json",
+          "LCNN29 model.safetensors -o lcnn.msgpack --names names.json",
           "\nTensors are F32, F16 or BF16, which widen exactly, of shape [out, in, row, column] or"
           "\n[out, in]; sizes of 1 make no difference. Each is named as in the weight file, prefix"
           "\nincluded; MAP is for other names:"
@@ -182,7 +182,7 @@ void addWeights(CLI::App& tool) {
 
   CLI::App* exported =
       add("export", "Write the safetensors file of a network's weights", exportWeights,
-          "LCNN29 weights.msgpack -o model.safetensors",
+          "LCNN29 lcnn.msgpack -o model.safetensors",
           "\nTensors are F32, in the network's order, named as in the weight file, prefix included."
           "\nA weight file that `check` finds faulty is not exported.");
   addNetworkArgument(*exported, options->network);
