@@ -1,5 +1,6 @@
 """End-to-end test of the command-line tool: tool_test.py PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
-import ast, csv, glob, json, math, os, re, resource, shutil, signal, struct, subprocess, sys, unittest, zlib
+import ast, contextlib, csv, glob, json, math, os, pty, re, resource, shutil, signal, struct
+import subprocess, sys, unittest, zlib
 from pathlib import Path
 from unittest import mock
 from tool_support import NET, PORTRAIT, RUN, TOOL, ToolCase
@@ -132,7 +133,8 @@ class ToolTest(ToolCase):
 
     def test_ends_at_a_signal(self):
         Path("many").write_text("face.jpg\n" * 100000)
-        for number, word in (signal.SIGINT, "interrupted"), (signal.SIGTERM, "ended"), (signal.SIGHUP, "terminal"):
+        for number, word in ((signal.SIGINT, "interrupted"), (signal.SIGTERM, "ended"),
+                             (signal.SIGHUP, "terminal")):
             run = subprocess.Popen([TOOL, *f"run {NET} -w good --list many --features f.npy".split()],
                                    stderr=subprocess.PIPE, encoding="utf-8")
             while not glob.glob("*.part"):
@@ -140,6 +142,22 @@ class ToolTest(ToolCase):
             run.send_signal(number)
             self.assertRegex(run.communicate(timeout=60)[1], rf"\Afacezoo: [^\n]*{word}[^\n]*\n\Z")
             self.assertEqual((1, ["face.jpg", "good", "many"]), (run.returncode, sorted(os.listdir())))
+
+    def test_shows_progress_on_a_terminal(self):
+        Path("many").write_text("face.jpg\n" * 9)
+        run = *f"run {NET} -w good --list many --features f.npy".split(),
+        for path, shown in ((os.environ["PATH"], r"\b0:00:0\d .*\d ?/s.* 100%"),
+                            ("", "not shown: pv cannot be")):
+            child, terminal = pty.fork()
+            if child == 0:
+                os.execve(TOOL, [TOOL, *run], {**os.environ, "PATH": path})
+            found = b""
+            with contextlib.suppress(OSError):  # which ends what a closed terminal said
+                while piece := os.read(terminal, 9999):
+                    found += piece
+            self.assertEqual(0, os.waitpid(child, 0)[1])
+            self.assertRegex(found.decode(), shown)
+            os.close(terminal)
 
     def test_finds_pictures(self):
         os.makedirs("faces/below")
@@ -234,7 +252,8 @@ class ToolTest(ToolCase):
                       rf"facezoo: wide: {68 - len(inside)} of 68 landmarks lie outside[^\n]*\n")
             width, found = pixels("to/new/wide.png")
             before = [bytes((i * 3 + c) % 200 for c in range(3)) for i in range(400)]
-            drawn = [x + y * width for y in range(200) for x in range(width) if found[x + y * width] != before[x]]
+            drawn = [x + y * width for y in range(200) for x in range(width)
+                     if found[x + y * width] != before[x]]
             self.assertEqual(400, width)
             self.assertTrue({int(x) + int(y) * width for x, y in inside} <= set(drawn))
             self.assertLess(len(drawn), 30 * len(inside))
@@ -266,7 +285,8 @@ class ToolTest(ToolCase):
                 entries=b"\xdf\xff\xff\xff\xff\xa1a\xc0").items():
             Path(name).write_bytes(data)
         self.fail_all([(f"run {NET} -w good {name}", 1, line) for name, line in (
-            ("nobody", "nobody: .*No such"), ("no\nbody", r"no\?body: "), ("empty", "empty: "), ("text", "text: .*else"), ("cutpng", "cutpng: .*PNG.*ends"),
+            ("nobody", "nobody: .*No such"), ("no\nbody", r"no\?body: "), ("empty", "empty: "),
+            ("text", "text: .*else"), ("cutpng", "cutpng: .*PNG.*ends"),
             ("cutjpg", "cutjpg: .*JPEG.*ends"), ("vast", "vast: .*60000 x 60000"))])
         self.fail_all([(f"{command} {name}", 1, f"{re.escape(name)}: .*{line}") for name, line in (
             ("nobody", "No such"), ("empty", "empty"), (".", "directory"), ("short", "end missing"),
