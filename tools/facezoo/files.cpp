@@ -23,6 +23,10 @@ void requireName(const std::string& path) {
   if (path.empty()) throw Failure("expected a file name, found an empty argument");
 }
 
+[[noreturn]] void refuse(const std::string& path) {
+  throw Failure(path + ": cannot be written: " + reason(errno));
+}
+
 /// Names of temporary files; the empty ones are free.
 std::array<std::array<char, PATH_MAX>, 4> temporaries;
 
@@ -78,7 +82,20 @@ void handleSignals() {
   }
 }
 
-NewFile::NewFile(const std::string& path) {
+NewFile::Buffer::int_type NewFile::Buffer::overflow(int_type c) {
+  errno = 0;
+  const int_type result = std::filebuf::overflow(c);
+  if (traits_type::eq_int_type(result, traits_type::eof())) refuse(name_);
+  return result;
+}
+
+std::streamsize NewFile::Buffer::xsputn(const char* bytes, std::streamsize count) {
+  errno = 0;
+  if (std::filebuf::xsputn(bytes, count) != count) refuse(name_);
+  return count;
+}
+
+NewFile::NewFile(const std::string& path) : name_(path), buffer_(name_), stream_(&buffer_) {
   requireName(path);
   std::error_code error;
   // Renaming would put a file in the place of a link or a device, not behind it.
@@ -91,11 +108,11 @@ NewFile::NewFile(const std::string& path) {
   if (fs::exists(status) && !fs::is_regular_file(status))
     throw Failure(path + ": exists and is not a regular file");
   temporary_ = noteTemporary(path_ + "." + std::to_string(getpid()) + ".part");
+  stream_.exceptions(std::ios::badbit | std::ios::failbit);  // passes on what the buffer throws
   errno = 0;
-  stream_.open(temporary_, std::ios::binary);
-  if (stream_) return;
+  if (buffer_.open(temporary_, std::ios::out | std::ios::binary) != nullptr) return;
   temporary_[0] = '\0';
-  throw Failure(path + ": cannot be written: " + reason(errno));
+  refuse(name_);
 }
 
 NewFile::~NewFile() {
@@ -106,8 +123,7 @@ NewFile::~NewFile() {
 
 std::string NewFile::close() {
   errno = 0;
-  if (stream_.is_open()) stream_.close();
-  if (!stream_) throw Failure(path_ + ": cannot be written: " + reason(errno));
+  if (buffer_.is_open() && buffer_.close() == nullptr) refuse(name_);
   return temporary_;
 }
 
@@ -115,7 +131,7 @@ void NewFile::keep() {
   close();
   std::error_code error;
   fs::rename(temporary_, path_, error);
-  if (error) throw Failure(path_ + ": cannot be written: " + error.message());
+  if (error) throw Failure(name_ + ": cannot be written: " + error.message());
   temporary_[0] = '\0';
   temporary_ = nullptr;
 }

@@ -23,6 +23,7 @@ class NewFile {
   /// Removes the temporary file unless it was kept.
   ~NewFile();
 
+  /// What cannot be written throws `Failure` at once.
   std::ostream& stream() { return stream_; }
   /// Ends writing. Returns the temporary file's name, by which it can be read until it is kept.
   /// @throws Failure if not everything could be written
@@ -31,7 +32,22 @@ class NewFile {
   void keep();
 
  private:
-  std::string path_;
+  /// Knows why it cannot write while the reason is at hand.
+  class Buffer : public std::filebuf {
+   public:
+    explicit Buffer(const std::string& name) : name_(name) {}
+
+   protected:
+    int_type overflow(int_type c) override;
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override;
+
+   private:
+    const std::string& name_;
+  };
+
+  std::string name_;           ///< as the user says it
+  std::string path_;           ///< behind all links
   char* temporary_ = nullptr;  ///< its name, where a signal handler finds it
-  std::ofstream stream_;
+  Buffer buffer_;
+  std::ostream stream_;
 };

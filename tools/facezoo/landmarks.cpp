@@ -61,13 +61,15 @@ int drawLandmarks(const std::string& path, const float* values, const LandmarkRe
       ++outside;
     }
   }
-  NewFile file(drawing);
-  const auto append = [](void* stream, void* data, int size) {
-    static_cast<std::ostream*>(stream)->write(static_cast<const char*>(data), size);
+  std::string encoded;
+  const auto append = [](void* text, void* data, int size) {
+    static_cast<std::string*>(text)->append(static_cast<const char*>(data), size);
   };
-  if (stbi_write_png_to_func(append, &file.stream(), picture.width, picture.height, kChannels,
+  if (stbi_write_png_to_func(append, &encoded, picture.width, picture.height, kChannels,
                              picture.pixels.get(), picture.width * kChannels) == 0)
     throw Failure(drawing + ": not enough memory to encode it");
+  NewFile file(drawing);
+  file.stream() << encoded;
   file.keep();
   return outside;
 }
