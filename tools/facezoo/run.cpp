@@ -23,7 +23,6 @@
 #include <limits>
 #include <map>
 #include <memory>
-#include <optional>
 
 namespace fs = std::filesystem;
 
