@@ -11,7 +11,9 @@ packages=(
 )
 if [ "${1:-}" = --tests ]; then
   packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
-    "clang-format:style check" "clang-tidy:static analysis" "libomp-dev:omp.h for clang-tidy"
+    "clang-format:style check" "clang-tidy:static analysis"
+    "clang:second compiler, for builds under sanitizers" "libomp-dev:its OpenMP"
+    "llvm:names in the reports of sanitizers"
     "libbenchmark-dev:benchmarks of layers, which must build"
     "doxygen:checks that the public headers are documented" "mandoc:checks the manual page"
     "dpkg-dev:dependencies of the Debian package" "pkgconf:one way to use the library")

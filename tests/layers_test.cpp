@@ -103,7 +103,7 @@ TEST_F(LayerTest, Convolution) {
         freshPool();
         // Algorithms that transform tiles multiply by numbers up to 8 and back: each rounding
         // weighs that much more.
-        expectClose(layer(upload(x)), expected, scale, roundings(taps, 128));
+        expectClose(layer(upload(x)), expected, scale, roundings(taps, 192));
       };
       check(fused, relu(sums));
       check(biased, sums);

@@ -16,7 +16,7 @@
 /// Marks a leaf function to be compiled for several instruction sets, the best chosen at load. It
 /// must be called from parallel regions, not hold them: outlined regions are not cloned. Sanitizers
 /// are not ready yet when the choice is made.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef FACEZOO_SANITIZED
 #define HOST_DEVICE_CLONES
 #else
 #define HOST_DEVICE_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
