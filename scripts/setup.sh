@@ -16,7 +16,8 @@ if [ "${1:-}" = --tests ]; then
     "llvm:names in the reports of sanitizers"
     "libbenchmark-dev:benchmarks of layers, which must build"
     "doxygen:checks that the public headers are documented" "mandoc:checks the manual page"
-    "dpkg-dev:dependencies of the Debian package" "pkgconf:one way to use the library")
+    "dpkg-dev:dependencies of the Debian package" "file:finds its libraries"
+    "pkgconf:one way to use the library")
 elif [ "${1:-}" = --bench ]; then
   packages+=("libbenchmark-dev:benchmarks of layers" "python3-venv:comparison with other engines")
 fi
