@@ -42,16 +42,16 @@ bool winogradPays(const Problem& problem) {
 /// Packed as [frequency][row group][channel][row].
 void packWinograd(const Problem& problem, const float* w, float* packed) {
   // Row i: the powers of the i-th point, scaled; the last point is infinity.
-  constexpr float points[] = {0, 1, -1, 2, -2};
-  constexpr float scales[] = {1.0f / 4, -1.0f / 6, -1.0f / 6, 1.0f / 24, 1.0f / 24};
+  constexpr double points[] = {0, 1, -1, 2, -2};
+  constexpr double scales[] = {1.0 / 4, -1.0 / 6, -1.0 / 6, 1.0 / 24, 1.0 / 24};
   constexpr int widest = 5;
   const int kernel = problem.vertical.kernel;
-  float transform[kTile][widest] = {};
+  double transform[kTile][widest] = {};  // in double, so that only the result is rounded
   for (int i = 0; i < kTile - 1; ++i) {
-    float power = scales[i];
+    double power = scales[i];
     for (int j = 0; j < kernel; ++j, power *= points[i]) transform[i][j] = power;
   }
-  transform[kTile - 1][kernel - 1] = 1.0f;
+  transform[kTile - 1][kernel - 1] = 1;
 
   const int rows = vectorCode().rows;
   const std::size_t groups = problem.rowGroups();
@@ -60,7 +60,7 @@ void packWinograd(const Problem& problem, const float* w, float* packed) {
   for (std::size_t group = 0; group < groups; ++group) {
     for (int c = 0; c < problem.c; ++c) {
       float* const to = packed + (group * problem.c + c) * rows;
-      float filter[widest][widest][kMostRows] = {}, half[kTile][widest][kMostRows] = {};
+      double filter[widest][widest][kMostRows] = {}, half[kTile][widest][kMostRows] = {};
       const int filled = std::min<int>(rows, problem.k - static_cast<int>(group) * rows);
       for (int row = 0; row < filled; ++row) {
         const float* from = w + ((group * rows + row) * problem.c + c) * kernel * kernel;
@@ -79,7 +79,7 @@ void packWinograd(const Problem& problem, const float* w, float* packed) {
       }
       for (int i = 0; i < kTile; ++i) {
         for (int j = 0; j < kTile; ++j) {
-          float sum[kMostRows] = {};
+          double sum[kMostRows] = {};
           for (int v = 0; v < kernel; ++v) {
             for (int row = 0; row < kMostRows; ++row) sum[row] += transform[j][v] * half[i][v][row];
           }
