@@ -1,0 +1,45 @@
+/// @file
+/// A network of a few layers, for tests that need thousands of constructions.
+#pragma once
+
+#include "layers/softmax.h"
+#include "network.h"
+#include "network_table.h"
+
+#include <string>
+
+namespace facezoo::test {
+
+inline constexpr LayerRow smallLayers[] = {
+    meanImage(4, 4, 1),
+    fusedConvolution("conv1", 1, 2, 3, 1, samePadding),
+    batchNormalization("conv1/bn", 2),
+    innerProduct("fc1", 2 * 4 * 4, 3, withBias),
+};
+inline constexpr OutputGroup smallOutput[] = {{"classes", 3}};
+inline constexpr NetworkTable smallNetwork = {
+    {1, 4, 4},         {2 * 4 * 4 * 4, 2}, "SmallNetwork",  3,
+    view(smallLayers), view(smallOutput),  Results::onHost, withoutNorm};
+
+class SmallNetwork : public Network {
+ public:
+  SmallNetwork(const char* weightFile, int maxBatch, std::string prefix)
+      : Network(weightFile, prefix) {
+    build(smallNetwork, maxBatch, prefix, {layers_});
+  }
+  SmallNetwork(SmallNetwork& other) = default;
+
+  int Forward(void* images, int batch, float* out1, float* /*out2*/) override {
+    Softmax softmax;
+    Tensor x = copyIn(images, batch);
+    for (Layer& layer : layers_) x = layer(x);
+    x = softmax(x);
+    copyOut(x, out1, cudaMemcpyDeviceToHost);
+    return 0;
+  }
+
+ private:
+  Layer layers_[4];
+};
+
+}  // namespace facezoo::test
