@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -11,20 +12,22 @@
 namespace facezoo {
 namespace {
 
-// With pages of 4 KiB, the faults of a buffer that is touched for the first time take longer than
-// reading into it.
-constexpr std::align_val_t kHugePage{std::size_t{2} << 20};
+/// With pages of 4 KiB, the faults of a large buffer that is touched for the first time take longer
+/// than reading into it.
+constexpr std::size_t kHugePage = std::size_t{2} << 20;
 
 FileBytes allocate(std::size_t capacity) {
   FileBytes bytes;
-  bytes.data.reset(static_cast<char*>(::operator new(capacity, kHugePage)));
-  madvise(bytes.data.get(), capacity, MADV_HUGEPAGE);  // may be refused: it changes no result
+  const bool large = capacity >= kHugePage;
+  const std::size_t whole = (capacity + kHugePage - 1) / kHugePage * kHugePage;
+  void* const data = large ? std::aligned_alloc(kHugePage, whole) : std::malloc(capacity);
+  if (data == nullptr) throw std::bad_alloc();
+  bytes.data.reset(static_cast<char*>(data));
+  if (large) madvise(data, capacity, MADV_HUGEPAGE);  // may be refused: it changes no result
   return bytes;
 }
 
 }  // namespace
-
-void freeFileBytes(void* data) noexcept { ::operator delete(data, kHugePage); }
 
 FileBytes readAll(std::istream& file, const char* path) {
   std::error_code unknown;

@@ -3,20 +3,18 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <istream>
 #include <memory>
 
 namespace facezoo {
 
-/// Releases what `readAll` allocated.
-void freeFileBytes(void* data) noexcept;
-
 /// A file's contents.
 struct FileBytes {
   struct Free {
-    void operator()(char* bytes) const noexcept { freeFileBytes(bytes); }
+    void operator()(char* bytes) const noexcept { std::free(bytes); }
   };
-  std::unique_ptr<char, Free> data;
+  std::unique_ptr<char, Free> data;  ///< to be released by std::free
   std::size_t size = 0;
 };
 

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <fstream>
 #include <utility>
@@ -78,7 +79,7 @@ void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
   const auto keepInPlace = [](auto, std::size_t, void*) { return true; };
   msgpack::v1::unpacked document =
       msgpack::unpack(bytes.data.get(), bytes.size, offset, referenced, keepInPlace);
-  document.zone()->push_finalizer(facezoo::freeFileBytes, bytes.data.get());
+  document.zone()->push_finalizer(std::free, bytes.data.get());
   bytes.data.release();  // NOLINT(bugprone-unused-return-value)
   out = std::move(document);
 }
