@@ -7,7 +7,8 @@ packages=(
   "g++:compiler" "cmake:build system" "ninja-build:build system"
   "libmsgpack-cxx-dev:weight files"
   "libcli11-dev:command line of the tool" "nlohmann-json3-dev:JSON output of the tool"
-  "libstb-dev:decodes and resizes images" "pv:shows the progress of long runs"
+  "libspng-dev:decodes PNG" "libturbojpeg0-dev:decodes JPEG"
+  "libstb-dev:resizes images and encodes PNG" "pv:shows the progress of long runs"
 )
 if [ "${1:-}" = --tests ]; then
   packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"

@@ -6,13 +6,15 @@ from unittest import mock
 from tool_support import NET, PORTRAIT, RUN, TOOL, ToolCase
 
 
-def png(name, row, height, channels):
-    """Writes an image of equal rows; its checksums are 0, as decoding does not depend on them."""
+def png(name, row, height, channels, claimed=None):
+    """Writes an image of equal rows, whose header may claim another width and height."""
     pixels = zlib.compress((b"\0" + row) * height, 1)
-    head = struct.pack(">2I5B", len(row) // channels, height, 8, {1: 0, 3: 2}[channels], 0, 0, 0)
+    width, height = claimed or (len(row) // channels, height)
+    head = struct.pack(">2I5B", width, height, 8, {1: 0, 3: 2}[channels], 0, 0, 0)
     chunks = (b"IHDR", head), (b"IDAT", pixels), (b"IEND", b"")
     Path(name).write_bytes(b"\x89PNG\r\n\x1a\n" + b"".join(
-        struct.pack(">I", len(body)) + kind + body + bytes(4) for kind, body in chunks))
+        struct.pack(">I", len(body)) + kind + body + struct.pack(">I", zlib.crc32(kind + body))
+        for kind, body in chunks))
 
 
 def npy(name):
@@ -277,18 +279,20 @@ class ToolTest(ToolCase):
 
     def test_refuses_files(self):
         png("whole", bytes(range(256)) * 3, 256, 3)
+        png("vast", b"", 0, 3, (60000, 60000))
+        png("hollow", b"", 0, 3, (9000, 9000))
         image, photo, good = (Path(name).read_bytes() for name in ("whole", PORTRAIT, "good"))
         for name, data in dict(
                 empty=b"", text=b"no such data\n", cutpng=image[:-400], cutjpg=photo[:9999],
-                vast=image[:16] + b"\0\0\xea\x60" * 2 + image[24:], short=good[:-1],
-                array=b"\x91" + good, claim=b"\x81\xa1a\xdb\xff\xff\xff\xff12", half=good[:9999],
+                short=good[:-1], array=b"\x91" + good, claim=b"\x81\xa1a\xdb\xff\xff\xff\xff12", half=good[:9999],
                 level=b"\x81\xa1a" + b"\x91" * 31 + b"1", deep=b"\x81\xa1a" + b"\x91" * 32 + b"1",
                 entries=b"\xdf\xff\xff\xff\xff\xa1a\xc0").items():
             Path(name).write_bytes(data)
         self.fail_all([(f"run {NET} -w good {name}", 1, line) for name, line in (
             ("nobody", "nobody: .*No such"), ("no\nbody", r"no\?body: "), ("empty", "empty: "),
-            ("text", "text: .*else"), ("cutpng", "cutpng: .*PNG.*ends"),
-            ("cutjpg", "cutjpg: .*JPEG.*ends"), ("vast", "vast: .*60000 x 60000"))])
+            ("text", "text: .*else"), ("cutpng", "cutpng: .*PNG.*end"),
+            ("cutjpg", "cutjpg: .*JPEG.*end"), ("vast", "vast: .*60000 x 60000"),
+            ("hollow", "hollow: .*9000 x 9000 pixels.*bytes"))])
         self.fail_all([(f"{command} {name}", 1, f"{re.escape(name)}: .*{line}") for name, line in (
             ("nobody", "No such"), ("empty", "empty"), (".", "directory"), ("short", "end missing"),
             ("half", "end missing"), ("text", "MessagePack map"), ("array", "found array"),

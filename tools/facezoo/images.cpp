@@ -3,47 +3,83 @@
 #include "failure.h"
 #include "files.h"
 
-#include <stb_image.h>
+#include <spng.h>
 #include <stb_image_resize.h>
+#include <turbojpeg.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <limits>
 #include <string_view>
-#include <vector>
 
 namespace {
 
 constexpr std::size_t kMostPixels = std::size_t{1} << 28;
+/// No byte of a file can stand for more: deflate makes up to 1032 bytes of one, each of 8 pixels of
+/// one bit. A small file that claims more is refused before it gets the memory.
+constexpr std::size_t kMostPixelsPerByte = std::size_t{8} * 1032;
 
-/// Reads big-endian numbers out of a file.
-std::size_t number(std::string_view file, std::size_t at, int bytes) {
-  std::size_t value = 0;
-  for (int i = 0; i < bytes; ++i) value = value << 8 | static_cast<unsigned char>(file[at + i]);
-  return value;
+/// Room for a picture whose size a file claims.
+Picture allocate(std::string_view file, std::size_t width, std::size_t height, int channels) {
+  const std::string claim = std::to_string(width) + " x " + std::to_string(height);
+  if (width * height > kMostPixels)
+    throw Failure("expected at most " + std::to_string(kMostPixels) + " pixels, found " + claim);
+  if (width * height / kMostPixelsPerByte > file.size())
+    throw Failure("expected " + claim + " pixels, found no more than " +
+                  std::to_string(file.size()) + " bytes");
+  return {static_cast<int>(width), static_cast<int>(height), channels,
+          std::unique_ptr<unsigned char[]>(new unsigned char[width * height * channels])};
 }
 
-bool pngReachesItsEnd(std::string_view file) {
-  constexpr std::size_t kFrame = 12;      // length, type and checksum of a chunk
-  constexpr std::size_t kHeaderEnd = 33;  // of the signature and the header chunk
-  for (std::size_t at = kHeaderEnd; at + kFrame <= file.size(); at += kFrame + number(file, at, 4))
-    if (file.substr(at + 4, 4) == "IEND") return true;
-  return false;
+/// Makes pixels of `to` channels out of those of `from`, no fewer, where they are.
+template <class Convert>
+void convertPixels(Picture& picture, int from, int to, const Convert& convert) {
+  const std::size_t pixels = std::size_t(picture.width) * picture.height;
+  for (std::size_t i = 0; i < pixels; ++i)
+    convert(&picture.pixels[i * from], &picture.pixels[i * to]);
+  picture.channels = to;
 }
 
-// The decoder fills up a JPEG that breaks off with grey and reports success.
-bool jpegReachesItsEnd(std::string_view file) {
-  constexpr std::size_t kEndOfImage = 0xFFD9;
-  std::size_t at = 2;
-  while (at + 2 <= file.size()) {
-    const std::size_t marker = number(file, at, 2);
-    if (marker == kEndOfImage) return true;
-    // Inside a scan, FF00 is a data byte and FFD0 to FFD7 restart the decoder; FFFF is padding.
-    const bool inScan = marker <= 0xFF00 || marker == 0xFFFF || (marker & ~7U) == 0xFFD0;
-    if (!inScan && at + 4 > file.size()) return false;
-    at += inScan ? 1 : 2 + number(file, at + 2, 2);
-  }
-  return false;
+/// The luma of ITU-R BT.601, in 256ths.
+void makeGrey(const unsigned char* rgb, unsigned char* grey) {
+  *grey = static_cast<unsigned char>((77 * rgb[0] + 150 * rgb[1] + 29 * rgb[2]) >> 8);
+}
+
+Picture decodePng(std::string_view file, int channels) {
+  const auto check = [](int status) {
+    if (status != SPNG_OK) throw Failure(spng_strerror(status));
+  };
+  const std::unique_ptr<spng_ctx, void (*)(spng_ctx*)> decoder(spng_ctx_new(0), spng_ctx_free);
+  spng_ihdr header = {};
+  check(spng_set_png_buffer(decoder.get(), file.data(), file.size()));
+  check(spng_get_ihdr(decoder.get(), &header));
+  Picture picture = allocate(file, header.width, header.height, 3);
+  check(spng_decode_image(decoder.get(), picture.pixels.get(),
+                          std::size_t{3} * header.width * header.height, SPNG_FMT_RGB8, 0));
+  if (channels == 1) convertPixels(picture, 3, 1, makeGrey);
+  return picture;
+}
+
+Picture decodeJpeg(std::string_view file, int channels) {
+  const std::unique_ptr<void, int (*)(tjhandle)> decoder(tjInitDecompress(), tjDestroy);
+  const auto check = [&](int status) {
+    if (status != 0) throw Failure(tjGetErrorStr2(decoder.get()));
+  };
+  const auto* data = reinterpret_cast<const unsigned char*>(file.data());
+  int width = 0, height = 0, sampling = 0, space = 0;
+  check(tjDecompressHeader3(decoder.get(), data, file.size(), &width, &height, &sampling, &space));
+  const bool inks = space == TJCS_CMYK || space == TJCS_YCCK;
+  const int format = inks ? TJPF_CMYK : channels == 1 ? TJPF_GRAY : TJPF_RGB;
+  Picture picture = allocate(file, width, height, tjPixelSize[format]);
+  // Goes on after a warning unless told to stop, and fills up with grey what it could not read.
+  check(tjDecompress2(decoder.get(), data, file.size(), picture.pixels.get(), width, 0, height,
+                      format, TJFLAG_STOPONWARNING | TJFLAG_LIMITSCANS));
+  if (!inks) return picture;
+  convertPixels(picture, 4, 3, [](const unsigned char* cmyk, unsigned char* rgb) {
+    const int paper = cmyk[3];  // 255 where there is no ink, as in files of the usual programs
+    for (int c = 0; c < 3; ++c) rgb[c] = static_cast<unsigned char>((cmyk[c] * paper + 127) / 255);
+  });
+  if (channels == 1) convertPixels(picture, 3, 1, makeGrey);
+  return picture;
 }
 
 }  // namespace
@@ -55,33 +91,12 @@ Picture readPicture(const std::string& path, int channels) {
   const bool jpeg = file.substr(0, 3) == "\xFF\xD8\xFF";
   if (!jpeg && file.substr(0, 8) != "\x89PNG\r\n\x1A\n")
     throw Failure(path + ": expected a PNG or JPEG image, found something else");
-
-  const auto refuse = [&](const std::string& why) {
-    throw Failure(path + ": cannot be decoded as " + (jpeg ? "JPEG" : "PNG") + ": " + why);
-  };
-  if (file.size() > std::numeric_limits<int>::max()) refuse("larger than 2 GiB");
-  if (!(jpeg ? jpegReachesItsEnd(file) : pngReachesItsEnd(file)))
-    refuse("the file ends inside the image");
-  const auto* encoded = reinterpret_cast<const unsigned char*>(file.data());
-  const int size = static_cast<int>(file.size());
-  int foundWidth = 0;
-  int foundHeight = 0;
-  int foundChannels = 0;
-  const bool known =
-      stbi_info_from_memory(encoded, size, &foundWidth, &foundHeight, &foundChannels) != 0;
-  // The decoder knows no PNG that is too large for it, so its size is read here.
-  const std::size_t wide = jpeg ? foundWidth : number(file, 16, 4);
-  const std::size_t high = jpeg ? foundHeight : number(file, 20, 4);
-  if (wide * high > kMostPixels) {
-    refuse("expected at most " + std::to_string(kMostPixels) + " pixels, found " +
-           std::to_string(wide) + " x " + std::to_string(high));
+  try {
+    return jpeg ? decodeJpeg(file, channels) : decodePng(file, channels);
+  } catch (const Failure& failure) {
+    throw Failure(path + ": cannot be decoded as " + (jpeg ? "JPEG" : "PNG") + ": " +
+                  failure.what());
   }
-  if (!known) refuse("its header is damaged");
-  Picture picture{0, 0, channels, {nullptr, stbi_image_free}};
-  picture.pixels.reset(stbi_load_from_memory(encoded, size, &picture.width, &picture.height,
-                                             &foundChannels, channels));
-  if (!picture.pixels) refuse(stbi_failure_reason());
-  return picture;
 }
 
 Crop centreCrop(const Picture& picture, int width, int height) {
@@ -100,7 +115,7 @@ void loadImage(const std::string& path, int channels, int width, int height,
   const Picture picture = readPicture(path, channels);
   const Crop crop = centreCrop(picture, width, height);
   const int stride = picture.width * channels;
-  const stbi_uc* corner =
+  const unsigned char* corner =
       picture.pixels.get() + std::ptrdiff_t{crop.y} * stride + std::ptrdiff_t{crop.x} * channels;
   if (crop.width == width && crop.height == height) {
     const int row = width * channels;

@@ -7,7 +7,7 @@
 /// Interleaved 8-bit samples, rows from the top.
 struct Picture {
   int width, height, channels;
-  std::unique_ptr<unsigned char, void (*)(void*)> pixels;
+  std::unique_ptr<unsigned char[]> pixels;
 };
 
 /// A rectangle of a picture's pixels.
