@@ -10,4 +10,6 @@ cmake --preset host -DFACEZOO_BENCH=ON >/dev/null
 git ls-files 'src/*.cpp' 'platform/host/*.cpp' 'tools/*.cpp' 'tests/*.cpp' 'bench/*.cpp' 'docs/*.cpp' \
   ':!tests/cuda_test.cpp' ':!bench/kernels.cpp' |
   xargs -P "$(nproc)" -n 1 clang-tidy -p build/host --quiet 2>/dev/null
+cmake --preset host-asan >/dev/null
+git ls-files 'fuzz/*.cpp' | xargs clang-tidy -p build/host-asan --quiet 2>/dev/null
 doxygen docs/Doxyfile

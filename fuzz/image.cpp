@@ -1,0 +1,16 @@
+// An image file from its bytes to the pixels that a network takes, grey or in colour.
+#include "failure.h"
+#include "images.h"
+#include "memory_file.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static facezoo::fuzz::MemoryFile file;
+  constexpr int kEdge = 8;
+  unsigned char pixels[kEdge * kEdge * 3];
+  const int channels = size % 2 == 0 ? 1 : 3;
+  try {
+    loadImage(file.fill(data, size), channels, kEdge, kEdge, pixels);
+  } catch (const Failure&) {  // as documented
+  }
+  return 0;
+}

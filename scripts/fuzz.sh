@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Feeds hostile files to what reads files, under AddressSanitizer and UndefinedBehaviorSanitizer. What
+# reaches further than the corpus is kept for later runs in build/fuzz; what ends a run becomes part of
+# the corpus, which the tests replay.
+#   scripts/fuzz.sh MINUTES [TARGET]...        default: weight_file image safetensors, MINUTES each
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+minutes=${1:?minutes, such as 1}
+shift
+[ $# -gt 0 ] || set -- weight_file image safetensors
+
+cmake --preset host-asan >/dev/null
+cmake --build --preset host-asan --target "${@/#/fuzz_}"
+
+fuzz() {
+  local target=$1 seconds=$(($2 * 60)) found=build/fuzz/$1 log=build/fuzz/$1.log
+  mkdir -p "$found"
+  if ! "build/host-asan/bin/fuzz_$target" -max_total_time="$seconds" -timeout=10 -max_len=4096 \
+    -dict="fuzz/$target.dict" -artifact_prefix="fuzz/corpus/$target/" -print_final_stats=1 \
+    "$found" "fuzz/corpus/$target" >"$log" 2>&1; then
+    tail -n 60 "$log"
+    echo "fuzzed $target: a finding; see above and fuzz/corpus/$target"
+    return 1
+  fi
+  awk -v target="$target" '/number_of_executed_units/ {runs = $2} /average_exec_per_sec/ {rate = $2}
+    END {print "fuzzed " target ": " runs " executions, " rate " a second, no finding"}' "$log"
+}
+export -f fuzz
+printf '%s\n' "$@" | xargs -P "$(nproc)" -I{} bash -c "fuzz {} $minutes"
