@@ -14,7 +14,7 @@ struct Watch {
   bool faulty = false;
   Fault fault;
   std::size_t counted = 0;
-  std::vector<std::string> raised;
+  std::vector<const char*> raised;
   detail::InjectedStatus injected{};
 };
 
@@ -55,7 +55,7 @@ const InjectedStatus* record(const char* name, std::initializer_list<std::int64_
   ++w.counted;
   const bool fails = w.fault.fromThenOn ? w.counted >= w.fault.at : w.counted == w.fault.at;
   if (!fails) return nullptr;
-  w.raised.emplace_back(name);
+  w.raised.push_back(name);
   w.injected = {w.fault.cuda, w.fault.cudnn, w.fault.cublas};
   return &w.injected;
 }
@@ -83,6 +83,7 @@ void setFault(const Fault& fault) {
   w.faulty = true;
   w.counted = 0;
   w.raised.clear();
+  w.raised.reserve(1);  // one failure is noted even where memory has run out
   refresh(w);
 }
 
@@ -96,7 +97,7 @@ void clearFault() {
 std::vector<std::string> raisedFaults() {
   Watch& w = watch();
   const std::lock_guard<std::recursive_mutex> lock(w.mutex);
-  return w.raised;
+  return {w.raised.begin(), w.raised.end()};
 }
 
 }  // namespace host_device
