@@ -1,0 +1,132 @@
+// Host memory runs out: every allocation in a network's construction and first pass fails, alone or
+// followed by every call to the platform; and every call fails, followed by every allocation.
+#include "heap.h"
+#include "sweep.h"
+
+namespace facezoo::test {
+namespace {
+
+class AllocationSweep : public Sweep {
+ protected:
+  void SetUp() override {
+    Sweep::SetUp();
+    heap::restart();
+    construct();
+    inConstruction_ = heap::usage().allocations;
+    forward();
+    untilForward_ = heap::usage().allocations;
+    destroy();
+    EXPECT_EQ(untilForward_, heap::usage().allocations) << "releasing takes memory";
+  }
+
+  void sweep(const char* mode, void (*then)()) {
+    const std::vector<std::size_t> some = points(untilForward_, 0.5);
+    visitAll(some, then != nullptr, [&](std::size_t k) {
+      SCOPED_TRACE("allocation " + std::to_string(k));
+      const std::size_t before = heap::usage().blocks;
+      if (visit(k, then) && then == nullptr) {
+        EXPECT_EQ(before, heap::usage().blocks);
+      }
+    });
+    report("allocation", mode, some,
+           {{"construction", inConstruction_}, {"Forward", untilForward_}});
+  }
+
+  void sweepCalls() {
+    const std::vector<std::size_t> some = points(trace_.size(), 0.25);
+    visitAll(some, false, [&](std::size_t k) {
+      SCOPED_TRACE("call " + std::to_string(k) + ", " + trace_[k - 1]);
+      visitCall(k);
+    });
+    report("fault", "all later allocations failing", some, callPhases());
+  }
+
+  /// What an allocation that fails may look like from outside.
+  static Report outOfMemory(const std::string& thrower) {
+    for (const Report& report :
+         {Report{{"cuda", cudaErrorMemoryAllocation},
+                 checkLine("out of memory \\(cuda error code: 2\\)")},
+          {{"cudnn", CUDNN_STATUS_ALLOC_FAILED},
+           checkLine("CUDNN_STATUS_ALLOC_FAILED \\(cudnn error code: 2\\)")},
+          {{"cublas", CUBLAS_STATUS_ALLOC_FAILED}, checkLine("\\(cublas error code: 3\\)")},
+          // A file that there is no memory to open is not found.
+          {{"network", WEIGHT_FILE_NOT_FOUND}, "Weight file not found\\."}}) {
+      if (report.thrown.first == thrower) return report;
+    }
+    return {{"bad_alloc", 0}, ""};
+  }
+
+  /// Fails allocation `k` of a life. Before and after, a network is alive. Whether nothing was
+  /// lost.
+  bool visit(std::size_t k, void (*then)()) {
+    bool failed = false;
+    Outcome outcome = live(
+        false, then == nullptr, [&] { heap::failAt(k, heap::Failing::once, then); },
+        [&] {
+          failed = heap::endFailing();
+          host_device::clearFault();
+        });
+    EXPECT_TRUE(failed);
+    const Report report = outOfMemory(outcome.thrown.empty() ? "" : outcome.thrown[0].first);
+    expectFirst(report, outcome);
+    if (HasFatalFailure()) return false;
+    if (then == nullptr) {
+      EXPECT_EQ(1U, outcome.thrown.size());
+      EXPECT_EQ(report.line.empty() ? 0U : 1U, outcome.lines.size());
+    }
+    // No other call of the runtime allocates.
+    if (report.thrown.first == "cuda") outcome.raised.insert(outcome.raised.begin(), "cudaMalloc");
+    const host_device::Live lost = lostIn(outcome);
+    expectNewLife(lost);
+    return lost.handles == 0;
+  }
+
+  /// Fails call `k` of a life and every allocation after it.
+  void visitCall(std::size_t k) {
+    const bool afterForward = k > forwarded_;
+    left_ = afterForward ? k - forwarded_ : k;
+    const Outcome outcome = live(
+        afterForward, false,
+        [&] {
+          host_device::setFault({left_, "", false, kCuda, kCudnn, kCublas});
+          host_device::setObserver([this](const host_device::Call&) {
+            if (--left_ > 0) return;
+            host_device::setObserver({});
+            heap::failAt(1, heap::Failing::fromThenOn);
+          });
+        },
+        [] {
+          heap::endFailing();
+          host_device::clearFault();
+        });
+    EXPECT_EQ(Lines{trace_[k - 1]}, outcome.raised);
+    if (!silent(k)) {
+      expectFirst(reportOf(trace_[k - 1]), outcome);
+    } else if (!outcome.thrown.empty()) {
+      expectFirst(outOfMemory(outcome.thrown[0].first), outcome);
+    }
+    EXPECT_LE(outcome.lines.size(), 1U);
+    if (!HasFatalFailure()) expectNewLife(lostIn(outcome));
+  }
+
+  std::size_t inConstruction_ = 0, untilForward_ = 0;
+  std::size_t left_ = 0;
+};
+
+// In one test, because the weights take longer than a mode.
+TEST_P(AllocationSweep, EndsAsOneFailure) {
+  sweep("one allocation failing", nullptr);
+  sweep("all later calls failing too", [] {
+    host_device::setFault({1, "", true, kCuda, kCudnn, kCublas});
+  });
+  sweepCalls();
+}
+
+INSTANTIATE_TEST_SUITE_P(, AllocationSweep, testing::ValuesIn(networkKinds),
+                         testing::PrintToStringParamName());
+const NetworkKind small[] = {{smallNetwork, construct<SmallNetwork>, 3, 2 * 4 * 4 * 4}};
+INSTANTIATE_TEST_SUITE_P(Tiny, AllocationSweep, testing::ValuesIn(small),
+                         testing::PrintToStringParamName());
+
+}  // namespace
+}  // namespace facezoo::test
