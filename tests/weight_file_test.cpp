@@ -1,5 +1,6 @@
 // What a weight file may look like, and the one answer to each that it may not.
 #include "seeded_network.h"
+#include "weight_answer.h"
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -13,28 +14,7 @@
 namespace facezoo::test {
 namespace {
 
-enum class Answer { loads, notFound, badWeights, insufficientBytes, parseError };
-
-std::ostream& operator<<(std::ostream& out, Answer answer) {
-  static const char* const names[] = {"loads", "not found", "bad weights", "insufficient bytes",
-                                      "parse error"};
-  return out << names[static_cast<int>(answer)];
-}
-
-Answer construct(const char* path) {
-  try {
-    DexpressionNet net(path, 1, "");
-    return Answer::loads;
-  } catch (NetworkError error) {
-    return error == 0 ? Answer::notFound : Answer::badWeights;
-  } catch (const msgpack::v1::insufficient_bytes& error) {
-    EXPECT_STREQ("insufficient bytes", error.what());
-    return Answer::insufficientBytes;
-  } catch (const msgpack::v1::parse_error& error) {
-    EXPECT_STREQ("parse error", error.what());
-    return Answer::parseError;
-  }
-}
+Answer construct(const char* path) { return answerTo<DexpressionNet>(path); }
 
 class WeightFileTest : public DeviceTest {
  protected:
