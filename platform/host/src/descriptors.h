@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <vector>
 
 /// Base of every handle and descriptor: what the registry of objects holds.
 struct HostObject {
@@ -14,7 +15,11 @@ struct HostObject {
   HostObject* nextSpare = nullptr;  ///< of a destroyed object: another one of its type
 };
 
-struct cudnnContext : HostObject {};
+/// Keeps for the next call what a call works with; as with the real library, one thread at a time
+/// uses a handle.
+struct cudnnContext : HostObject {
+  std::vector<float> poolingScratch, columnCounts;
+};
 struct cublasContext : HostObject {};
 
 /// Packed NCHW float tensor. Extents are zero until set.

@@ -247,8 +247,7 @@ cudnnStatus_t cudnnPoolingForward(cudnnHandle_t handle, cudnnPoolingDescriptor_t
     const std::size_t planes = std::size_t{1} * xDesc->n * xDesc->c;
     const std::size_t xPlane = std::size_t{1} * xDesc->h * xDesc->w;
     const std::size_t yPlane = std::size_t{1} * yDesc->h * yDesc->w;
-    // Kept for the next call.
-    thread_local std::vector<float> scratch, columnCounts;
+    std::vector<float>&scratch = handle->poolingScratch, &columnCounts = handle->columnCounts;
     const std::size_t needed = omp_get_max_threads() * plan.scratch();
     if (scratch.size() < needed) scratch.resize(needed);
     columnCounts.resize(horizontal.output);
