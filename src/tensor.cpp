@@ -20,6 +20,9 @@ int existingBlocks() { return takenBlocks + static_cast<int>(bufferPool.size());
 }  // namespace
 
 void growPool(int bytes, int count) {
+  // Blocks come back in destructors, where the list may not grow. Without memory for it, the pool
+  // stays as it is.
+  bufferPool.reserve(static_cast<std::size_t>(std::max(blockCount, count)));
   if (blockSize < bytes) {
     const int previous = blockCount;
     freePool();
@@ -27,8 +30,6 @@ void growPool(int bytes, int count) {
     blockCount = previous;
   }
   blockCount = std::max(blockCount, count);
-  // Blocks come back in destructors, where the list may not grow.
-  bufferPool.reserve(static_cast<std::size_t>(blockCount));
   while (existingBlocks() < blockCount) {
     PoolBlock block{blockSize, nullptr};
     CheckCuda(cudaMalloc(&block.ptr, static_cast<std::size_t>(blockSize)));

@@ -124,9 +124,68 @@ TEST_P(AllocationSweep, EndsAsOneFailure) {
 
 INSTANTIATE_TEST_SUITE_P(, AllocationSweep, testing::ValuesIn(networkKinds),
                          testing::PrintToStringParamName());
-const NetworkKind small[] = {{smallNetwork, construct<SmallNetwork>, 3, 2 * 4 * 4 * 4}};
-INSTANTIATE_TEST_SUITE_P(Tiny, AllocationSweep, testing::ValuesIn(small),
+const NetworkKind tiny[] = {{smallNetwork, construct<SmallNetwork>, 3, 2 * 4 * 4 * 4}};
+INSTANTIATE_TEST_SUITE_P(Tiny, AllocationSweep, testing::ValuesIn(tiny),
                          testing::PrintToStringParamName());
+
+enum Ending { held, failed, notReached };
+
+/// In a process where only a small network has lived before, and lives on: the next makes longer
+/// lists, larger scratch memory and the descriptors that stay, while allocation `k` fails.
+Ending growWith(const NetworkKind& kind, std::size_t k) {
+  omp_set_num_threads(1);
+  ForwardCall call{kind.table, 1}, smallCall{smallNetwork, 1};
+  SmallNetwork small(seededFile(smallNetwork), 1, "");
+  const std::vector<float> expected = smallCall.results(small, 1);
+  const char* const file = seededFile(kind.table);
+  std::unique_ptr<Network> net;
+  const auto construct = [&] { net.reset(kind.construct(file, 1)); };
+  testing::internal::CaptureStderr();
+  heap::failAt(k, heap::Failing::once);
+  const Thrown thrown = attempt([&] {
+    construct();
+    call(*net, 1);
+  });
+  if (!heap::endFailing()) return notReached;
+  EXPECT_NE("", thrown.first);
+  EXPECT_EQ(net ? 2 : 1, NetworkProbe::count());
+  const Thrown smallThrown = attempt([&] { EXPECT_EQ(expected, smallCall.results(small, 1)); });
+  // Only a block that could not be had leaves the living without.
+  const std::string mayThrow = thrown.first == "cuda" ? "tensor" : "";
+  EXPECT_TRUE(smallThrown.first.empty() || smallThrown.first == mayThrow);
+  construct();
+  call(*net, 1);
+  EXPECT_EQ(expected, smallCall.results(small, 1));
+  return testing::Test::HasFailure() ? failed : held;
+}
+
+#ifdef FACEZOO_SANITIZED
+constexpr std::size_t kStep = 10;
+#else
+constexpr std::size_t kStep = 1;
+#endif
+
+TEST(FirstAllocations, LeaveTheLivingAlone) {
+  seededFile(smallNetwork);
+  for (const auto& [kind, step] :
+       {std::pair{networkKinds[0], kStep}, {networkKinds[2], 100 * kStep}}) {
+    seededFile(kind.table);
+    int ending = held;
+    for (std::size_t k = 1; ending == held; k += step) {
+      SCOPED_TRACE(kind.table.name + (", allocation " + std::to_string(k)));
+      std::cout.flush();
+      const pid_t child = fork();
+      if (child == 0) {
+        const Ending here = growWith(kind, k);
+        std::cout.flush();
+        _exit(here);
+      }
+      ASSERT_EQ(child, waitpid(child, &ending, 0));
+      ending = WIFEXITED(ending) ? WEXITSTATUS(ending) : failed;
+    }
+    EXPECT_EQ(notReached, ending);
+  }
+}
 
 }  // namespace
 }  // namespace facezoo::test

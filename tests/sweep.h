@@ -38,6 +38,8 @@ Thrown attempt(const Action& action) {
     return {"cublas", status};
   } catch (NetworkError error) {
     return {"network", error};
+  } catch (TensorError error) {
+    return {"tensor", error};
   } catch (const std::bad_alloc&) {
     return {"bad_alloc", 0};
   }
