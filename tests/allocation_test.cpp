@@ -6,6 +6,14 @@
 namespace facezoo::test {
 namespace {
 
+#ifdef FACEZOO_SANITIZED
+constexpr double kShare = 0.25;
+constexpr std::size_t kStep = 10;
+#else
+constexpr double kShare = 0.5;
+constexpr std::size_t kStep = 1;
+#endif
+
 class AllocationSweep : public Sweep {
  protected:
   void SetUp() override {
@@ -20,7 +28,7 @@ class AllocationSweep : public Sweep {
   }
 
   void sweep(const char* mode, void (*then)()) {
-    const std::vector<std::size_t> some = points(untilForward_, 0.5);
+    const std::vector<std::size_t> some = points(untilForward_, kShare);
     visitAll(some, then != nullptr, [&](std::size_t k) {
       SCOPED_TRACE("allocation " + std::to_string(k));
       const std::size_t before = heap::usage().blocks;
@@ -33,7 +41,7 @@ class AllocationSweep : public Sweep {
   }
 
   void sweepCalls() {
-    const std::vector<std::size_t> some = points(trace_.size(), 0.25);
+    const std::vector<std::size_t> some = points(trace_.size(), kShare / 2);
     visitAll(some, false, [&](std::size_t k) {
       SCOPED_TRACE("call " + std::to_string(k) + ", " + trace_[k - 1]);
       visitCall(k);
@@ -158,12 +166,6 @@ Ending growWith(const NetworkKind& kind, std::size_t k) {
   EXPECT_EQ(expected, smallCall.results(small, 1));
   return testing::Test::HasFailure() ? failed : held;
 }
-
-#ifdef FACEZOO_SANITIZED
-constexpr std::size_t kStep = 10;
-#else
-constexpr std::size_t kStep = 1;
-#endif
 
 TEST(FirstAllocations, LeaveTheLivingAlone) {
   seededFile(smallNetwork);
