@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <new>
 #include <vector>
 
 cublasHandle_t blasHandle = nullptr;
@@ -9,12 +10,25 @@ bool blasCreated = false;
 
 namespace {
 
-std::vector<PoolBlock> bufferPool;
+using FreeList = std::vector<PoolBlock>;
+
+/// Never destroyed, because a network may outlive the library's static objects.
+alignas(FreeList) unsigned char listMemory[sizeof(FreeList)];
+FreeList& bufferPool = *new (listMemory) FreeList;
+
+/// Gives back what the list holds of the heap when the library is unloaded, and leaves an empty
+/// list. Device blocks that are still in it are not freed: no GPU call may run in a static
+/// destructor.
+const struct ListRelease {
+  ~ListRelease() { FreeList().swap(bufferPool); }
+} listRelease;
+
 int blockSize = 0;
 int blockCount = 0;
 int takenBlocks = 0;
 
-/// Blocks in existence, which are fewer than `blockCount` after an allocation or release failed.
+/// Blocks in existence, which are fewer than `blockCount` after an allocation or release failed, or
+/// the list was emptied at the library's end.
 int existingBlocks() { return takenBlocks + static_cast<int>(bufferPool.size()); }
 
 }  // namespace

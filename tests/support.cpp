@@ -6,6 +6,7 @@
 #include "layers/softmax.h"
 
 #include <unistd.h>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <random>
@@ -113,6 +114,11 @@ std::vector<std::uint8_t> seededBytes(std::size_t count, unsigned seed, int low,
   for (std::uint8_t& byte : bytes)
     byte = static_cast<std::uint8_t>(low + static_cast<int>(generator() % (high - low)));
   return bytes;
+}
+
+int repetitions(const char* variable, int otherwise) {
+  const char* const wanted = std::getenv(variable);
+  return wanted ? std::atoi(wanted) : otherwise;
 }
 
 std::vector<float> download(const Tensor& tensor) {

@@ -1,0 +1,63 @@
+// Networks that come and go thousands of times, and one that outlives the library.
+#include "calls.h"
+#include "small_network.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+
+namespace facezoo::test {
+namespace {
+
+long residentKiB() {
+  long total = 0, resident = 0;
+  std::ifstream("/proc/self/statm") >> total >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+struct Lifetimes : ContractTest, testing::WithParamInterface<NetworkKind> {};
+
+TEST_P(Lifetimes, LeaveMemoryAsItWas) {
+  const NetworkTable& table = GetParam().table;
+  const int cycles = repetitions("FACEZOO_CYCLES", &table == &smallNetwork ? 10000 : 2);
+  host_device::poisonFreshMemory(false);  // takes too long
+  const char* const file = seededFile(table);
+  ForwardCall forward{table, 1};
+  long most = 0, settled = 0;
+  std::vector<float> expected;
+  for (int i = 0; i < cycles; ++i) {
+    if (i == 100) settled = residentKiB();
+    const std::unique_ptr<Network> network(GetParam().construct(file, 1));
+    const std::vector<float> results = forward.results(*network, 1);
+    if (i == 0) expected = results;
+    ASSERT_EQ(expected, results) << i;
+    most = std::max(most, residentKiB());
+  }
+  if (cycles <= 100) return;
+  const long growth = residentKiB() - settled;
+  std::cout << "measured " << table.name << ": " << cycles << " lives, " << growth
+            << " KiB of memory more than after the first hundred, at most " << most / 1024
+            << " MiB\n";
+#ifndef FACEZOO_SANITIZED  // which keep what is freed
+  EXPECT_LT(growth, 1024);
+#endif
+}
+
+INSTANTIATE_TEST_SUITE_P(Small, Lifetimes, testing::Values(smallKind),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(, Lifetimes, testing::ValuesIn(networkKinds),
+                         testing::PrintToStringParamName());
+
+TEST(LibraryUnload, LeavesNothingAndIsOutlived) {
+  for (const char* unloads : {" 0", " 3"}) {
+    // One thread: where there are more, the leak check fails over memory of unloaded libraries.
+    const std::string command =
+        std::string("OMP_NUM_THREADS=1 " UNLOAD_COMMAND " ") + seededFile(dexpressionNet) + unloads;
+    EXPECT_EQ(0, std::system(command.c_str())) << command;
+  }
+}
+
+}  // namespace
+}  // namespace facezoo::test

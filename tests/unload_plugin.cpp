@@ -1,0 +1,30 @@
+// A host's plugin, through which a program comes to the library and loses it again.
+#include <facezoo.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace {
+std::unique_ptr<Network> kept;
+}
+
+extern "C" void* makeNetwork(const char* weightFile) {
+  return static_cast<Network*>(new DexpressionNet(weightFile, 1, ""));
+}
+
+extern "C" void callNetwork(void* opaque) {
+  Network& network = *static_cast<Network*>(opaque);
+  const std::vector<std::uint8_t> image(std::size_t{1} * network.getWidth() * network.getHeight());
+  std::vector<float> results(network.getOutputDim());
+  void* images = nullptr;
+  CheckCuda(cudaMalloc(&images, image.size()));
+  CheckCuda(cudaMemcpy(images, image.data(), image.size(), cudaMemcpyHostToDevice));
+  network.Forward(images, 1, results.data(), nullptr);
+  CheckCuda(cudaFree(images));
+}
+
+/// Leaves it to the plugin's end.
+extern "C" void keepNetwork(void* network) { kept.reset(static_cast<Network*>(network)); }
+
+extern "C" void destroyNetwork(void* network) { delete static_cast<Network*>(network); }
