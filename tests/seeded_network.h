@@ -15,9 +15,8 @@
 
 namespace facezoo::test {
 
-inline Document seededDocument(const NetworkTable& table) {
+inline Document seededDocument(const NetworkTable& table, unsigned seed = 1) {
   Document document;
-  unsigned seed = 1;
   forEachWeight(
       table.layers, "",
       [&](const std::string& name, std::size_t elements, const LayerRow& layer, WeightRole role) {
@@ -37,11 +36,11 @@ inline Document seededDocument(const NetworkTable& table) {
   return document;
 }
 
-/// The weight file of `table`, written once for the process.
-inline const char* seededFile(const NetworkTable& table) {
-  static std::map<std::string, TemporaryFile> files;
-  const auto [file, isNew] = files.try_emplace(table.name);
-  if (isNew) seededDocument(table).save(file->second.path);
+/// A weight file of `table`, written once for the process.
+inline const char* seededFile(const NetworkTable& table, unsigned seed = 1) {
+  static std::map<std::pair<std::string, unsigned>, TemporaryFile> files;
+  const auto [file, isNew] = files.try_emplace({table.name, seed});
+  if (isNew) seededDocument(table, seed).save(file->second.path);
   return file->second.path.c_str();
 }
 
