@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Every check of the project: style, static analysis, and all tests of the CPU build, plain and
 # under AddressSanitizer and UndefinedBehaviorSanitizer.
-#   ./test.sh [host|host-asan|style]...        default: all three
+#   ./test.sh [host|host-asan|host-tsan|style]...    default: all but host-tsan (ThreadSanitizer)
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -12,7 +12,7 @@ for part in "$@"; do
   echo "== $part"
   start=$SECONDS
   case $part in
-    host | host-asan)
+    host | host-asan | host-tsan)
       cmake --preset "$part" -DFACEZOO_BENCH="$([ "$part" = host ] && echo ON || echo OFF)" >/dev/null
       cmake --build --preset "$part"
       ctest --preset "$part" -j "$(nproc)"

@@ -14,7 +14,7 @@ if [ "${1:-}" = --tests ]; then
   packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
     "clang-format:style check" "clang-tidy:static analysis"
     "clang:second compiler, for builds under sanitizers" "libclang-rt-dev:the sanitizers"
-    "libomp-dev:OpenMP for clang"
+    "libomp-dev:OpenMP for clang, and what ThreadSanitizer needs to know of it"
     "llvm:names in the reports of sanitizers" "libbenchmark-dev:benchmarks of layers, which must build"
     "doxygen:checks that the public headers are documented" "mandoc:checks the manual page"
     "dpkg-dev:dependencies of the Debian package" "file:finds its libraries"

@@ -38,7 +38,7 @@ int callInTurn(std::vector<Served>& networks, int device, int thread, int calls)
     ForwardCall forward{served.kind.table, served.maxBatch};
     {
       const Lock lock(GPU::getMutex());
-      if ((thread * 5 + i) % 40 == 0) served.renew();
+      if ((thread * 7 + i) % 37 == 0) served.renew();
       forward(*served.network, batch);
     }
     wrong += forward.take() != served.expected[batch - 1];
