@@ -306,5 +306,36 @@ TEST_F(LayerTest, Blocks) {
   }
 }
 
+TEST_F(LayerTest, AnExtensionOfTheRightLengthIsNoWeight) {
+  Document weights;
+  weights.raw("fc-0", [](auto& packer) { packer.pack_ext(4, 1).pack_ext_body("1234", 4); });
+  testing::internal::CaptureStdout();
+  EXPECT_THROW(LayerBase().readWeight(weights.root(), "fc-0", 4, nullptr), NetworkError);
+  EXPECT_EQ("weight size mismatch. fc-0 4 4\n", testing::internal::GetCapturedStdout());
+}
+
+struct Counted : LayerBase {
+  explicit Counted(int& count) : alive(count) { ++alive; }
+  Counted(const Counted&) = delete;
+  ~Counted() noexcept(false) override { --alive; }
+  Tensor operator()(const Tensor& /*in*/) override { return {}; }
+  int& alive;
+};
+
+TEST_F(LayerTest, AHolderHandsItsLayerOver) {
+  int alive = 0;
+  {
+    Layer source, target;
+    source = new Counted(alive);
+    target = new Counted(alive);
+    for (const Layer* from : {&source, &target}) target = *from;
+    EXPECT_EQ(1, alive);
+    const Tensor in({1, 1, 1, 1});
+    EXPECT_EQ(in.base, source(in).base);
+    EXPECT_EQ(nullptr, target(in).base);
+  }
+  EXPECT_EQ(0, alive);
+}
+
 }  // namespace
 }  // namespace facezoo::test
