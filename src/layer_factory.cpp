@@ -43,9 +43,9 @@ LayerBase* createLayer(const LayerRow& row, const std::string& prefix,
     case LayerKind::inceptionV3_2:
       return new InceptionV3_2(name, weights, row.in, c[0], c[1], c[2]);
     case LayerKind::inceptionMFM:
-      return new InceptionMFM(name, weights, row.in);
+      break;  // the last kind is what is left
   }
-  return nullptr;
+  return new InceptionMFM(name, weights, row.in);
 }
 
 }  // namespace facezoo

@@ -94,11 +94,8 @@ Descriptors& classWide() {
 class DeviceBuffer {
  public:
   DeviceBuffer() = default;
-  DeviceBuffer(DeviceBuffer&& other) noexcept : data_(std::exchange(other.data_, nullptr)) {}
-  DeviceBuffer& operator=(DeviceBuffer&& other) noexcept {
-    std::swap(data_, other.data_);
-    return *this;
-  }
+  DeviceBuffer(const DeviceBuffer&) = delete;
+  DeviceBuffer& operator=(const DeviceBuffer&) = delete;
   ~DeviceBuffer() {
     if (data_) cudaFree(data_);
   }
