@@ -314,27 +314,15 @@ TEST_F(LayerTest, AnExtensionOfTheRightLengthIsNoWeight) {
   EXPECT_EQ("weight size mismatch. fc-0 4 4\n", testing::internal::GetCapturedStdout());
 }
 
-struct Counted : LayerBase {
-  explicit Counted(int& count) : alive(count) { ++alive; }
-  Counted(const Counted&) = delete;
-  ~Counted() noexcept(false) override { --alive; }
-  Tensor operator()(const Tensor& /*in*/) override { return {}; }
-  int& alive;
-};
-
 TEST_F(LayerTest, AHolderHandsItsLayerOver) {
-  int alive = 0;
-  {
-    Layer source, target;
-    source = new Counted(alive);
-    target = new Counted(alive);
-    for (const Layer* from : {&source, &target}) target = *from;
-    EXPECT_EQ(1, alive);
-    const Tensor in({1, 1, 1, 1});
-    EXPECT_EQ(in.base, source(in).base);
-    EXPECT_EQ(nullptr, target(in).base);
-  }
-  EXPECT_EQ(0, alive);
+  const float mean[3] = {};
+  Layer source, target;
+  source = new TransformNHWC2NCHW("", mean);
+  target = new TransformNHWC2NCHW("", mean);
+  for (const Layer* from : {&source, &target}) target = *from;
+  const Tensor in({1, 1, 1, 1});
+  EXPECT_EQ(in.base, source(in).base);
+  EXPECT_NE(in.base, target(in).base);
 }
 
 }  // namespace
