@@ -13,9 +13,11 @@ packages=(
 if [ "${1:-}" = --tests ]; then
   packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
     "clang-format:style check" "clang-tidy:static analysis"
-    "clang:second compiler, for builds under sanitizers" "libclang-rt-dev:the sanitizers"
+    "clang:second compiler, for builds under sanitizers"
+    "libclang-rt-dev:the sanitizers, and counting what tests reach"
     "libomp-dev:OpenMP for clang, and what ThreadSanitizer needs to know of it"
-    "llvm:names in the reports of sanitizers" "libbenchmark-dev:benchmarks of layers, which must build"
+    "llvm:names in the reports of sanitizers, coverage"
+    "libbenchmark-dev:benchmarks of layers, which must build"
     "doxygen:checks that the public headers are documented" "mandoc:checks the manual page"
     "dpkg-dev:dependencies of the Debian package" "file:finds its libraries"
     "pkgconf:one way to use the library")
