@@ -19,6 +19,9 @@ struct NetworkCase {
   std::string steps;     ///< see `Chain::run`
 };
 
+/// The end of a test's name.
+void PrintTo(const NetworkCase& network, std::ostream* out) { *out << network.name; }
+
 /// A copy, which has what its source had.
 template <class N>
 std::unique_ptr<Network> create(const std::string& file, int maxBatch, const std::string& prefix) {
@@ -161,7 +164,7 @@ TEST_P(NetworkTest, MatchesDoublePrecision) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, NetworkTest, testing::ValuesIn(networks),
-                         [](const auto& network) { return std::string(network.param.name); });
+                         testing::PrintToStringParamName());
 
 }  // namespace
 }  // namespace facezoo::test
