@@ -15,8 +15,7 @@ namespace detail {
 
 std::size_t Problem::rowGroups() const { return dividedUp(k, vectorCode().rows); }
 
-PackedFilter::PackedFilter(std::size_t floats)
-    : data_(static_cast<float*>(allocateBlock(floats * sizeof(float)))) {
+PackedFilter::PackedFilter(std::size_t floats) : data_(allocateBlock(floats * sizeof(float))) {
   if (!data_) throw std::bad_alloc();
 }
 

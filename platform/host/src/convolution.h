@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdlib>
 #include <memory>
 
 #include "compute.h"
@@ -61,13 +60,10 @@ extern const Algorithm loops;
 /// A filter rearranged for an algorithm. It lives with the allocation that it was made from.
 struct PackedFilter : Derived {
   explicit PackedFilter(std::size_t floats);
-  float* data() const { return data_.get(); }
+  float* data() const { return static_cast<float*>(data_.get()); }
 
  private:
-  struct Free {
-    void operator()(float* data) const { std::free(data); }
-  };
-  std::unique_ptr<float, Free> data_;
+  Block data_;
 };
 
 /// The filter of `problem` as `pack` rearranges it; packed by the first call.

@@ -20,6 +20,7 @@ constexpr std::size_t kAlignment = 256;
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 
 struct Allocation {
+  detail::Block block;
   std::size_t bytes;
   std::size_t device;
   std::map<detail::DerivedKey, std::shared_ptr<detail::Derived>> derived;
@@ -52,6 +53,34 @@ Entry holder(Registry& r, const void* pointer, std::size_t bytes) {
   return inside ? entry : r.allocations.end();
 }
 
+std::size_t roundedUp(std::size_t bytes, std::size_t unit) {
+  return (bytes + unit - 1) / unit * unit;
+}
+
+/// Sanitizers watch the heap only, so that they have all blocks there.
+bool isMapped(std::size_t bytes) {
+#ifdef FACEZOO_SANITIZED
+  static_cast<void>(bytes);
+  return false;
+#else
+  return bytes >= kHugePage;
+#endif
+}
+
+/// Null if there are none.
+void* mapHugePages(std::size_t bytes) {
+  // More than is needed, to cut an aligned range from.
+  void* const mapped =
+      mmap(nullptr, bytes + kHugePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapped == MAP_FAILED) return nullptr;
+  const std::size_t before = roundedUp(address(mapped), kHugePage) - address(mapped);
+  char* const block = static_cast<char*>(mapped) + before;
+  if (before > 0) munmap(mapped, before);
+  munmap(block + bytes, kHugePage - before);
+  madvise(block, bytes, MADV_HUGEPAGE);
+  return block;
+}
+
 void fillWithSignallingNaN(void* block, std::size_t bytes) {
   const float nan = std::numeric_limits<float>::signaling_NaN();
   std::uint32_t pattern;
@@ -63,12 +92,19 @@ void fillWithSignallingNaN(void* block, std::size_t bytes) {
 
 namespace detail {
 
-void* allocateBlock(std::size_t bytes) {
-  const bool large = bytes >= kHugePage;
-  const std::size_t alignment = large ? kHugePage : kAlignment;
-  void* block = std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
-  if (large && block != nullptr) madvise(block, bytes, MADV_HUGEPAGE);
-  return block;
+void BlockRelease::operator()(void* block) const {
+  if (isMapped(bytes)) {
+    munmap(block, roundedUp(bytes, kHugePage));
+  } else {
+    std::free(block);
+  }
+}
+
+Block allocateBlock(std::size_t bytes) {
+  void* const block = isMapped(bytes)
+                          ? mapHugePages(roundedUp(bytes, kHugePage))
+                          : std::aligned_alloc(kAlignment, roundedUp(bytes, kAlignment));
+  return {block, BlockRelease{bytes}};
 }
 
 cudaError_t allocateDevice(void** pointer, std::size_t bytes) {
@@ -81,31 +117,24 @@ cudaError_t allocateDevice(void** pointer, std::size_t bytes) {
   const std::size_t total = deviceMemory(device);
   std::size_t& used = r.usedBytes[device];
   if (used > total || bytes > total - used) return cudaErrorMemoryAllocation;
-  void* block = allocateBlock(bytes);
-  if (block == nullptr) return cudaErrorMemoryAllocation;
-  try {
-    r.allocations.emplace(address(block), Allocation{bytes, device, {}});
-  } catch (...) {
-    std::free(block);
-    throw;
-  }
-  if (r.poison) fillWithSignallingNaN(block, bytes);
+  Block block = allocateBlock(bytes);
+  void* const start = block.get();
+  if (start == nullptr) return cudaErrorMemoryAllocation;
+  r.allocations.emplace(address(start), Allocation{std::move(block), bytes, device, {}});
+  if (r.poison) fillWithSignallingNaN(start, bytes);
   used += bytes;
-  *pointer = block;
+  *pointer = start;
   return cudaSuccess;
 }
 
 cudaError_t freeDevice(void* pointer) {
   if (pointer == nullptr) return cudaSuccess;
   Registry& r = registry();
-  std::map<std::uintptr_t, Allocation>::node_type node;
-  {
-    const std::lock_guard<std::mutex> lock(r.mutex);
-    node = r.allocations.extract(address(pointer));
-    if (node.empty()) return cudaErrorInvalidValue;
-    r.usedBytes[node.mapped().device] -= node.mapped().bytes;
-  }
-  std::free(pointer);
+  std::map<std::uintptr_t, Allocation>::node_type node;  // outlives the lock
+  const std::lock_guard<std::mutex> lock(r.mutex);
+  node = r.allocations.extract(address(pointer));
+  if (node.empty()) return cudaErrorInvalidValue;
+  r.usedBytes[node.mapped().device] -= node.mapped().bytes;
   return cudaSuccess;
 }
 

@@ -20,9 +20,17 @@ struct Derived {
 };
 using DerivedKey = std::array<std::int64_t, 7>;
 
-/// Memory for std::free, aligned for any vector; null if there is none. A large block is made of
-/// huge pages: first touching it in small ones would take several times as long as filling it.
-void* allocateBlock(std::size_t bytes);
+struct BlockRelease {
+  std::size_t bytes;
+  void operator()(void* block) const;
+};
+using Block = std::unique_ptr<void, BlockRelease>;
+
+/// Memory aligned for any vector; null if there is none. A large block is made of huge pages: first
+/// touching it in small ones would take several times as long as filling it. They are mapped for it
+/// alone: in the heap, their alignment leaves gaps, which grow to hundreds of MiB as networks come
+/// and go.
+Block allocateBlock(std::size_t bytes);
 
 cudaError_t allocateDevice(void** pointer, std::size_t bytes);
 /// Null is freed without effect; an address that no live allocation starts at is an invalid value.
