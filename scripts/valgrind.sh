@@ -12,7 +12,7 @@ results=build/host/valgrind
 rm -rf "$results"
 mkdir "$results"
 cores=$(nproc) # which heeds OMP_NUM_THREADS
-export GTEST_BRIEF=1 OMP_NUM_THREADS=1 FACEZOO_FAULT_POINTS=2 FACEZOO_CYCLES=20
+export GTEST_BRIEF=1 OMP_NUM_THREADS=1 FACEZOO_FAULT_POINTS=2 FACEZOO_CYCLES=2
 
 "$tests" --gtest_filter="${1:-*}" --gtest_list_tests |
   awk '/^[^ ]/ {suite = $1; next} {print "--gtest_filter=" suite $1}' |
