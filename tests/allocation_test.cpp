@@ -132,8 +132,7 @@ TEST_P(AllocationSweep, EndsAsOneFailure) {
 
 INSTANTIATE_TEST_SUITE_P(, AllocationSweep, testing::ValuesIn(networkKinds),
                          testing::PrintToStringParamName());
-const NetworkKind tiny[] = {{smallNetwork, construct<SmallNetwork>, 3, 2 * 4 * 4 * 4}};
-INSTANTIATE_TEST_SUITE_P(Tiny, AllocationSweep, testing::ValuesIn(tiny),
+INSTANTIATE_TEST_SUITE_P(Small, AllocationSweep, testing::Values(smallKind),
                          testing::PrintToStringParamName());
 
 enum Ending { held, failed, notReached };

@@ -1,7 +1,6 @@
 // What a host may count on of errors, pool and networks, on a simulated device and on a card.
 #include "GPU.h"
 #include "calls.h"
-#include "small_network.h"
 
 #include <algorithm>
 #include <climits>

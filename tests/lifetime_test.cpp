@@ -1,6 +1,5 @@
 // Networks that come and go thousands of times, and one that outlives the library.
 #include "calls.h"
-#include "small_network.h"
 
 #include <unistd.h>
 

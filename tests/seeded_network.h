@@ -4,6 +4,7 @@
 
 #include "facezoo.h"
 #include "network_table.h"
+#include "small_network.h"
 #include "support.h"
 
 #include <cmath>
@@ -98,6 +99,8 @@ const NetworkKind networkKinds[] = {
     {googLeNetFAA3ch12tasks, construct<GoogLeNet_FAA3ch_12tasks>, 7, 64 * 112 * 112 * 4},
     {lcnn29, construct<LCNN29>, 3, 96 * 128 * 128 * 4},
 };
+
+inline const NetworkKind smallKind = {smallNetwork, construct<SmallNetwork>, 2, 2 * 4 * 4 * 4};
 
 /// The end of a test's name.
 inline void PrintTo(const NetworkKind& kind, std::ostream* out) { *out << kind.table.name; }

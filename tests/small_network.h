@@ -5,7 +5,6 @@
 #include "layers/softmax.h"
 #include "network.h"
 #include "network_table.h"
-#include "seeded_network.h"
 
 #include <string>
 
@@ -42,7 +41,5 @@ class SmallNetwork : public Network {
  private:
   Layer layers_[4];
 };
-
-inline const NetworkKind smallKind = {smallNetwork, construct<SmallNetwork>, 2, 2 * 4 * 4 * 4};
 
 }  // namespace facezoo::test

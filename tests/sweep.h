@@ -3,7 +3,6 @@
 #pragma once
 
 #include "seeded_network.h"
-#include "small_network.h"
 
 #include <malloc.h>
 #include <omp.h>

@@ -1,7 +1,6 @@
 // Threads that share networks by the rules of docs/threads.md.
 #include "GPU.h"
 #include "calls.h"
-#include "small_network.h"
 
 #include <future>
 #include <mutex>

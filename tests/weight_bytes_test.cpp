@@ -2,7 +2,6 @@
 // format gives, for no more memory than the file accounts for.
 #include "heap.h"
 #include "seeded_network.h"
-#include "small_network.h"
 #include "weight_answer.h"
 
 #include <fcntl.h>

@@ -1,6 +1,5 @@
 // What a weight file may look like, and the one answer to each that it may not.
 #include "seeded_network.h"
-#include "small_network.h"
 #include "weight_answer.h"
 
 #include <sys/resource.h>
