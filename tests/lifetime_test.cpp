@@ -16,11 +16,17 @@ long residentKiB() {
   return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
+#ifdef FACEZOO_SANITIZED
+constexpr int kSmallCycles = 200;  // of the workspace's life, too, which takes its heap long
+#else
+constexpr int kSmallCycles = 10000;
+#endif
+
 struct Lifetimes : ContractTest, testing::WithParamInterface<NetworkKind> {};
 
 TEST_P(Lifetimes, LeaveMemoryAsItWas) {
   const NetworkTable& table = GetParam().table;
-  const int cycles = repetitions("FACEZOO_CYCLES", &table == &smallNetwork ? 10000 : 2);
+  const int cycles = repetitions("FACEZOO_CYCLES", &table == &smallNetwork ? kSmallCycles : 2);
   host_device::poisonFreshMemory(false);  // takes too long
   const char* const file = seededFile(table);
   ForwardCall forward{table, 1};
