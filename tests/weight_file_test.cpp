@@ -71,6 +71,22 @@ TEST_F(WeightFileTest, AFileWithoutASizeIsReadToItsEnd) {
   }
 }
 
+#ifndef FACEZOO_SANITIZED  // whose heap ends the process
+TEST_F(WeightFileTest, AFileThatMemoryCannotHoldIsBadAlloc) {
+  constexpr rlim_t kTiB = rlim_t{1} << 40;
+  const TemporaryFile file;
+  std::ofstream(file.path).close();
+  std::filesystem::resize_file(file.path, 8 * kTiB);  // which takes no room on the disk
+  rlimit limit{};
+  getrlimit(RLIMIT_AS, &limit);
+  const rlimit lower{kTiB, limit.rlim_max};
+  setrlimit(RLIMIT_AS, &lower);
+  EXPECT_THROW(SmallNetwork(file.path.c_str(), 1, ""), std::bad_alloc);
+  setrlimit(RLIMIT_AS, &limit);
+  EXPECT_EQ(0, NetworkProbe::count());
+}
+#endif
+
 TEST_F(WeightFileTest, TheDocumentOutlivesItsFileAndEveryHolderButTheLast) {
   const Document document = seededDocument(dexpressionNet);
   const std::string good = document.bytes();
