@@ -5,6 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+scripts/setup.sh --tests
 cmake --preset host-coverage >/dev/null
 cmake --build --preset host-coverage --target facezoo_tests
 tests=build/host-coverage/bin/facezoo_tests

@@ -6,6 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+scripts/setup.sh --tests
 cmake --preset host >/dev/null
 cmake --build --preset host --target facezoo_tests facezoo_heap_tests
 log=$(mktemp)

@@ -10,6 +10,7 @@ minutes=${1:?minutes, such as 1}
 shift
 [ $# -gt 0 ] || set -- weight_file image safetensors
 
+scripts/setup.sh --tests
 cmake --preset host-asan >/dev/null
 cmake --build --preset host-asan --target "${@/#/fuzz_}"
 

@@ -6,6 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 cycles=${1:-1000}
+scripts/setup.sh --tests
 cmake --preset host >/dev/null
 cmake --build --preset host --target facezoo_tests
 tests=build/host/bin/facezoo_tests

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need and that this machine lacks.
-#   scripts/setup.sh [--tests|--bench]    also what ./test.sh or bench/run.sh needs
+#   scripts/setup.sh [--tests] [--bench] [--valgrind]    also what ./test.sh, bench/run.sh and
+#                                                         scripts/valgrind.sh need
 set -euo pipefail
 
 packages=(
@@ -10,20 +11,30 @@ packages=(
   "libspng-dev:decodes PNG" "libturbojpeg0-dev:decodes JPEG"
   "libstb-dev:resizes images and encodes PNG" "pv:shows the progress of long runs"
 )
-if [ "${1:-}" = --tests ]; then
-  packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
-    "clang-format:style check" "clang-tidy:static analysis"
-    "clang:second compiler, for builds under sanitizers"
-    "libclang-rt-dev:the sanitizers, and counting what tests reach"
-    "libomp-dev:OpenMP for clang, and what ThreadSanitizer needs to know of it"
-    "llvm:names in the reports of sanitizers, coverage"
-    "libbenchmark-dev:benchmarks of layers, which must build"
-    "doxygen:checks that the public headers are documented" "mandoc:checks the manual page"
-    "dpkg-dev:dependencies of the Debian package" "file:finds its libraries"
-    "pkgconf:one way to use the library")
-elif [ "${1:-}" = --bench ]; then
-  packages+=("libbenchmark-dev:benchmarks of layers" "python3-venv:comparison with other engines")
-fi
+for group in "$@"; do
+  case $group in
+    --tests)
+      packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
+        "clang-format:style check" "clang-tidy:static analysis"
+        "clang:second compiler, for builds under sanitizers"
+        "libclang-rt-dev:the sanitizers, and counting what tests reach"
+        "libomp-dev:OpenMP for clang, and what ThreadSanitizer needs to know of it"
+        "llvm:names in the reports of sanitizers, coverage"
+        "libbenchmark-dev:benchmarks of layers, which must build"
+        "doxygen:checks that the public headers are documented" "mandoc:checks the manual page"
+        "dpkg-dev:dependencies of the Debian package" "file:finds its libraries"
+        "pkgconf:one way to use the library")
+      ;;
+    --bench)
+      packages+=("libbenchmark-dev:benchmarks of layers" "python3-venv:comparison with other engines")
+      ;;
+    --valgrind) packages+=("valgrind:sees reads of memory that nobody wrote") ;;
+    *)
+      echo "unknown group: $group" >&2
+      exit 2
+      ;;
+  esac
+done
 
 missing=()
 for entry in "${packages[@]}"; do

@@ -5,6 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+scripts/setup.sh --tests --valgrind
 cmake --preset host >/dev/null
 cmake --build --preset host --target facezoo_tests
 tests=build/host/bin/facezoo_tests
