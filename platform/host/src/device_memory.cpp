@@ -4,6 +4,7 @@
 #include "simulated_devices.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -18,6 +19,13 @@ namespace {
 /// Wide enough for any vector load; also what the real runtime promises.
 constexpr std::size_t kAlignment = 256;
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
+/// From this size on a block has pages of its own, as by default in the heap. Sanitizers watch the
+/// heap only, so that they have all blocks there.
+#ifdef FACEZOO_SANITIZED
+constexpr std::size_t kSmallestMapped = std::numeric_limits<std::size_t>::max();
+#else
+constexpr std::size_t kSmallestMapped = std::size_t{128} << 10;
+#endif
 
 struct Allocation {
   detail::Block block;
@@ -57,27 +65,25 @@ std::size_t roundedUp(std::size_t bytes, std::size_t unit) {
   return (bytes + unit - 1) / unit * unit;
 }
 
-/// Sanitizers watch the heap only, so that they have all blocks there.
-bool isMapped(std::size_t bytes) {
-#ifdef FACEZOO_SANITIZED
-  static_cast<void>(bytes);
-  return false;
-#else
-  return bytes >= kHugePage;
-#endif
+/// The size of the pages that a block has for itself; 0 if it is part of the heap.
+std::size_t ownPages(std::size_t bytes) {
+  static const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  if (bytes < kSmallestMapped) return 0;
+  return bytes < kHugePage ? page : kHugePage;
 }
 
-/// Null if there are none.
-void* mapHugePages(std::size_t bytes) {
+/// `bytes` that start at a page of that size; null if there are none.
+void* mapPages(std::size_t bytes, std::size_t page) {
+  // Touching small pages one by one would take longer than having all at once.
+  const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (page == kHugePage ? 0 : MAP_POPULATE);
   // More than is needed, to cut an aligned range from.
-  void* const mapped =
-      mmap(nullptr, bytes + kHugePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* const mapped = mmap(nullptr, bytes + page, PROT_READ | PROT_WRITE, flags, -1, 0);
   if (mapped == MAP_FAILED) return nullptr;
-  const std::size_t before = roundedUp(address(mapped), kHugePage) - address(mapped);
+  const std::size_t before = roundedUp(address(mapped), page) - address(mapped);
   char* const block = static_cast<char*>(mapped) + before;
   if (before > 0) munmap(mapped, before);
-  munmap(block + bytes, kHugePage - before);
-  madvise(block, bytes, MADV_HUGEPAGE);
+  munmap(block + bytes, page - before);
+  if (page == kHugePage) madvise(block, bytes, MADV_HUGEPAGE);
   return block;
 }
 
@@ -93,17 +99,17 @@ void fillWithSignallingNaN(void* block, std::size_t bytes) {
 namespace detail {
 
 void BlockRelease::operator()(void* block) const {
-  if (isMapped(bytes)) {
-    munmap(block, roundedUp(bytes, kHugePage));
+  if (const std::size_t page = ownPages(bytes); page > 0) {
+    munmap(block, roundedUp(bytes, page));
   } else {
     std::free(block);
   }
 }
 
 Block allocateBlock(std::size_t bytes) {
-  void* const block = isMapped(bytes)
-                          ? mapHugePages(roundedUp(bytes, kHugePage))
-                          : std::aligned_alloc(kAlignment, roundedUp(bytes, kAlignment));
+  const std::size_t page = ownPages(bytes);
+  void* const block = page > 0 ? mapPages(roundedUp(bytes, page), page)
+                               : std::aligned_alloc(kAlignment, roundedUp(bytes, kAlignment));
   return {block, BlockRelease{bytes}};
 }
 

@@ -26,10 +26,10 @@ struct BlockRelease {
 };
 using Block = std::unique_ptr<void, BlockRelease>;
 
-/// Memory aligned for any vector; null if there is none. A large block is made of huge pages: first
-/// touching it in small ones would take several times as long as filling it. They are mapped for it
-/// alone: in the heap, their alignment leaves gaps, which grow to hundreds of MiB as networks come
-/// and go.
+/// Memory aligned for any vector; null if there is none. A large block is mapped for it alone: in
+/// the heap, its alignment leaves gaps, which grow to hundreds of MiB as networks come and go. The
+/// largest are made of huge pages: first touching them in small ones would take several times as
+/// long as filling them.
 Block allocateBlock(std::size_t bytes);
 
 cudaError_t allocateDevice(void** pointer, std::size_t bytes);
