@@ -21,13 +21,17 @@ inline constexpr NetworkTable smallNetwork = {
     {1, 4, 4},         {2 * 4 * 4 * 4, 2}, "SmallNetwork",  3,
     view(smallLayers), view(smallOutput),  Results::onHost, withoutNorm};
 
-class SmallNetwork : public Network {
+/// Asks for more pool blocks than it takes, if so many are wanted.
+template <int blocks>
+class SmallNetworkOf : public Network {
  public:
-  SmallNetwork(const char* weightFile, int maxBatch, std::string prefix)
+  SmallNetworkOf(const char* weightFile, int maxBatch, std::string prefix)
       : Network(weightFile, prefix) {
-    build(smallNetwork, maxBatch, prefix, {layers_});
+    NetworkTable table = smallNetwork;
+    table.bufferCount = blocks;
+    build(table, maxBatch, prefix, {layers_});
   }
-  SmallNetwork(SmallNetwork& other) = default;
+  SmallNetworkOf(SmallNetworkOf& other) = default;
 
   int Forward(void* images, int batch, float* out1, float* /*out2*/) override {
     Softmax softmax;
@@ -41,5 +45,7 @@ class SmallNetwork : public Network {
  private:
   Layer layers_[4];
 };
+
+using SmallNetwork = SmallNetworkOf<smallNetwork.bufferCount>;
 
 }  // namespace facezoo::test
