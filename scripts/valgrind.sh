@@ -1,26 +1,35 @@
 #!/usr/bin/env bash
-# The tests of the library under valgrind's memcheck, which sees what the sanitizers do not: reads of
-# memory that nobody wrote, in the distribution's libraries as well. Faults are sampled.
-#   scripts/valgrind.sh [FILTER]           default: all; else a filter of GoogleTest
+# The tests of the library and the tool under valgrind's memcheck, which sees what the sanitizers do not:
+# reads of memory that nobody wrote, in the distribution's libraries as well. Faults are sampled. The
+# tests that replace the heap are not among them: memcheck replaces it, too.
+#   scripts/valgrind.sh [FILTER]           default: all; else the library's that a GoogleTest filter names
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh --tests --valgrind
 cmake --preset host >/dev/null
-cmake --build --preset host --target facezoo_tests
+cmake --build --preset host --target facezoo_tests facezoo_tool
 tests=build/host/bin/facezoo_tests
-results=build/host/valgrind
+results=$PWD/build/host/valgrind
 rm -rf "$results"
 mkdir "$results"
 cores=$(nproc) # which heeds OMP_NUM_THREADS
 export GTEST_BRIEF=1 OMP_NUM_THREADS=1 FACEZOO_FAULT_POINTS=2 FACEZOO_CYCLES=2
+memcheck="valgrind --quiet --error-exitcode=99 --show-leak-kinds=definite \
+  --errors-for-leak-kinds=definite --log-file=$results/%p.log"
 
-# The forks of a sweep end where they stand, with all they have.
-"$tests" --gtest_filter="${1:-*}" --gtest_list_tests |
-  awk -v tests="$tests" '/^[^ ]/ {suite = $1; next}
-    {print "--leak-check=" (suite ~ /Sweep/ ? "no" : "full"), tests, "--gtest_filter=" suite $1}' |
-  xargs -P "$cores" -L 1 valgrind --quiet --error-exitcode=1 --errors-for-leak-kinds=definite \
-    --trace-children=no --log-file="$results/%p.log" >"$results/tests.log" 2>&1 || {
+# The tool's tests start this in its place, but not to take times.
+tool=$PWD/build/host/bin/facezoo
+printf '#!/bin/sh\n[ "$1" != bench ] || exec %s "$@"\nexec %s --leak-check=full %s "$@"\n' \
+  "$tool" "$memcheck" "$tool" >"$results/facezoo"
+chmod +x "$results/facezoo"
+{
+  [ $# -gt 0 ] || printf "python3 tests/%s_test.py $results/facezoo samples/portrait.jpg\n" tool weights_tool
+  # The forks of a sweep end where they stand, with all they have.
+  "$tests" --gtest_filter="${1:-*}" --gtest_list_tests |
+    awk -v run="$memcheck" -v tests="$tests" '/^[^ ]/ {suite = $1; next}
+      {print run, "--leak-check=" (suite ~ /Sweep/ ? "no" : "full"), tests, "--gtest_filter=" suite $1}'
+} | xargs -P "$cores" -L 1 env >"$results/tests.log" 2>&1 || {
   cat "$results"/*.log
   exit 1
 }

@@ -25,7 +25,7 @@ class ToolCase(unittest.TestCase):
 
     def call(self, *args, code=0, stderr="", **how):
         how = dict(stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8") | how
-        done = subprocess.run([TOOL, *args], timeout=120, **how)
+        done = subprocess.run([TOOL, *args], timeout=300, **how)
         self.assertRegex(f"{done.returncode}{done.stderr}", rf"\A{code}{stderr}\Z")
         return done.stdout
 

@@ -301,4 +301,4 @@ class ToolTest(ToolCase):
         self.assertRegex(self.call("weights", "show", "level"), r"\na +array\n")
 
 
-unittest.main(argv=sys.argv[:1])
+unittest.main(argv=sys.argv[:1] + sys.argv[3:])

@@ -183,4 +183,4 @@ class WeightsTest(ToolCase):
         self.assertEqual({"face.jpg", "good", "file"}, {*os.listdir()})
 
 
-unittest.main(argv=sys.argv[:1])
+unittest.main(argv=sys.argv[:1] + sys.argv[3:])
