@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Fails every platform call and every allocation in the life of each network, alone and with others
-# after it: the whole of what ./test.sh visits a sample of. Takes about an hour on two cores.
+# after it: the whole of what ./test.sh visits a sample of. Takes a good hour on two cores.
 #   scripts/fault-sweep.sh [points]        default: all; else so many of a network's calls, and in
 #                                          proportion of the rest
 set -euo pipefail
