@@ -15,19 +15,26 @@ rm -rf "$results"
 mkdir "$results"
 cores=$(nproc) # which heeds OMP_NUM_THREADS
 export GTEST_BRIEF=1 OMP_NUM_THREADS=1 FACEZOO_FAULT_POINTS=2 FACEZOO_CYCLES=2 FACEZOO_THREAD_CALLS=1
-memcheck="valgrind --quiet --error-exitcode=99 --show-leak-kinds=definite \
-  --errors-for-leak-kinds=definite --log-file=$results/%p.log"
+memcheck="$(command -v valgrind) --quiet --error-exitcode=99 --show-leak-kinds=definite \
+  --errors-for-leak-kinds=definite"
 
-# The tool's tests start this in its place, but not to take times.
+# The tool's tests start this in its place, but not to take times. Where they close standard output, no
+# log may take its place. Under memcheck nobody hears that a program, as pv, could not be started.
 tool=$PWD/build/host/bin/facezoo
-printf '#!/bin/sh\n[ "$1" != bench ] || exec %s "$@"\nexec %s --leak-check=full %s "$@"\n' \
-  "$tool" "$memcheck" "$tool" >"$results/facezoo"
+cat >"$results/facezoo" <<EOF
+#!/bin/sh
+[ "\$1" != bench ] || exec $tool "\$@"
+exec 9>$results/\$\$.log
+exec $memcheck --log-fd=9 --leak-check=full $tool "\$@"
+EOF
 chmod +x "$results/facezoo"
 {
-  [ $# -gt 0 ] || printf "python3 tests/%s_test.py $results/facezoo samples/portrait.jpg\n" tool weights_tool
+  [ $# -gt 0 ] || for file in tests/{tool,weights_tool}_test.py; do
+    sed -n "/shows_progress/d; s,^    def \(test_[a-z_]*\)(.*,python3 $file $results/facezoo samples/portrait.jpg -k \1,p" "$file"
+  done
   # The forks of a sweep end where they stand, with all they have.
   "$tests" --gtest_filter="${1:-*}" --gtest_list_tests |
-    awk -v run="$memcheck" -v tests="$tests" '/^[^ ]/ {suite = $1; next}
+    awk -v run="$memcheck --log-file=$results/%p.log" -v tests="$tests" '/^[^ ]/ {suite = $1; next}
       {print run, "--leak-check=" (suite ~ /Sweep/ ? "no" : "full"), tests, "--gtest_filter=" suite $1}'
 } | xargs -P "$cores" -L 1 env >"$results/tests.log" 2>&1 || {
   cat "$results"/*.log
