@@ -15,7 +15,7 @@ results=$PWD/build/host/valgrind
 rm -rf "$results"
 mkdir "$results"
 cores=$(nproc) # which heeds OMP_NUM_THREADS
-export GTEST_BRIEF=1 OMP_NUM_THREADS=1 FACEZOO_FAULT_POINTS=2 FACEZOO_CYCLES=2 FACEZOO_THREAD_CALLS=1
+export GTEST_BRIEF=1 OMP_NUM_THREADS=1 FACEZOO_FAULT_POINTS=2 FACEZOO_THREAD_CALLS=1
 memcheck="$(command -v valgrind) --quiet --error-exitcode=99 --show-leak-kinds=definite \
   --errors-for-leak-kinds=definite"
 
