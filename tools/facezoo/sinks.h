@@ -1,0 +1,39 @@
+/// @file
+/// What becomes of the results of `facezoo run`.
+#pragma once
+
+#include "batch.h"
+#include "network_table.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// What `facezoo run` was asked for.
+struct RunOptions {
+  std::string network, weights, prefix, format, features, list, drawings, layout;
+  int batch = 8, threads = 0;
+  float scale = 1;
+  bool norm = false, strict = false;
+  std::vector<std::string> images, compared;
+};
+
+/// What becomes of the results of one picture.
+class Sink {
+ public:
+  Sink() = default;
+  Sink(const Sink&) = delete;
+  Sink& operator=(const Sink&) = delete;
+  virtual ~Sink() = default;
+  virtual void take(const std::string& picture, const Batch& batch, int index) = 0;
+  /// After the last picture.
+  virtual void finish() {}
+};
+
+/// Whether there is a line on standard output for each picture.
+bool printsLines(const RunOptions& options);
+
+/// One for each kind of result that `options` ask for. @throws Failure if one cannot be written
+std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options,
+                                            const facezoo::NetworkTable& table,
+                                            const std::vector<std::string>& pictures);
