@@ -4,6 +4,7 @@
 #include "layers/cba.h"
 #include "seeded_network.h"
 
+#include <algorithm>
 #include <iostream>
 #include <set>
 
@@ -75,6 +76,32 @@ TEST(ConvolutionQuery, TakesTheFirstThatRunsFitsAndIsPlain) {
   }
 }
 
+TEST(ConvolutionQuery, SeesEveryRowOfTheList) {
+  // An algorithm may have a row for each math type: what fits comes behind as many as there are.
+  constexpr int rows = 2 * CUDNN_CONVOLUTION_FWD_ALGO_COUNT;
+  const auto maxCount = [](int* count) {
+    *count = rows;
+    return CUDNN_STATUS_SUCCESS;
+  };
+  const auto list = [&](int capacity, int* count, cudnnConvolutionFwdAlgoPerf_t* candidates) {
+    *count = std::min(capacity, rows);
+    for (int i = 0; i < *count; ++i) {
+      candidates[i].algo = CUDNN_CONVOLUTION_FWD_ALGO_WINOGRAD;
+      candidates[i].status = CUDNN_STATUS_SUCCESS;
+      candidates[i].mathType = i == rows - 1 ? CUDNN_FMA_MATH : CUDNN_TENSOR_OP_MATH;
+    }
+    return CUDNN_STATUS_SUCCESS;
+  };
+  const auto fits = [](auto, std::size_t) { return true; };
+  cudnnConvolutionFwdAlgo_t chosen{};
+  EXPECT_EQ(CUDNN_STATUS_SUCCESS, chooseFromList(maxCount, list, fits, 100, &chosen));
+  EXPECT_EQ(CUDNN_CONVOLUTION_FWD_ALGO_WINOGRAD, chosen);
+
+  const auto fails = [](auto...) { return CUDNN_STATUS_NOT_SUPPORTED; };
+  EXPECT_EQ(CUDNN_STATUS_NOT_SUPPORTED, chooseFromList(fails, list, fits, 100, &chosen));
+  EXPECT_EQ(CUDNN_STATUS_NOT_SUPPORTED, chooseFromList(maxCount, fails, fits, 100, &chosen));
+}
+
 /// A fused convolution whose descriptors can be asked about.
 struct OpenConvolution : CBA {
   using CBA::algorithm_, CBA::CBA, CBA::configure, CBA::convolution_, CBA::filterShape_,
@@ -107,10 +134,11 @@ TEST_F(CudaTest, ConvolutionsStayInPlainFloat) {
                                                          layer.output_, layer.algorithm_, &needed));
       EXPECT_LE(needed, layer.workspaceSize);
       int count = 0;
-      cudnnConvolutionFwdAlgoPerf_t candidates[CUDNN_CONVOLUTION_FWD_ALGO_COUNT];
+      CheckCudnn(cudnnGetConvolutionForwardAlgorithmMaxCount(layer.handle_, &count));
+      std::vector<cudnnConvolutionFwdAlgoPerf_t> candidates(count);
       CheckCudnn(cudnnGetConvolutionForwardAlgorithm_v7(
-          layer.handle_, layer.input_, layer.filterShape_, layer.convolution_, layer.output_,
-          CUDNN_CONVOLUTION_FWD_ALGO_COUNT, &count, candidates));
+          layer.handle_, layer.input_, layer.filterShape_, layer.convolution_, layer.output_, count,
+          &count, candidates.data()));
       for (int i = 0; i < count; ++i)
         if (candidates[i].status == CUDNN_STATUS_SUCCESS)
           reported.insert(std::to_string(candidates[i].mathType));

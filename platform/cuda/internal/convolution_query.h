@@ -5,6 +5,8 @@
 
 #include <cudnn.h>
 
+#include <vector>
+
 #if CUDNN_MAJOR >= 8
 
 enum cudnnConvolutionFwdPreference_t {
@@ -37,6 +39,25 @@ cudnnConvolutionFwdAlgo_t firstThatFits(const cudnnConvolutionFwdAlgoPerf_t* can
   return CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM;
 }
 
+/// Asks for the whole list, which may name an algorithm once for each math type, and takes
+/// `firstThatFits`.
+///
+/// @param maxCount maxCount(rows): how many rows the list has at most
+/// @param list list(capacity, count, rows): the list
+template <class MaxCount, class List, class NeedsAtMost>
+cudnnStatus_t chooseFromList(const MaxCount& maxCount, const List& list,
+                             const NeedsAtMost& needsAtMost, size_t memoryLimit,
+                             cudnnConvolutionFwdAlgo_t* algorithm) {
+  int count = 0;
+  cudnnStatus_t status = maxCount(&count);
+  if (status != CUDNN_STATUS_SUCCESS) return status;
+  std::vector<cudnnConvolutionFwdAlgoPerf_t> candidates(static_cast<size_t>(count));
+  status = list(count, &count, candidates.data());
+  if (status != CUDNN_STATUS_SUCCESS) return status;
+  *algorithm = firstThatFits(candidates.data(), count, memoryLimit, needsAtMost);
+  return CUDNN_STATUS_SUCCESS;
+}
+
 }  // namespace facezoo
 
 /// The fastest forward algorithm that runs, fits `memoryLimit` bytes of workspace and computes in
@@ -48,21 +69,22 @@ inline cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(
     cudnnConvolutionDescriptor_t convolution, cudnnTensorDescriptor_t y,
     cudnnConvolutionFwdPreference_t /*preference*/, size_t memoryLimit,
     cudnnConvolutionFwdAlgo_t* algorithm) {
-  cudnnStatus_t status = cudnnSetConvolutionMathType(convolution, CUDNN_FMA_MATH);
+  const cudnnStatus_t status = cudnnSetConvolutionMathType(convolution, CUDNN_FMA_MATH);
   if (status != CUDNN_STATUS_SUCCESS) return status;
-  int found = 0;
-  cudnnConvolutionFwdAlgoPerf_t candidates[CUDNN_CONVOLUTION_FWD_ALGO_COUNT];
-  status = cudnnGetConvolutionForwardAlgorithm_v7(
-      handle, x, w, convolution, y, CUDNN_CONVOLUTION_FWD_ALGO_COUNT, &found, candidates);
-  if (status != CUDNN_STATUS_SUCCESS) return status;
+  const auto maxCount = [&](int* rows) {
+    return cudnnGetConvolutionForwardAlgorithmMaxCount(handle, rows);
+  };
+  const auto list = [&](int capacity, int* count, cudnnConvolutionFwdAlgoPerf_t* rows) {
+    return cudnnGetConvolutionForwardAlgorithm_v7(handle, x, w, convolution, y, capacity, count,
+                                                  rows);
+  };
   const auto needsAtMost = [&](cudnnConvolutionFwdAlgo_t candidate, size_t limit) {
     size_t needed = 0;
     return cudnnGetConvolutionForwardWorkspaceSize(handle, x, w, convolution, y, candidate,
                                                    &needed) == CUDNN_STATUS_SUCCESS &&
            needed <= limit;
   };
-  *algorithm = facezoo::firstThatFits(candidates, found, memoryLimit, needsAtMost);
-  return CUDNN_STATUS_SUCCESS;
+  return facezoo::chooseFromList(maxCount, list, needsAtMost, memoryLimit, algorithm);
 }
 
 #endif
