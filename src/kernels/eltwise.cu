@@ -12,8 +12,11 @@ __global__ void _kernelEltwiseMax(float* a, float* b, int inputStride, float* ou
                                   int width, int height) {
   overGrid(width, height, 1, [=](int x, int y) {
     const int i = y * inputStride + x;
+    // Both values first: else the comparison picks an address, and its value is loaded once more.
     // Not fmaxf: the operand that a comparison with NaN picks is part of the contract.
-    out[y * outputStride + x] = a[i] < b[i] ? b[i] : a[i];
+    const float left = a[i];
+    const float right = b[i];
+    out[y * outputStride + x] = left < right ? right : left;
   });
 }
 
