@@ -1,7 +1,7 @@
 #include "tensor.h"
 
 #include <algorithm>
-#include <cstdint>
+#include <cstddef>
 #include <new>
 #include <vector>
 
@@ -61,8 +61,9 @@ void freePool() {
 }
 
 TensorBase::TensorBase(int4 extents) : shape(extents) {
-  // In 64 bits, because N·C·H·W·4 of a batch far too large would wrap around to a size that fits.
-  const std::int64_t bytes = std::int64_t{4} * shape.x * shape.y * shape.z * shape.w;
+  // N·C·H·W·4 of extents far too large would wrap around in any integer to a size that fits. In
+  // double it is exact as far as blocks go, and large beyond.
+  const double bytes = 4.0 * shape.x * shape.y * shape.z * shape.w;
   if (bytes > blockSize || bufferPool.empty()) throw NO_BLOCK;
   block_ = bufferPool.front();
   data = static_cast<float*>(block_.ptr);

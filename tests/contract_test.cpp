@@ -61,9 +61,14 @@ TEST_F(ContractTest, BlocksAreTakenFromTheFrontAndReturnedAtTheBack) {
   const auto wants = [](int n, int c, int h, int w) { Tensor tensor({n, c, h, w}); };
   expectCalls({}, [&] { wants(2, 3, 4, 5); });
   EXPECT_EQ(0, thrownBy<TensorError>([&] { wants(2, 3, 4, 6); }));
-  // Sizes whose 32-bit products would wrap around to something that fits.
-  EXPECT_EQ(0, thrownBy<TensorError>([&] { wants(1 << 30, 4, 1, 1); }));
-  EXPECT_EQ(0, thrownBy<TensorError>([&] { wants(INT_MAX, 1, 1, 1); }));
+  // Sizes whose products would wrap around to something that fits, in 32 bits or in 64.
+  for (const int4 vast : {int4{1 << 30, 4, 1, 1},
+                          {INT_MAX, 1, 1, 1},
+                          {1 << 16, 1 << 16, 1 << 16, 1 << 16},
+                          {-(1 << 16), 1 << 16, -(1 << 16), 1 << 16},
+                          {INT_MIN, INT_MIN, INT_MIN, INT_MIN}}) {
+    EXPECT_EQ(0, thrownBy<TensorError>([&] { const Tensor tensor(vast); })) << vast.x;
+  }
 
   Tensor first({1, 1, 1, 1});
   const float* block = first.base->data;
