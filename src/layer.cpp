@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 cudnnHandle_t LayerBase::handle_ = nullptr;
 void* LayerBase::workspace_ = nullptr;
@@ -11,6 +12,8 @@ bool LayerBase::initialized_ = false;
 
 LayerBase::LayerBase() : workspaceSize(std::size_t{128} << 20) {
   if (!initialized_) {
+    // Of an attempt that got no workspace the handle is left, which this one replaces.
+    if (handle_ != nullptr) cudnnDestroy(std::exchange(handle_, nullptr));
     CheckCudnn(cudnnCreate(&handle_));
     CheckCuda(cudaMalloc(&workspace_, workspaceSize));
     initialized_ = true;

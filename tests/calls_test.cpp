@@ -6,6 +6,7 @@
 #include "layers/transform.h"
 
 #include <algorithm>
+#include <fstream>
 #include <functional>
 
 namespace facezoo::test {
@@ -93,6 +94,46 @@ TEST_F(CallsTest, LayersShareOneContext) {
     EXPECT_EQ(134217728, calls[1].arguments[0]);
     EXPECT_EQ((Names{"cudnnDestroy", "cudaFree"}), namesOf([] { LayerBase::releaseAll(); }));
   }
+  const LayerBase last;
+  failAt("cudaFree", 1);
+  EXPECT_EQ(cudaErrorUnknown, thrownBy<cudaError>(LayerBase::releaseAll));
+  host_device::clearFault();
+  EXPECT_EQ((Names{"cudaFree"}), namesOf([] { LayerBase::releaseAll(); }));
+}
+
+TEST_F(CallsTest, WhatAFailedConstructionLeavesIsOneContextAtMost) {
+  const TemporaryFile empty, noMap;
+  std::ofstream(empty.path).close();
+  std::ofstream(noMap.path) << "an integer";
+  const auto left = [] {
+    const host_device::Live now = host_device::live();
+    return std::pair(now.handles, now.allocations);
+  };
+  const auto construct = [&](const std::string& path) {
+    EXPECT_ANY_THROW(SmallNetwork(path.c_str(), 1, ""));
+    return left();
+  };
+  const auto nothing = left();
+  const std::pair handle(nothing.first + 1, nothing.second),
+      context(handle.first, handle.second + 1);
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  // Before the network counts, its end does not come.
+  for (const std::string& path : {std::string("/nonexistent"), empty.path}) {
+    EXPECT_EQ(context, construct(path));
+    EXPECT_EQ(context, construct(path));
+    LayerBase::releaseAll();
+    EXPECT_EQ(nothing, left());
+  }
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    failAt("cudaMalloc", 1);
+    EXPECT_EQ(handle, construct(noMap.path));
+  }
+  host_device::clearFault();
+  EXPECT_EQ((Names{"cudnnDestroy", "cudnnCreate", "cudaMalloc"}), namesOf([] { LayerBase(); }));
+  EXPECT_EQ(nothing, construct(noMap.path));
+  testing::internal::GetCapturedStderr();
+  testing::internal::GetCapturedStdout();
 }
 
 /// The layers of a network that make calls when they are created, those inside blocks included, in
