@@ -19,6 +19,7 @@ int DexpressionNet::Forward(void* images, int batch, float* out1, float* /*out2*
   MaxPooling maxPool;
   LocalResponseNormalization lrn;
   Concat concat;
+  facezoo::Heads heads;
   const auto branches = [&](const Tensor& in, Layer& reduce, Layer& conv, Layer& project) {
     Tensor a = reduce(in);
     a = conv(a);
@@ -36,7 +37,7 @@ int DexpressionNet::Forward(void* images, int batch, float* out1, float* /*out2*
   x = maxPool(x, 3, 2, 0);
   x = branches(x, conv3a, conv3b, conv3c);
   x = maxPool(x, 3, 2, 0);
-  x = facezoo::runHeads(x, {&mouth_, &eye_});
+  x = heads(x, {&mouth_, &eye_});
   copyOut(x, out1, cudaMemcpyDeviceToHost);
   return 0;
 }

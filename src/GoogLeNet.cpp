@@ -6,6 +6,8 @@
 #include "layers/relu.h"
 #include "network_table.h"
 
+#include <utility>
+
 GoogLeNet::GoogLeNet(const char* weightFile, int maxBatch, std::string prefix)
     : Network(weightFile, prefix) {
   build(facezoo::googLeNet, maxBatch, prefix, {trunk_, loss2Conv_, loss2Fc_, pca_});
@@ -15,17 +17,18 @@ GoogLeNet::GoogLeNet(GoogLeNet& other) = default;
 GoogLeNet::~GoogLeNet() = default;
 
 int GoogLeNet::Forward(void* images, int batch, float* out1, float* out2) {
+  facezoo::InceptionV1Trunk trunk(trunk_);
   AveragePooling averagePool;
   Relu relu;
   Concat concat;
 
-  const Tensor middle = facezoo::inceptionV1To4d(trunk_, copyIn(images, batch));
+  const Tensor middle = trunk.to4d(copyIn(images, batch));
   Tensor x = averagePool(middle, 5, 3, 0);
   x = loss2Conv_(x);
   x = loss2Fc_(x);
   const Tensor branch = relu(x);
   x = middle;
-  x = facezoo::inceptionV1From4e(trunk_, std::move(x));
+  x = trunk.from4e(std::move(x));
   x = concat({branch, x});
   copyNorms(x, out2);  // before the projection, which changes its input
   x = pca_(x);

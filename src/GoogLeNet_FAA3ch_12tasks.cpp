@@ -4,6 +4,8 @@
 #include "inception_v1_trunk.h"
 #include "network_table.h"
 
+#include <utility>
+
 GoogLeNet_FAA3ch_12tasks::GoogLeNet_FAA3ch_12tasks(const char* weightFile, int maxBatch,
                                                    std::string prefix)
     : Network(weightFile, prefix) {
@@ -16,11 +18,13 @@ GoogLeNet_FAA3ch_12tasks::GoogLeNet_FAA3ch_12tasks(GoogLeNet_FAA3ch_12tasks& oth
 GoogLeNet_FAA3ch_12tasks::~GoogLeNet_FAA3ch_12tasks() = default;
 
 int GoogLeNet_FAA3ch_12tasks::Forward(void* images, int batch, float* out1, float* /*out2*/) {
-  Tensor x = facezoo::inceptionV1To4d(trunk_, copyIn(images, batch));
-  x = facezoo::inceptionV1From4e(trunk_, std::move(x));
-  x = facezoo::runHeads(
-      x, {&eye_, &mouth_, &head_, &hair_, &eyeCondition_, &mouthOpen_, &mouthCorner_},
-      {&yaw_, &pitch_, &blur_, &noise_, &luminance_});
+  facezoo::InceptionV1Trunk trunk(trunk_);
+  facezoo::Heads heads;
+
+  Tensor x = trunk.to4d(copyIn(images, batch));
+  x = trunk.from4e(std::move(x));
+  x = heads(x, {&eye_, &mouth_, &head_, &hair_, &eyeCondition_, &mouthOpen_, &mouthCorner_},
+            {&yaw_, &pitch_, &blur_, &noise_, &luminance_});
   copyOut(x, out1, cudaMemcpyDeviceToHost);
   return 0;
 }

@@ -10,26 +10,31 @@
 
 namespace facezoo {
 
-/// The results of heads that all see the same features, joined in the order given: of each
-/// classifier its probabilities, of each regressor its value. Takes three blocks of the pool beside
-/// the features.
-/// @throws what the layers throw
-inline Tensor runHeads(const Tensor& features, std::initializer_list<Layer*> classifiers,
-                       std::initializer_list<Layer*> regressors = {}) {
-  Softmax softmax;
-  Concat concat;
-  Tensor all, result;
-  const auto append = [&] { all = all.base ? concat({all, result}) : result; };
-  for (Layer* head : classifiers) {
-    result = (*head)(features);
-    result = softmax(result);
-    append();
+/// Runs heads that all see the same features, and joins their results.
+class Heads {
+ public:
+  /// The results in the order given: of each classifier its probabilities, of each regressor its
+  /// value. Takes three blocks of the pool beside the features.
+  /// @throws what the layers throw
+  Tensor operator()(const Tensor& features, std::initializer_list<Layer*> classifiers,
+                    std::initializer_list<Layer*> regressors = {}) {
+    Tensor all, result;
+    const auto append = [&] { all = all.base ? concat_({all, result}) : result; };
+    for (Layer* head : classifiers) {
+      result = (*head)(features);
+      result = softmax_(result);
+      append();
+    }
+    for (Layer* head : regressors) {
+      result = (*head)(features);
+      append();
+    }
+    return all;
   }
-  for (Layer* head : regressors) {
-    result = (*head)(features);
-    append();
-  }
-  return all;
-}
+
+ private:
+  Softmax softmax_;
+  Concat concat_;
+};
 
 }  // namespace facezoo

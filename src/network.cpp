@@ -84,6 +84,8 @@ void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
   out = std::move(document);
 }
 
+  const std::int64_t blockBytes = std::int64_t{maxBatch} * perImageBytes;
+  if (blockBytes != static_cast<int>(blockBytes)) throw NO_BLOCK;
 void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std::string& prefix,
                     std::initializer_list<Holders> holders) {
   channels = table.channels;
@@ -92,8 +94,6 @@ void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std:
   perImageBytes = table.perImageBytes;
   bufferCount = table.bufferCount;
   outputDim = table.outputDim;
-  const std::int64_t blockBytes = std::int64_t{maxBatch} * perImageBytes;
-  if (blockBytes != static_cast<int>(blockBytes)) throw NO_BLOCK;
   const facezoo::LayerRow* row = table.layers.begin();
   for (const Holders& some : holders) {
     for (std::size_t i = 0; i < some.count; ++i) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <fstream>
 #include <iostream>
 #include <regex>
 
@@ -250,3 +251,8 @@ TEST_F(ContractTest, BadArgumentsOfForwardHaveTheirOwnAnswers) {
 
 }  // namespace
 }  // namespace facezoo::test
+  // What is wrong with the file comes first.
+  const TemporaryFile noMap;
+  std::ofstream(noMap.path) << "an integer";
+  EXPECT_EQ(1, thrownBy<NetworkError>(
+                   [&] { const DexpressionNet vast(noMap.path.c_str(), INT_MAX, ""); }));
