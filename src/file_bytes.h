@@ -24,4 +24,9 @@ struct FileBytes {
 /// @throws std::bad_alloc
 FileBytes readAll(std::istream& file, const char* path);
 
+/// Keeps the first `size` bytes, at least one, and gives the memory of the rest back. The bytes may
+/// move, unless there is no rest.
+/// @throws std::bad_alloc
+void shrink(FileBytes& bytes, std::size_t size);
+
 }  // namespace facezoo

@@ -72,7 +72,7 @@ Network::~Network() noexcept(false) {  // NOLINT(bugprone-exception-escape)
 
 void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
   facezoo::FileBytes bytes = readFile(path);
-  facezoo::checkDocument(bytes.data.get(), bytes.size);
+  facezoo::shrink(bytes, facezoo::checkDocument(bytes.data.get(), bytes.size));
   std::size_t offset = 0;
   bool referenced = false;
   // The payloads stay where they were read, and live as long as the document.

@@ -40,10 +40,11 @@ class Scan : public msgpack::v2::null_visitor {
 
 }  // namespace
 
-void checkDocument(const char* data, std::size_t size) {
+std::size_t checkDocument(const char* data, std::size_t size) {
   Scan scan;
   std::size_t offset = 0;
   msgpack::v2::parse(data, size, offset, scan);
+  return offset;
 }
 
 }  // namespace facezoo

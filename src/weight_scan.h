@@ -10,8 +10,9 @@ namespace facezoo {
 /// reserves what a length prefix claims before it has the bytes, so that five bytes can ask for
 /// gigabytes; after this pass every length is known to be backed by the file.
 ///
+/// @return the object's length, at most `size`
 /// @throws msgpack::v1::insufficient_bytes if the object does not end inside the bytes;
 ///         msgpack::v1::parse_error if it is not MessagePack or nests deeper than 32 levels
-void checkDocument(const char* data, std::size_t size);
+std::size_t checkDocument(const char* data, std::size_t size);
 
 }  // namespace facezoo

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <iostream>
 #include <string_view>
 
@@ -214,6 +215,21 @@ TEST_F(WeightBytesTest, AnyByteMayHaveAnyValue) {
     }
   }
   std::cout << "visited " << files << " weight files that differ in one byte\n";
+}
+
+TEST_F(WeightBytesTest, WhatLiesBehindTheDocumentIsNotKept) {
+  std::size_t withoutTail = 0;
+  for (const std::size_t tail : {0, 1, 64 << 20}) {
+    std::filesystem::copy_file(good_.path, path_.path,
+                               std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::resize_file(path_.path, std::filesystem::file_size(good_.path) + tail);
+    heap::restart();
+    const std::size_t before = heap::usage().bytes;
+    const SmallNetwork net(path_.path.c_str(), 1, "");
+    const std::size_t kept = heap::usage().bytes - before;
+    if (tail == 0) withoutTail = kept;
+    EXPECT_LE(kept, withoutTail + (std::size_t{16} << 10)) << tail;
+  }
 }
 
 }  // namespace
