@@ -39,3 +39,19 @@ inline void CheckCublas(cublasStatus_t status, const char* file = __builtin_FILE
                file, line);
   throw status;
 }
+
+namespace facezoo {
+
+/// Runs one of several steps that do not depend on each other: its failure is printed, if it prints
+/// one, and the next can follow. Whether it succeeded.
+template <class Step>
+bool succeeds(const Step& step) noexcept {
+  try {
+    step();
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace facezoo

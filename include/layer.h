@@ -24,8 +24,7 @@ class FACEZOO_EXPORT LayerBase {
   LayerBase(const LayerBase&) = default;
   LayerBase& operator=(const LayerBase&) = default;
   /// @}
-  /// Destroying a network may fail, so no layer's destructor promises not to throw.
-  virtual ~LayerBase() noexcept(false) {}  // NOLINT(modernize-use-equals-default)
+  virtual ~LayerBase() = default;
 
   /// The identity: a second handle to the same block.
   virtual Tensor operator()(const Tensor& in) { return in; }
@@ -40,11 +39,13 @@ class FACEZOO_EXPORT LayerBase {
   ///         or type; @throws cudaError
   void readWeight(msgpack::v1::object& weights, std::string name, int bytes, void* dst);
 
-  /// Releases the shared context; the next layer constructed creates it again.
-  /// @return 0; @throws cudaError
+  /// Releases the shared context; the next layer constructed creates it again. The last network's
+  /// destructor does it without a throw; a constructor that fails before its network counts leaves
+  /// it to the host or to the next network.
+  /// @return 0; @throws cudaError if the workspace cannot be released, and stays
   static int releaseAll() {
     if (!initialized_) return 0;
-    cudnnDestroy(handle_);
+    if (handle_ != nullptr) cudnnDestroy(handle_);  // else gone in an attempt that failed below
     handle_ = nullptr;
     CheckCuda(cudaFree(workspace_));
     workspace_ = nullptr;

@@ -13,6 +13,7 @@
 #include <cublas_v2.h>
 #include <cuda_runtime.h>
 
+#include <cstddef>
 #include <memory>
 
 /// A block of the pool.
@@ -64,10 +65,10 @@ class FACEZOO_EXPORT Tensor {
 /// @throws cudaError
 void growPool(int bytes, int count);
 
-/// Releases every free block and forgets the sizing.
+/// Releases the free blocks behind the first `kept` and, if none is kept, forgets the sizing.
 /// @throws cudaError at the first block that cannot be freed; it and those after it stay in the
 /// pool
-void freePool();
+void freePool(std::size_t kept = 0);
 
 extern cublasHandle_t blasHandle;  ///< of all fully connected layers
 extern bool blasCreated;           ///< whether there is a `blasHandle`
@@ -82,11 +83,14 @@ inline void preparePool(int bytes, int count) {
   growPool(bytes, count);
 }
 
-/// Releases the pool and the cuBLAS handle; does nothing if there is no handle.
-/// @throws cudaError, cublasStatus_t
-inline void destroyPool() {
+/// Releases the pool and the cuBLAS handle; does nothing if there is no handle. A block that cannot
+/// be freed stays in the pool, a handle that cannot be destroyed stays too; neither keeps the rest.
+inline void destroyPool() noexcept {
   if (!blasCreated) return;
-  freePool();
-  CheckCublas(cublasDestroy_v2(blasHandle));
-  blasCreated = false;
+  std::size_t kept = 0;
+  while (!facezoo::succeeds([&] { freePool(kept); })) ++kept;
+  facezoo::succeeds([] {
+    CheckCublas(cublasDestroy_v2(blasHandle));
+    blasCreated = false;
+  });
 }

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <fstream>
 #include <utility>
 
@@ -50,24 +49,11 @@ Network::Network(Network& other)
       bufferCount(other.bufferCount),
       outputDim(other.outputDim) {}
 
-Network::~Network() noexcept(false) {  // NOLINT(bugprone-exception-escape)
+Network::~Network() {
   const bool movedAway = unpacked.zone() == nullptr;
   if (movedAway || --network_count > 0) return;
-  if (std::uncaught_exceptions() == 0) {
-    destroyPool();
-    LayerBase::releaseAll();
-    return;
-  }
-  // A second exception during unwinding would end the process: the first failure is the one that
-  // the host hears of, and what cannot be released now is left for the next network's end.
-  try {
-    destroyPool();
-  } catch (...) {  // NOLINT(bugprone-empty-catch)
-  }
-  try {
-    LayerBase::releaseAll();
-  } catch (...) {  // NOLINT(bugprone-empty-catch)
-  }
+  destroyPool();
+  facezoo::succeeds(LayerBase::releaseAll);
 }
 
 void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
@@ -84,8 +70,6 @@ void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
   out = std::move(document);
 }
 
-  const std::int64_t blockBytes = std::int64_t{maxBatch} * perImageBytes;
-  if (blockBytes != static_cast<int>(blockBytes)) throw NO_BLOCK;
 void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std::string& prefix,
                     std::initializer_list<Holders> holders) {
   channels = table.channels;
@@ -100,6 +84,8 @@ void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std:
       some.first[i] = facezoo::createLayer(*row++, prefix, weights);
     }
   }
+  const std::int64_t blockBytes = std::int64_t{maxBatch} * perImageBytes;
+  if (blockBytes != static_cast<int>(blockBytes)) throw NO_BLOCK;
   preparePool(static_cast<int>(blockBytes), bufferCount);
 }
 

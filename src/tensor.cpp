@@ -51,11 +51,13 @@ void growPool(int bytes, int count) {
   }
 }
 
-void freePool() {
-  while (!bufferPool.empty()) {
-    CheckCuda(cudaFree(bufferPool.front().ptr));
-    bufferPool.erase(bufferPool.begin());
+void freePool(std::size_t kept) {
+  while (bufferPool.size() > kept) {
+    const auto block = bufferPool.begin() + static_cast<std::ptrdiff_t>(kept);
+    CheckCuda(cudaFree(block->ptr));
+    bufferPool.erase(block);
   }
+  if (kept > 0) return;
   blockCount = 0;
   blockSize = 0;
 }

@@ -110,7 +110,10 @@ class AllocationSweep : public Sweep {
           host_device::clearFault();
         });
     EXPECT_EQ(Lines{trace_[k - 1]}, outcome.raised);
-    if (!silent(k)) {
+    if (afterForward) {
+      EXPECT_TRUE(outcome.thrown.empty());
+      if (!silent(k)) expectFirstLine(reportOf(trace_[k - 1]), outcome);
+    } else if (!silent(k)) {
       expectFirst(reportOf(trace_[k - 1]), outcome);
     } else if (!outcome.thrown.empty()) {
       expectFirst(outOfMemory(outcome.thrown[0].first), outcome);

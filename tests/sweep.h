@@ -52,8 +52,9 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
   /// What came of a failure.
   struct Outcome {
     std::vector<Thrown> thrown;
-    Lines lines;   ///< that were printed
-    Lines raised;  ///< the calls that failed
+    Lines lines;             ///< that were printed
+    Lines raised;            ///< the calls that failed
+    host_device::Live left;  ///< with no network alive
   };
 
   static constexpr cudaError kCuda = cudaErrorLaunchFailure;
@@ -76,6 +77,7 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     alive_ = host_device::live();
     destroy();
     host_device::setObserver({});
+    idle_ = host_device::live();
     expected_ = call_->take();
     // Otherwise a wrong result might go unnoticed.
     for (float value : expected_) ASSERT_TRUE(std::isfinite(value));
@@ -89,9 +91,9 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     DeviceTest::TearDown();
   }
 
-  void construct() { net_ = GetParam().construct(file_, 1); }
+  void construct() { net_.reset(GetParam().construct(file_, 1)); }
   void forward() { (*call_)(*net_, 1); }
-  void destroy() { delete std::exchange(net_, nullptr); }
+  void destroy() { net_.reset(); }
 
   /// Which of `count` points to visit: `share` of the number that FACEZOO_FAULT_POINTS says, evenly
   /// spread, or "all" of them. If it says nothing, of small networks all and of others 24. FANet,
@@ -161,7 +163,7 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
   template <class Begin, class End>
   Outcome live(bool onlyTheEnd, bool once, const Begin& begin, const End& end) {
     Outcome outcome;
-    outcome.thrown.reserve(3);  // the heap may be what fails
+    outcome.thrown.reserve(2);  // the heap may be what fails
     const auto phase = [&](const auto& action) {
       Thrown thrown = attempt(action);
       if (!thrown.first.empty()) outcome.thrown.push_back(std::move(thrown));
@@ -177,8 +179,9 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
         EXPECT_EQ(expected_, call_->results(*net_, 1));
       }
     }
-    if (net_) phase([&] { destroy(); });
+    destroy();
     end();
+    outcome.left = host_device::live();
     std::istringstream printed(testing::internal::GetCapturedStderr() +
                                testing::internal::GetCapturedStdout());
     for (std::string line; std::getline(printed, line);) outcome.lines.push_back(line);
@@ -186,8 +189,9 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     return outcome;
   }
 
-  /// Whether call k of a life may fail without a word. Releases are checked inside `Forward` and
-  /// where the pool, the blas handle, the cuDNN handle and the workspace go, which is last.
+  /// Whether call k of a life may fail without a word. Releases are checked inside `Forward`, and
+  /// print a line where the pool, the blas handle, the cuDNN handle and the workspace go, which is
+  /// last.
   bool silent(std::size_t k) const {
     const std::string& name = trace_[k - 1];
     const bool releases = name == "cudaFree" || name.rfind("cudnnDestroy", 0) == 0;
@@ -217,7 +221,9 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
   static void expectFirst(const Report& report, const Outcome& outcome) {
     ASSERT_FALSE(outcome.thrown.empty());
     EXPECT_EQ(report.thrown, outcome.thrown[0]);
-    if (report.line.empty()) return;
+    if (!report.line.empty()) expectFirstLine(report, outcome);
+  }
+  static void expectFirstLine(const Report& report, const Outcome& outcome) {
     ASSERT_FALSE(outcome.lines.empty());
     EXPECT_TRUE(std::regex_match(outcome.lines[0], std::regex(report.line))) << outcome.lines[0];
   }
@@ -244,6 +250,20 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     return lost;
   }
 
+  /// With no network alive, nothing is left but what failed to be released, and a handle whose
+  /// workspace could not be had.
+  void expectTheRestReleased(const Outcome& outcome) const {
+    const auto failed = [&](const char* name) {
+      return static_cast<std::size_t>(
+          std::count(outcome.raised.begin(), outcome.raised.end(), name));
+    };
+    const bool noWorkspace =
+        failed("cudaMalloc") > 0 && outcome.lines[0].find("src/layer.cpp") != std::string::npos;
+    EXPECT_EQ(idle_.allocations + failed("cudaFree"), outcome.left.allocations);
+    EXPECT_EQ(idle_.handles + failed("cudnnDestroy") + failed("cublasDestroy_v2") + noWorkspace,
+              outcome.left.handles);
+  }
+
   /// A new life works as if nothing had been, and holds what it should.
   void expectNewLife(const host_device::Live& lost) {
     EXPECT_EQ(0, NetworkProbe::count());
@@ -258,16 +278,18 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     EXPECT_EQ(alive_.handles + lost.handles, now.handles);
     EXPECT_EQ(alive_.descriptors + lost.descriptors, now.descriptors);
     alive_ = now;
+    idle_.allocations += lost.allocations;
+    idle_.handles += lost.handles;
   }
 
   const NetworkTable& table_ = GetParam().table;
   const char* file_ = nullptr;
-  Network* net_ = nullptr;  // a smart pointer would not let the destructor's exceptions out
+  std::unique_ptr<Network> net_;
   std::unique_ptr<ForwardCall> call_;
   std::vector<float> expected_;
   Lines trace_;
   std::size_t constructed_ = 0, forwarded_ = 0;
-  host_device::Live alive_{};  ///< while a network is
+  host_device::Live alive_{}, idle_{};  ///< while a network is alive, and while none is
 };
 
 }  // namespace facezoo::test

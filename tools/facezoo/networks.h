@@ -11,8 +11,7 @@
 
 struct KnownNetwork {
   const facezoo::NetworkTable* table;
-  /// Constructs the network, lends it to `use` and destroys it. A network's destructor may throw,
-  /// which no smart pointer would survive.
+  /// Constructs the network, lends it to `use` and destroys it.
   void (*with)(const std::string& weightFile, int maxBatch, const std::string& prefix,
                const std::function<void(Network&)>& use);
 };
