@@ -12,3 +12,4 @@
 #include "GoogLeNet_FAA3ch_12tasks.h"
 #include "LCNN29.h"
 #include "errors.h"
+#include "facezoo/version.h"

@@ -135,7 +135,7 @@ void addFigures(Json& row, const Figures& figures) {
 
 /// What all rows have in common.
 Json setting(const Device& device) {
-  Json common = {{"facezoo", FACEZOO_VERSION},
+  Json common = {{"facezoo", FACEZOO_VERSION_TEXT},
                  {"platform", FACEZOO_PLATFORM},
                  {"device", device.properties.name}};
   if (const auto cpu = cpuPlatform()) {

@@ -155,7 +155,7 @@ void printTable(const Json& rows, const std::vector<Column>& columns) {
 }
 
 void printTables(const Json& all) {
-  std::printf("facezoo %s, platform %s", FACEZOO_VERSION, FACEZOO_PLATFORM);
+  std::printf("facezoo %s, platform %s", FACEZOO_VERSION_TEXT, FACEZOO_PLATFORM);
   if (const auto cpu = cpuPlatform())
     std::printf(", instructions %s, threads %d", cpu->instructions, cpu->threads);
   std::printf("\n");
@@ -180,7 +180,7 @@ void info(const std::string& format) {
   } catch (const Failure& noDevice) {
     failure = noDevice;
   }
-  Json all = {{"facezoo", FACEZOO_VERSION}, {"platform", FACEZOO_PLATFORM}};
+  Json all = {{"facezoo", FACEZOO_VERSION_TEXT}, {"platform", FACEZOO_PLATFORM}};
   if (const auto cpu = cpuPlatform()) {
     all["instructions"] = cpu->instructions;
     all["threads"] = cpu->threads;

@@ -43,7 +43,7 @@ void occupyStandardStreams() {
 
 int runTool(int argc, char** argv) {
   CLI::App tool("Runs fixed networks for face analysis.", "facezoo");
-  tool.set_version_flag("--version", FACEZOO_VERSION);
+  tool.set_version_flag("--version", FACEZOO_VERSION_TEXT);
   tool.require_subcommand(1);
   tool.footer("Example: facezoo run DexpressionNet -w weights.msgpack face.jpg");
   addBench(tool);
