@@ -2,6 +2,7 @@
 /// Times single layers on shapes that occur in the networks, and a matrix product large enough to
 /// show what the machine can give.
 
+#include "buffer_pool.h"
 #include "layer_factory.h"
 #include "layers/cba.h"
 #include "layers/concat.h"

@@ -12,7 +12,6 @@ if(FACEZOO_PLATFORM STREQUAL host)
 endif()
 install(TARGETS ${_targets} EXPORT facezoo LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/ DESTINATION ${_headers})
-install(FILES ${PROJECT_BINARY_DIR}/include/facezoo_export.h DESTINATION ${_headers})
 install(FILES README.md DESTINATION ${_documents})
 install(DIRECTORY examples DESTINATION ${_documents})
 

@@ -6,6 +6,10 @@
 #include <fstream>
 #include <numeric>
 
+static void check(cudaError_t status) {
+  if (status != cudaSuccess) throw status;
+}
+
 int main(int argc, char** argv) try {
   constexpr int length = 512;
   static char images[2][128 * 128 * 3];
@@ -18,14 +22,14 @@ int main(int argc, char** argv) try {
   GPU gpu;
   LCNN29 net(argv[1], 2, "");
   void *input, *output;
-  CheckCuda(cudaMalloc(&input, sizeof images));
-  CheckCuda(cudaMalloc(&output, 2 * length * sizeof(float)));
-  CheckCuda(cudaMemcpy(input, images, sizeof images, cudaMemcpyHostToDevice));
+  check(cudaMalloc(&input, sizeof images));
+  check(cudaMalloc(&output, 2 * length * sizeof(float)));
+  check(cudaMemcpy(input, images, sizeof images, cudaMemcpyHostToDevice));
   float norms[2], descriptors[2][length];
   net.Forward(input, 2, static_cast<float*>(output), norms);
-  CheckCuda(cudaMemcpy(descriptors, output, sizeof descriptors, cudaMemcpyDeviceToHost));
-  CheckCuda(cudaFree(input));
-  CheckCuda(cudaFree(output));
+  check(cudaMemcpy(descriptors, output, sizeof descriptors, cudaMemcpyDeviceToHost));
+  check(cudaFree(input));
+  check(cudaFree(output));
 
   const auto dot = [&](int a, int b) {
     return std::inner_product(descriptors[a], descriptors[a] + length, descriptors[b], 0.0);

@@ -4,6 +4,10 @@
 #include <cstdio>
 #include <fstream>
 
+static void check(cudaError_t status) {
+  if (status != cudaSuccess) throw status;
+}
+
 static const struct {
   const char* name;
   int values;  // as many classes have probabilities; a single value is a measure
@@ -20,11 +24,11 @@ int main(int argc, char** argv) try {
   GPU gpu;
   GoogLeNet_FAA3ch_12tasks net(argv[1], 1, "");
   void* device;
-  CheckCuda(cudaMalloc(&device, sizeof image));
-  CheckCuda(cudaMemcpy(device, image, sizeof image, cudaMemcpyHostToDevice));
+  check(cudaMalloc(&device, sizeof image));
+  check(cudaMemcpy(device, image, sizeof image, cudaMemcpyHostToDevice));
   float results[26];
   net.Forward(device, 1, results, nullptr);
-  CheckCuda(cudaFree(device));
+  check(cudaFree(device));
 
   const float* result = results;
   for (const auto& head : heads) {

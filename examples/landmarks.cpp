@@ -4,6 +4,10 @@
 #include <cstdio>
 #include <fstream>
 
+static void check(cudaError_t status) {
+  if (status != cudaSuccess) throw status;
+}
+
 static int fail(const char* why) {
   std::fprintf(stderr, "landmarks: %s\n", why);
   return 1;
@@ -16,11 +20,11 @@ int main(int argc, char** argv) try {
   GPU gpu;
   FANet net(argv[1], 1, "");
   void* device;
-  CheckCuda(cudaMalloc(&device, sizeof image));
-  CheckCuda(cudaMemcpy(device, image, sizeof image, cudaMemcpyHostToDevice));
+  check(cudaMalloc(&device, sizeof image));
+  check(cudaMemcpy(device, image, sizeof image, cudaMemcpyHostToDevice));
   float landmarks[136], norm;
   net.Forward(device, 1, landmarks, &norm);
-  CheckCuda(cudaFree(device));
+  check(cudaFree(device));
   for (float value : landmarks) std::printf("%g\n", value);
   std::printf("norm %g\n", norm);
 } catch (const std::exception& e) {  // a damaged weight file; memory of the host

@@ -8,19 +8,22 @@
 #include <vector>
 
 using Ratings = std::array<float, 5>;
+static void check(cudaError_t status) {
+  if (status != cudaSuccess) throw status;
+}
 static Ratings rate(DexpressionNet& net, int device, const char* path) {
   std::array<char, 224 * 224> image;
   if (!std::ifstream(path, std::ios::binary).read(image.data(), image.size()))
     throw std::runtime_error(std::string(path) + ": expected 50176 bytes");
-  CheckCuda(cudaSetDevice(device));  // each thread has its own current device
+  check(cudaSetDevice(device));  // each thread has its own current device
   void* input;
-  CheckCuda(cudaMalloc(&input, image.size()));
-  CheckCuda(cudaMemcpy(input, image.data(), image.size(), cudaMemcpyHostToDevice));
+  check(cudaMalloc(&input, image.size()));
+  check(cudaMemcpy(input, image.data(), image.size(), cudaMemcpyHostToDevice));
   Ratings ratings;
   std::unique_lock<std::recursive_mutex> lock(GPU::getMutex());
   net.Forward(input, 1, ratings.data(), nullptr);
   lock.unlock();
-  CheckCuda(cudaFree(input));
+  check(cudaFree(input));
   return ratings;
 }
 

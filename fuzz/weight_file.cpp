@@ -3,6 +3,7 @@
 #include "small_network.h"
 
 #include <host_device.h>
+#include <msgpack.hpp>
 
 #include <cstdio>
 #include <sstream>

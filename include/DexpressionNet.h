@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "network.h"
+#include "facezoo/network.h"
 
 /// Classifies grey 224 × 224 face crops with two heads, mouth and eye.
 class FACEZOO_EXPORT DexpressionNet : public Network {

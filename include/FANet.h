@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "network.h"
+#include "facezoo/network.h"
 
 /// Regresses the 136 values of 68 landmarks from a colour 224 × 224 face image.
 class FACEZOO_EXPORT FANet : public Network {

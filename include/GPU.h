@@ -2,8 +2,8 @@
 /// Device selection, and the one lock that the library offers.
 #pragma once
 
-#include "errors.h"
-#include "facezoo_export.h"
+#include "facezoo/errors.h"
+#include "facezoo/export.h"
 
 #include <mutex>
 

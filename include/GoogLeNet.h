@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "network.h"
+#include "facezoo/network.h"
 
 /// Describes a grey 256 × 256 face image by 512 values: two vectors of 1024 features, one of a
 /// branch inside the trunk and one of its end, projected. `getOutputDim` is 2048, the length

@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "network.h"
+#include "facezoo/network.h"
 
 /// Describes a colour 224 × 224 face image by 1024 values: two vectors of 1024 features, one of a
 /// branch inside the trunk and one of its end, projected. `getOutputDim` is 2048, the length

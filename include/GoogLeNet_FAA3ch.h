@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "network.h"
+#include "facezoo/network.h"
 
 /// Classifies colour 224 × 224 face images with two heads, mouth and eye.
 class FACEZOO_EXPORT GoogLeNet_FAA3ch : public Network {

@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "network.h"
+#include "facezoo/network.h"
 
 /// Rates colour 224 × 224 face images with twelve heads.
 class FACEZOO_EXPORT GoogLeNet_FAA3ch_12tasks : public Network {

@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "network.h"
+#include "facezoo/network.h"
 
 /// Describes a colour 128 × 128 face image by 512 features.
 class FACEZOO_EXPORT LCNN29 : public Network {

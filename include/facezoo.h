@@ -11,5 +11,5 @@
 #include "GoogLeNet_FAA3ch.h"
 #include "GoogLeNet_FAA3ch_12tasks.h"
 #include "LCNN29.h"
-#include "errors.h"
+#include "facezoo/errors.h"
 #include "facezoo/version.h"

@@ -2,7 +2,7 @@
 /// How the classifying networks end.
 #pragma once
 
-#include "layer.h"
+#include "facezoo/layer.h"
 #include "layers/concat.h"
 #include "layers/softmax.h"
 

@@ -2,7 +2,7 @@
 /// The Inception V1 trunk of four networks, in two parts: one of them branches in between.
 #pragma once
 
-#include "layer.h"
+#include "facezoo/layer.h"
 #include "layers/lrn.h"
 #include "layers/pool.h"
 

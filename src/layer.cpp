@@ -1,6 +1,7 @@
-#include "layer.h"
+#include "facezoo/layer.h"
 
-#include "errors.h"
+#include "check.h"
+#include "facezoo/errors.h"
 
 #include <cstdio>
 #include <cstring>
@@ -45,6 +46,16 @@ bool isString(const msgpack::v1::object& value, const std::string& text) {
 }
 
 }  // namespace
+
+int LayerBase::releaseAll() {
+  if (!initialized_) return 0;
+  if (handle_ != nullptr) cudnnDestroy(handle_);  // else gone in an attempt that failed below
+  handle_ = nullptr;
+  CheckCuda(cudaFree(workspace_));
+  workspace_ = nullptr;
+  initialized_ = false;
+  return 0;
+}
 
 void LayerBase::readWeight(msgpack::v1::object& weights, std::string name, int bytes, void* dst) {
   if (weights.type != msgpack::v1::type::MAP) throw BAD_WEIGHTS;

@@ -2,7 +2,7 @@
 /// From rows of a table to the layers they describe.
 #pragma once
 
-#include "layer.h"
+#include "facezoo/layer.h"
 #include "layer_table.h"
 
 #include <string>

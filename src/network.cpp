@@ -1,6 +1,8 @@
-#include "network.h"
+#include "facezoo/network.h"
 
-#include "errors.h"
+#include "buffer_pool.h"
+#include "check.h"
+#include "facezoo/errors.h"
 #include "file_bytes.h"
 #include "layer_factory.h"
 #include "layers/l2_norm.h"

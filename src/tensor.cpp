@@ -1,4 +1,6 @@
-#include "tensor.h"
+#include "facezoo/tensor.h"
+
+#include "buffer_pool.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -10,6 +12,7 @@ bool blasCreated = false;
 
 namespace {
 
+using PoolBlock = TensorBase::PoolBlock;
 using FreeList = std::vector<PoolBlock>;
 
 /// Never destroyed, because a network may outlive the library's static objects.

@@ -53,6 +53,50 @@ use_pkg_config() { # PREFIX
   g++ -std=c++14 $warnings "$dir/application/application.cpp" -o "$dir/linked" "${flags[@]}"
   LD_LIBRARY_PATH=$(PKG_CONFIG_PATH=$path pkg-config --variable=libdir facezoo) run "$dir/linked"
 }
+# Each header stands alone, and what it defines needs nothing that the library hides. An application's
+# own files of common names are found, and its own MessagePack: any interface, with Boost or without.
+use_headers() { # PREFIX
+  local include=$1/include/facezoo own=$dir/own flags folders name order version
+  flags=$(PKG_CONFIG_PATH=$(find "$1" -name pkgconfig) pkg-config --cflags --libs facezoo)
+  mkdir -p "$own/facezoo" "$dir/boostless"
+  for name in check errors export layer network pool tensor version; do
+    echo "#define OWN_$name" | tee "$own/$name.h" >"$own/facezoo/$name.h"
+    printf '#include "%s.h"\n#ifndef OWN_%s\n#error\n#endif\n' $name $name
+  done >"$own/own.cpp"
+  sed -i '1i #define CheckCuda own\nstruct PoolBlock {};\n#include <facezoo.h>' "$own/own.cpp"
+  cat >"$own/pack.cpp" <<'EOF'
+#ifdef BEFORE
+#include <msgpack.hpp>
+#endif
+#include <facezoo.h>
+#include <msgpack.hpp>
+void pack(msgpack::sbuffer& out, Network* net) {
+  msgpack::pack(out, net->getWidth() + FACEZOO_VERSION);
+  msgpack::unpacked document = msgpack::unpack(out.data(), out.size());
+  net->openMsgPack("", document);
+}
+EOF
+  ln -s /usr/include/* "$dir/boostless"
+  rm -f "$dir/boostless/boost"
+  folders=$(g++ -E -v -xc++ /dev/null 2>&1 >/dev/null |
+    sed -n "s,^ /usr/include\$, $dir/boostless,; s,^ \(/[^ ]*\)\$,-isystem \1,p")
+  {
+    find "$include" -name '*.h' -printf "-include %P /dev/null $flags\n"
+    echo "-I$own $own/own.cpp $flags"
+    echo "$own/own.cpp $flags -I$own"
+    for version in 1 2 3; do
+      for order in BEFORE AFTER; do
+        echo "-D$order -DMSGPACK_DEFAULT_API_VERSION=$version $own/pack.cpp $flags"
+      done
+    done
+    echo "-DMSGPACK_NO_BOOST $own/pack.cpp $flags"
+    echo "-nostdinc" $folders "$own/pack.cpp $flags"
+  } | sed "s/^/g++ -xc++ -std=c++14 $warnings -fsyntax-only /" |
+    xargs -P "$(nproc)" -I{} sh -c '{} || exit 255' 2>"$dir/log" || fail "$(cat "$dir/log")"
+  # shellcheck disable=SC2086 # several words
+  echo 'int main() {}' | g++ -std=c++14 -fkeep-inline-functions -include facezoo.h -xc++ - -xnone \
+    $flags -o "$dir/kept"
+}
 refuse() { # PREFIX MESSAGE CMAKE_LINE OPTION...
   project "$3"
   ! configure "$dir/application" refused -DCMAKE_PREFIX_PATH="$1" "${@:4}" || fail "accepted: $3"
@@ -130,6 +174,7 @@ case $1 in
     use_cmake "$dir/prefix" 17
     use_pkg_config "$dir/prefix"
     compare_with_tool "$dir/cmake14/application"
+    use_headers "$dir/prefix"
     try_examples "$dir/prefix"
     catch_failures "$dir/prefix"
     refuse "$dir/prefix" 'facezoo has no components; asked for: heads' \

@@ -2,8 +2,8 @@
 /// A network of a few layers, for tests that need thousands of constructions.
 #pragma once
 
+#include "facezoo/network.h"
 #include "layers/softmax.h"
-#include "network.h"
 #include "network_table.h"
 
 #include <string>

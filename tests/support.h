@@ -2,9 +2,11 @@
 /// What every test needs: weights in memory, values in and out of tensors, a clean device.
 #pragma once
 
-#include "layer.h"
+#include "buffer_pool.h"
+#include "facezoo/layer.h"
 
 #include <gtest/gtest.h>
+#include <msgpack.hpp>
 
 #include <cstdint>
 #include <cstdio>

@@ -7,7 +7,11 @@
 
 namespace {
 std::unique_ptr<Network> kept;
+
+void check(cudaError_t status) {
+  if (status != cudaSuccess) throw status;
 }
+}  // namespace
 
 extern "C" void* makeNetwork(const char* weightFile) {
   return static_cast<Network*>(new DexpressionNet(weightFile, 1, ""));
@@ -18,10 +22,10 @@ extern "C" void callNetwork(void* opaque) {
   const std::vector<std::uint8_t> image(std::size_t{1} * network.getWidth() * network.getHeight());
   std::vector<float> results(network.getOutputDim());
   void* images = nullptr;
-  CheckCuda(cudaMalloc(&images, image.size()));
-  CheckCuda(cudaMemcpy(images, image.data(), image.size(), cudaMemcpyHostToDevice));
+  check(cudaMalloc(&images, image.size()));
+  check(cudaMemcpy(images, image.data(), image.size(), cudaMemcpyHostToDevice));
   network.Forward(images, 1, results.data(), nullptr);
-  CheckCuda(cudaFree(images));
+  check(cudaFree(images));
 }
 
 /// Leaves it to the plugin's end.

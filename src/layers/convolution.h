@@ -4,7 +4,7 @@
 #pragma once
 
 #include "convolution_query.h"
-#include "layer.h"
+#include "facezoo/layer.h"
 #include "layers/handles.h"
 
 #include <string>

@@ -1,8 +1,8 @@
 /// @file
 #pragma once
 
+#include "facezoo/layer.h"
 #include "kernels/eltwise.h"
-#include "layer.h"
 
 /// Max feature map (Wu et al., "A light CNN for deep face representation with noisy labels", 2018):
 /// output channel c is the larger of the input's channels c and c + C / 2. A NaN in the first half

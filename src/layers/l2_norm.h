@@ -1,8 +1,8 @@
 /// @file
 #pragma once
 
+#include "facezoo/layer.h"
 #include "kernels/l2_norm.h"
-#include "layer.h"
 
 /// The Euclidean norm of each image's whole activation. Nothing is divided by it; the input stays.
 ///

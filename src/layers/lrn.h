@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "layer.h"
+#include "facezoo/layer.h"
 #include "layers/handles.h"
 
 /// Local response normalization across channels (Krizhevsky et al., "ImageNet classification with

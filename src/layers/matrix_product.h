@@ -3,7 +3,8 @@
 /// input or output, and their product with a batch.
 #pragma once
 
-#include "layer.h"
+#include "buffer_pool.h"
+#include "facezoo/layer.h"
 #include "layers/handles.h"
 
 #include <string>

@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "layer.h"
+#include "facezoo/layer.h"
 #include "layers/handles.h"
 
 /// Rectified linear unit (Nair and Hinton, 2010): y = max(0, x); NaN stays NaN. The shape stays.

@@ -1,7 +1,7 @@
 /// @file
 #pragma once
 
-#include "layer.h"
+#include "facezoo/layer.h"
 #include "layers/handles.h"
 
 /// Softmax (Bridle, 1990) over the channels of every image and position:

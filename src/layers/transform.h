@@ -1,8 +1,8 @@
 /// @file
 #pragma once
 
+#include "facezoo/layer.h"
 #include "kernels/transform.h"
-#include "layer.h"
 #include "layers/handles.h"
 
 #include <string>

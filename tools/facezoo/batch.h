@@ -3,7 +3,7 @@
 #pragma once
 
 #include "devices.h"
-#include "network.h"
+#include "facezoo/network.h"
 #include "network_table.h"
 
 #include <chrono>

@@ -1,7 +1,7 @@
 #include "failure.h"
 
 #include "check.h"
-#include "errors.h"
+#include "facezoo/errors.h"
 
 #include <unistd.h>
 

@@ -2,7 +2,7 @@
 /// The networks by class name.
 #pragma once
 
-#include "network.h"
+#include "facezoo/network.h"
 #include "network_table.h"
 
 #include <functional>

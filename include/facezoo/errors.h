@@ -4,7 +4,11 @@
 /// and `cublasStatus_t`. docs/failures.md lists every case.
 #pragma once
 
-#include "facezoo_export.h"
+#include "export.h"
+
+#include <cublas_v2.h>
+#include <cuda_runtime.h>
+#include <cudnn.h>
 
 /// No CUDA device satisfies the selection test of `GPU`.
 enum FACEZOO_EXPORT GPUError : int {

@@ -2,11 +2,11 @@
 /// The base of every layer and network, and the holder in which networks keep their layers.
 #pragma once
 
-#include "facezoo_export.h"
+#include "export.h"
+#include "message_pack.h"
 #include "tensor.h"
 
 #include <cudnn.h>
-#include <msgpack.hpp>
 
 #include <cstddef>
 #include <string>
@@ -43,15 +43,7 @@ class FACEZOO_EXPORT LayerBase {
   /// destructor does it without a throw; a constructor that fails before its network counts leaves
   /// it to the host or to the next network.
   /// @return 0; @throws cudaError if the workspace cannot be released, and stays
-  static int releaseAll() {
-    if (!initialized_) return 0;
-    if (handle_ != nullptr) cudnnDestroy(handle_);  // else gone in an attempt that failed below
-    handle_ = nullptr;
-    CheckCuda(cudaFree(workspace_));
-    workspace_ = nullptr;
-    initialized_ = false;
-    return 0;
-  }
+  static int releaseAll();
 
   static cudnnHandle_t handle_;  ///< of all layers; null while there is no shared context
   static void* workspace_;       ///< device memory, `workspaceSize` bytes
