@@ -1,6 +1,15 @@
 // Threads that share networks by the rules of docs/threads.md.
 #include "GPU.h"
 #include "calls.h"
+#include "layer_factory.h"
+#include "layers/concat.h"
+#include "layers/eltwise.h"
+#include "layers/l2_norm.h"
+#include "layers/lrn.h"
+#include "layers/pool.h"
+#include "layers/relu.h"
+
+#include <omp.h>
 
 #include <future>
 #include <mutex>
@@ -73,6 +82,76 @@ TEST_F(ThreadTest, GetFromLargeNetworksWhatOneThreadGets) {
   std::vector<Served> networks;
   for (const int i : {0, 2, 4, 7}) networks.push_back({networkKinds[i], 2});
   callFromEightThreads(std::move(networks), repetitions("FACEZOO_THREAD_CALLS", 4));
+}
+
+/// The result of one layer, of a kind that spreads its work over threads, on a tensor of its own.
+struct LayerCase {
+  const char* what;
+  int4 shape;
+  std::function<Tensor(const Tensor&)> run;
+};
+
+/// A layer with seeded weights.
+LayerCase withWeights(const LayerRow& row, int4 shape) {
+  Document document;
+  forEachWeight(std::array<LayerRow, 1>{row}, "",
+                [&](const std::string& name, std::size_t elements, auto&&...) {
+                  document.add(name, seededValues(elements, 1, 0.5, 1));
+                });
+  const std::shared_ptr<LayerBase> layer(createLayer(row, "", document.root()));
+  return {row.name, shape, [layer](const Tensor& x) { return (*layer)(x); }};
+}
+
+// A host's own team of OpenMP's threads: what a call finds there is no team of its own, whatever
+// the number of the thread that makes it.
+TEST_F(ThreadTest, GetInATeamOfTheHostsWhatOneThreadGets) {
+  preparePool(1 << 20, 8);
+  const LayerCase cases[] = {
+      {"small maxima", {1, 4, 9, 9}, [](auto& x) { return MaxPooling()(x, 3, 2, 0); }},
+      {"small averages", {1, 4, 9, 9}, [](auto& x) { return AveragePooling()(x, 3, 1, 1); }},
+      {"maxima", {1, 9, 50, 50}, [](auto& x) { return MaxPooling()(x, 3, 2, 0); }},
+      {"normalization across channels",
+       {2, 8, 40, 40},
+       [](auto& x) { return LocalResponseNormalization()(x, 5, 1e-4F, 0.75F, 1); }},
+      {"rectified", {1, 8, 60, 60}, [](auto& x) { return Relu()(x); }},
+      {"softmax", {1, 8, 60, 60}, [](auto& x) { return Softmax()(x); }},
+      {"larger halves", {1, 8, 60, 60}, [](auto& x) { return SliceEltwiseMax()(x); }},
+      {"sum", {1, 8, 60, 60}, [](auto& x) { return EltwiseSum()(x, x); }},
+      {"joined",
+       {2, 8, 60, 60},
+       [](auto& x) {
+         return Concat()({x, x});
+       }},
+      {"norm", {9, 512, 6, 6}, [](auto& x) { return L2Norm()(x); }},
+      withWeights(batchNormalization("bn", 8), {1, 8, 60, 60}),
+      withWeights(innerProduct("fc", 600, 70, withBias), {3, 600, 1, 1}),
+      withWeights(fusedConvolution("panels", 9, 17, 1, 1, noPadding), {1, 9, 33, 33}),
+      withWeights(fusedConvolution("strided panels", 3, 17, 7, 2, samePadding), {2, 3, 33, 33}),
+      withWeights(fusedConvolution("shared tiles", 9, 17, 3, 1, samePadding), {1, 9, 33, 33}),
+      withWeights(fusedConvolution("tiles of each", 9, 17, 5, 1, samePadding), {4, 9, 60, 60}),
+      withWeights(convolution("plain", 9, 17, 3, 1, samePadding, withBias), {1, 9, 33, 33})};
+  const int levels = omp_get_max_active_levels(), dynamic = omp_get_dynamic();
+  for (const auto& [what, shape, run] : cases) {
+    const std::vector<float> values =
+        seededValues(std::size_t{1} * shape.x * shape.y * shape.z * shape.w, 2);
+    const auto result = [&, &shape = shape, &run = run] {
+      return download(run(upload(values, shape)));
+    };
+    const std::vector<float> expected = result();
+    for (const auto& [nested, adjusted] : {std::pair(1, 0), {2, 0}, {2, 1}}) {
+      omp_set_max_active_levels(nested);
+      omp_set_dynamic(adjusted);
+      int wrong = 0;
+#pragma omp parallel num_threads(16) reduction(+ : wrong)
+      {
+        const Lock lock(GPU::getMutex());
+        wrong += result() != expected;
+      }
+      EXPECT_EQ(0, wrong) << what << ", " << nested << " levels, adjusted: " << adjusted;
+    }
+  }
+  omp_set_max_active_levels(levels);
+  omp_set_dynamic(dynamic);
 }
 
 #if FACEZOO_SIMULATED

@@ -67,23 +67,34 @@ inline bool areMapped(const cudnnTensorStruct* xDesc, const void* x, const cudnn
   return isSet(xDesc) && isSet(yDesc) && isDevice(x, xDesc->bytes()) && isDevice(y, yDesc->bytes());
 }
 
-/// Calls body(begin, end) for ranges that make up [0, count): one for each thread, or a single one
-/// when there is less to do than it takes to wake the threads.
+/// The most workers that one of this thread's calls of `forWorkers` has.
+inline std::size_t mostWorkers() { return omp_get_max_threads(); }
+
+/// Calls body(worker, begin, end) for ranges that make up [0, count): one for each thread, or a
+/// single one when there is less to do than it takes to wake the threads. Workers are numbered from
+/// 0; the number of the calling thread says nothing of them, as it may be one of a host's own team.
 ///
 /// @param work values that each of the `count` items has
 template <class Body>
-void forRanges(std::size_t count, std::size_t work, const Body& body) {
+void forWorkers(std::size_t count, std::size_t work, const Body& body) {
   constexpr std::size_t enough = 16384;
   if (count < 2 || count * work < enough) {
-    body(std::size_t{0}, count);
+    body(std::size_t{0}, std::size_t{0}, count);
     return;
   }
 #pragma omp parallel
   {
     const std::size_t threads = omp_get_num_threads(), thread = omp_get_thread_num();
     const Range own = part(count, thread, threads);
-    if (own.begin < own.end) body(own.begin, own.end);
+    if (own.begin < own.end) body(thread, own.begin, own.end);
   }
+}
+
+/// The same for a body(begin, end) that needs nothing of its own.
+template <class Body>
+void forRanges(std::size_t count, std::size_t work, const Body& body) {
+  forWorkers(count, work,
+             [&](std::size_t /*worker*/, std::size_t begin, std::size_t end) { body(begin, end); });
 }
 
 template <class Body>

@@ -1,8 +1,6 @@
 /// @file
 /// Pooling. Windows may overhang the padded input at the bottom and at the right.
 #include <cudnn.h>
-#include <omp.h>
-
 #include <cstring>
 #include <limits>
 #include <type_traits>
@@ -248,17 +246,17 @@ cudnnStatus_t cudnnPoolingForward(cudnnHandle_t handle, cudnnPoolingDescriptor_t
     const std::size_t xPlane = std::size_t{1} * xDesc->h * xDesc->w;
     const std::size_t yPlane = std::size_t{1} * yDesc->h * yDesc->w;
     std::vector<float>&scratch = handle->poolingScratch, &columnCounts = handle->columnCounts;
-    const std::size_t needed = omp_get_max_threads() * plan.scratch();
+    const std::size_t needed = mostWorkers() * plan.scratch();
     if (scratch.size() < needed) scratch.resize(needed);
     columnCounts.resize(horizontal.output);
     for (int j = 0; j < horizontal.output; ++j) columnCounts[j] = horizontal.positions(j);
-    forRanges(planes, xPlane,
-              [&, rows = scratch.data(), counts = columnCounts.data()](std::size_t begin,
-                                                                       std::size_t end) {
-                pool(plan, end - begin, static_cast<const float*>(x) + begin * xPlane,
-                     static_cast<float*>(y) + begin * yPlane, counts,
-                     rows + omp_get_thread_num() * plan.scratch());
-              });
+    forWorkers(planes, xPlane,
+               [&, rows = scratch.data(), counts = columnCounts.data()](
+                   std::size_t worker, std::size_t begin, std::size_t end) {
+                 pool(plan, end - begin, static_cast<const float*>(x) + begin * xPlane,
+                      static_cast<float*>(y) + begin * yPlane, counts,
+                      rows + worker * plan.scratch());
+               });
     return CUDNN_STATUS_SUCCESS;
   });
 }
