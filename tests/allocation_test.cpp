@@ -172,6 +172,7 @@ Ending growWith(const NetworkKind& kind, std::size_t k) {
 }
 
 TEST(FirstAllocations, LeaveTheLivingAlone) {
+  host_device::keepAfterFork(true);
   seededFile(smallNetwork);
   for (const auto& [kind, step] :
        {std::pair{networkKinds[0], kStep}, {networkKinds[2], 100 * kStep}}) {

@@ -11,6 +11,9 @@
 
 #include <omp.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <future>
 #include <mutex>
 #include <thread>
@@ -188,6 +191,29 @@ TEST_F(ThreadTest, WorkOnTheDeviceThatTheySelectAndElseOnTheFirst) {
   }
   GPUProbe::chosen() = chosenBefore;
   host_device::restoreDefaultDevices();
+}
+
+TEST_F(ThreadTest, AreNotWaitedForAfterAFork) {
+  const auto network =
+      std::unique_ptr<Network>(networkKinds[0].construct(seededFile(networkKinds[0].table), 1));
+  ForwardCall call{networkKinds[0].table, 1};
+  const std::vector<float> expected = call.results(*network, 1);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(30);
+    testing::internal::CaptureStderr();
+    const cudaError failing[] = {
+        thrownBy<cudaError>([&] { call(*network, 1); }),
+        thrownBy<cudaError>([] { smallKind.construct(seededFile(smallNetwork), 1); })};
+    for (const cudaError status : failing) EXPECT_EQ(cudaErrorInitializationError, status);
+    const std::string lines = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(2, std::count(lines.begin(), lines.end(), '\n')) << lines;
+    _exit(HasFailure() ? 1 : 0);
+  }
+  int status = -1;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
+  EXPECT_EQ(expected, call.results(*network, 1));
 }
 
 #endif

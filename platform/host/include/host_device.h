@@ -67,6 +67,10 @@ Live live();
 /// what nobody wrote shows in the results.
 void poisonFreshMemory(bool on);
 
+/// Lets a forked process go on with what its parent had. It must be the work of one thread, before
+/// and after the fork. Otherwise every call in it fails, as on a card.
+void keepAfterFork(bool on);
+
 /// What convolutions and matrix products are computed with. At load it is the best set of this
 /// machine: AVX2 stands for AVX2 and FMA, AVX-512 for its foundation.
 enum class InstructionSet { baseline, avx2, avx512 };

@@ -2,6 +2,8 @@
 
 #include "host_device.h"
 
+#include <pthread.h>
+
 #include <mutex>
 #include <utility>
 
@@ -24,7 +26,28 @@ Watch& watch() {
   return instance;
 }
 
-void refresh(const Watch& w) { detail::instrumented = w.faulty || w.observer; }
+/// What a forked process hears of every call if the platform was in use before the fork: it has the
+/// memory, but neither the threads nor the state of the locks. A card's runtime answers the same.
+constexpr detail::InjectedStatus kForked = {
+    cudaErrorInitializationError, CUDNN_STATUS_NOT_INITIALIZED, CUBLAS_STATUS_NOT_INITIALIZED};
+std::atomic<bool> forked{false}, expectsForks{false}, keepsAfterFork{false};
+
+void noteFork() {
+  if (keepsAfterFork) return;
+  forked = true;
+  detail::instrumented = true;
+}
+
+/// Called under the lock.
+void expectForks() {
+  if (expectsForks) return;
+  if (pthread_atfork(nullptr, nullptr, noteFork) != 0) throw std::bad_alloc();
+  expectsForks = true;
+}
+
+void refresh(const Watch& w) {
+  detail::instrumented = !expectsForks || forked || w.faulty || w.observer;
+}
 
 thread_local bool insideObserver = false;
 
@@ -44,12 +67,15 @@ void tell(const Watch& w, const char* name, std::initializer_list<std::int64_t> 
 
 namespace detail {
 
-std::atomic<bool> instrumented{false};
+std::atomic<bool> instrumented{true};  // until the first call has prepared for forks
 
 const InjectedStatus* record(const char* name, std::initializer_list<std::int64_t> arguments) {
+  if (forked) return &kForked;
   if (insideObserver) return nullptr;
   Watch& w = watch();
   const std::lock_guard<std::recursive_mutex> lock(w.mutex);
+  expectForks();
+  refresh(w);
   tell(w, name, arguments);
   if (!w.faulty || (!w.fault.name.empty() && w.fault.name != name)) return nullptr;
   ++w.counted;
@@ -62,6 +88,7 @@ const InjectedStatus* record(const char* name, std::initializer_list<std::int64_
 
 void recordReport(const char* name) {
   if (__builtin_expect(!instrumented.load(std::memory_order_relaxed), 1) || insideObserver) return;
+  if (forked) return;
   Watch& w = watch();
   const std::lock_guard<std::recursive_mutex> lock(w.mutex);
   tell(w, name, {});
@@ -93,6 +120,8 @@ void clearFault() {
   w.faulty = false;
   refresh(w);
 }
+
+void keepAfterFork(bool on) { keepsAfterFork = on; }
 
 std::vector<std::string> raisedFaults() {
   Watch& w = watch();
