@@ -146,6 +146,29 @@ class ToolTest(ToolCase):
             self.assertRegex(run.communicate(timeout=60)[1], rf"\Afacezoo: [^\n]*{word}[^\n]*\n\Z")
             self.assertEqual((1, ["face.jpg", "good", "many"]), (run.returncode, sorted(os.listdir())))
 
+    def test_writes_files_of_its_own(self):
+        """Neither what stands beside a file nor what has its name is written to before its time."""
+        good, umask = Path("good").read_bytes(), os.umask(0)
+        os.umask(umask)
+        synth, longest = ("weights", "synth", NET, "--seed", "7", "-o"), "n" * 255
+        Path("victim").write_text("mine")
+        Path("replaced").write_text("old")
+        os.chmod("replaced", 0o640)
+        os.link("replaced", "linked")
+        os.symlink("replaced", "link")
+
+        def plant():  # at the name that the number of the process foretells
+            os.symlink("victim", f"new.{os.getpid()}.part")
+        for name, mode in (("new", 0o666 & ~umask), (longest, 0o666 & ~umask), ("link", 0o640)):
+            with self.subTest(name):
+                self.call(*synth, name, preexec_fn=plant if name == "new" else None)
+                found = Path(name).read_bytes() == good, os.stat(name).st_mode & 0o777
+                self.assertEqual((True, mode), found)
+        self.assertEqual(("mine", "old", True), (
+            Path("victim").read_text(), Path("linked").read_text(),
+            os.path.islink("link")))
+        self.assertEqual(1, len(glob.glob("*.part")))
+
     def test_shows_progress_on_a_terminal(self):
         Path("many").write_text("face.jpg\n" * 9)
         run = *f"run {NET} -w good --list many --features f.npy".split(),

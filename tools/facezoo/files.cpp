@@ -2,6 +2,8 @@
 
 #include "failure.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 #include <climits>
 #include <csignal>
 #include <filesystem>
+#include <random>
 #include <string_view>
 #include <system_error>
 
@@ -52,6 +55,24 @@ char* noteTemporary(const std::string& name) {
     return slot.data();
   }
   throw Failure(name + ": too many files are being written");
+}
+
+/// A name in the folder of `path` that nobody can foresee, short enough beside any other.
+std::string temporaryBeside(const fs::path& path) {
+  constexpr char digits[] = "0123456789abcdefghijklmnopqrstuv";
+  std::random_device device;
+  std::string name = "facezoo-";
+  for (int i = 0; i < 12; ++i) name += digits[device() % 32];
+  return (path.parent_path() / (name + ".part")).string();
+}
+
+/// Gives `file` the owner and permissions of the one whose place it takes, if there is one.
+void takeOver(const std::string& path, int file) {
+  struct stat before;
+  if (stat(path.c_str(), &before) != 0) return;
+  // Only root may change the owner, who has more to lose than to gain by failing here.
+  if (fchown(file, before.st_uid, before.st_gid) != 0) errno = 0;
+  if (fchmod(file, before.st_mode & 0777) != 0) errno = 0;
 }
 
 }  // namespace
@@ -107,15 +128,23 @@ NewFile::NewFile(const std::string& path) : name_(path), buffer_(name_), stream_
   if (fs::is_directory(status)) throw Failure(path + ": expected a file name, found a directory");
   if (fs::exists(status) && !fs::is_regular_file(status))
     throw Failure(path + ": exists and is not a regular file");
-  temporary_ = noteTemporary(path_ + "." + std::to_string(getpid()) + ".part");
+  temporary_ = noteTemporary(temporaryBeside(path_));
   stream_.exceptions(std::ios::badbit | std::ios::failbit);  // passes on what the buffer throws
   errno = 0;
-  if (buffer_.open(temporary_, std::ios::out | std::ios::binary) != nullptr) return;
+  // A file that takes the place of another may not be read by more than that one until it does.
+  const mode_t mode = fs::exists(status) ? 0600 : 0666;
+  file_ = open(temporary_, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (file_ >= 0 && buffer_.open(temporary_, std::ios::out | std::ios::binary) != nullptr) return;
+  const int why = errno;
+  if (file_ >= 0) unlink(temporary_);
+  if (file_ >= 0) ::close(file_);
   temporary_[0] = '\0';
+  errno = why;
   refuse(name_);
 }
 
 NewFile::~NewFile() {
+  ::close(file_);
   if (temporary_ == nullptr) return;
   unlink(temporary_);
   temporary_[0] = '\0';
@@ -124,11 +153,14 @@ NewFile::~NewFile() {
 std::string NewFile::close() {
   errno = 0;
   if (buffer_.is_open() && buffer_.close() == nullptr) refuse(name_);
+  // Some file systems have nothing to synchronize.
+  if (fsync(file_) != 0 && errno != EINVAL && errno != ENOSYS) refuse(name_);
   return temporary_;
 }
 
 void NewFile::keep() {
   close();
+  takeOver(path_, file_);
   std::error_code error;
   fs::rename(temporary_, path_, error);
   if (error) throw Failure(name_ + ": cannot be written: " + error.message());

@@ -13,10 +13,12 @@ facezoo::FileBytes readFile(const std::string& path);
 /// in one line, and output that nobody takes is a failure like any other.
 void handleSignals();
 
-/// A file that appears under its name only when it is complete.
+/// A file that appears under its name only when it is complete and on the disk. What had the name
+/// before is replaced, so that another hard link to it keeps its contents; owner and permissions are
+/// kept as far as they may be. What a symbolic link points to is replaced, not the link.
 class NewFile {
  public:
-  /// Opens a temporary file beside `path`. @throws Failure
+  /// Opens a temporary file of a random name beside `path`, one that did not exist. @throws Failure
   explicit NewFile(const std::string& path);
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
@@ -47,6 +49,7 @@ class NewFile {
 
   std::string name_;           ///< as the user says it
   std::string path_;           ///< behind all links
+  int file_ = -1;              ///< the temporary file, for what a stream cannot do
   char* temporary_ = nullptr;  ///< its name, where a signal handler finds it
   Buffer buffer_;
   std::ostream stream_;
