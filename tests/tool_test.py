@@ -56,7 +56,7 @@ class ToolTest(ToolCase):
         self.assertIn("threads 1\n", text)
         for name, field, values in (
                 ("libraries", "verdict", ["supported", "not needed", "supported", "supported"]),
-                ("devices", "verdict", ["chosen"]), ("environment", "value", [":16:8", "1"])):
+                ("devices", "verdict", ["chosen"]), ("environment", "value", [":16:8", "1", "1000"])):
             self.assertEqual(values, [row[field] for row in found[name]])
         self.assertEqual((1, 8), (found["threads"], len(found["networks"])))
 

@@ -135,6 +135,8 @@ constexpr Variable kVariables[] = {
     // OpenMP API, "Environment Variables"
     {"OMP_NUM_THREADS", "threads of the CPU platform"},
     {"OMP_THREAD_LIMIT", "most threads of the CPU platform"},
+    {"OMP_WAIT_POLICY", "how its threads wait for each other; the tool bounds it unless set"},
+    {"GOMP_SPINCOUNT", "turns that they wait before they sleep; 1000 is the tool's bound"},
 };
 
 Json environment() {
