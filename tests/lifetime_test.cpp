@@ -68,5 +68,15 @@ TEST(LibraryUnload, LeavesNothingAndIsOutlived) {
   }
 }
 
+// Whoever brings the calls of the GPU libraries keeps them, and so does the library.
+TEST(LibraryUnload, KeepsItsPlatformWhereAnotherHasTheNames) {
+  for (const char* stub : {NAMES_STUB, VERSIONED_NAMES_STUB})
+    for (const char* order : {" 0 before ", " 0 after "}) {
+      const std::string command = std::string("OMP_NUM_THREADS=1 " UNLOAD_COMMAND " ") +
+                                  seededFile(dexpressionNet) + order + stub;
+      EXPECT_EQ(0, std::system(command.c_str())) << command;
+    }
+}
+
 }  // namespace
 }  // namespace facezoo::test

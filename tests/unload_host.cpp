@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 /// Descriptors that stay when the library goes, on purpose: see `classWide`.
@@ -21,10 +22,22 @@ Function* symbol(void* plugin, const char* name) {
   return reinterpret_cast<Function*>(dlsym(plugin, name));
 }
 
+/// Whether the library's calls are those that the process finds.
+bool takesNames(const char* library) {
+  if (dlopen(library, RTLD_NOW | RTLD_GLOBAL) == nullptr) return false;
+  const auto call = symbol<int()>(RTLD_DEFAULT, "cudaMalloc");
+  return call != nullptr && call() == 35;
+}
+
 }  // namespace
 
-int main(int, char** arguments) {
+int main(int count, char** arguments) {
   const char* const file = arguments[1];
+  if (count > 4) {
+    const bool after = std::strcmp(arguments[4], "after") == 0;
+    if (after && dlopen(file, RTLD_LAZY | RTLD_GLOBAL) == nullptr) return std::puts(dlerror());
+    if (!takesNames(arguments[5])) return std::puts("names not taken");
+  }
   for (int unloads = std::atoi(arguments[3]);; --unloads) {
     void* const plugin = dlopen(file, RTLD_NOW);
     if (plugin == nullptr) return std::puts(dlerror());

@@ -3,8 +3,6 @@
 /// cuBLAS 10. Matrices are column-major, 32-bit float, in device memory; scalars in host memory.
 #pragma once
 
-extern "C" {
-
 typedef enum {
   CUBLAS_STATUS_SUCCESS = 0,
   CUBLAS_STATUS_NOT_INITIALIZED = 1,
@@ -37,4 +35,3 @@ cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
                               cublasOperation_t transb, int m, int n, int k, const float* alpha,
                               const float* A, int lda, const float* B, int ldb, const float* beta,
                               float* C, int ldc);
-}

@@ -3,7 +3,9 @@
 ///
 /// Names, signatures, enumerators and numeric values are those of CUDA 10.1 and later. A call that
 /// is not declared here is not used by the library and does not exist on this platform.
-/// Differences from the real runtime are listed in platform/host/README.md.
+/// Differences from the real runtime are listed in platform/host/README.md. One of them: here the
+/// GPU libraries' calls have C++ linkage, so that their symbols are never taken for those of the
+/// real libraries, nor the other way round, where a process has both.
 #pragma once
 
 #include <cstddef>
@@ -13,8 +15,6 @@
 #define __device__
 #define __global__
 // NOLINTEND(bugprone-reserved-identifier)
-
-extern "C" {
 
 enum cudaError {
   cudaSuccess = 0,
@@ -78,7 +78,6 @@ cudaError_t cudaMemcpy2D(void* destination, size_t destinationPitch, const void*
 /// `function` is the entry that platform/host/internal/device_code.h makes for a kernel.
 cudaError_t cudaLaunchKernel(const void* function, dim3 grid, dim3 block, void** arguments,
                              size_t sharedBytes, cudaStream_t stream);
-}
 
 template <class T>
 inline cudaError_t cudaMalloc(T** pointer, size_t bytes) {

@@ -6,8 +6,6 @@
 
 #include <cstddef>
 
-extern "C" {
-
 typedef enum {
   CUDNN_STATUS_SUCCESS = 0,
   CUDNN_STATUS_NOT_INITIALIZED = 1,
@@ -162,4 +160,3 @@ cudnnStatus_t cudnnSoftmaxForward(cudnnHandle_t handle, cudnnSoftmaxAlgorithm_t 
                                   cudnnSoftmaxMode_t mode, const void* alpha,
                                   cudnnTensorDescriptor_t xDesc, const void* x, const void* beta,
                                   cudnnTensorDescriptor_t yDesc, void* y);
-}

@@ -1,0 +1,26 @@
+// What a host may bring along under the names of the GPU libraries: every call fails, as it does
+// where a driver is missing.
+#define FAILS(name) \
+  extern "C" int name() { return 35; }
+
+FAILS(cudaGetDeviceCount)
+FAILS(cudaGetDeviceProperties)
+FAILS(cudaSetDevice)
+FAILS(cudaMalloc)
+FAILS(cudaFree)
+FAILS(cudaMemcpy)
+FAILS(cudaMemcpy2D)
+FAILS(cudaMemset)
+FAILS(cudaLaunchKernel)
+FAILS(cudnnCreate)
+FAILS(cudnnDestroy)
+FAILS(cudnnCreateTensorDescriptor)
+FAILS(cudnnSetTensor4dDescriptor)
+FAILS(cudnnConvolutionBiasActivationForward)
+FAILS(cudnnPoolingForward)
+FAILS(cudnnLRNCrossChannelForward)
+FAILS(cudnnSoftmaxForward)
+FAILS(cublasCreate_v2)
+FAILS(cublasDestroy_v2)
+FAILS(cublasSgemm_v2)
+FAILS(cublasSgemv_v2)
