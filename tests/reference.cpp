@@ -159,14 +159,17 @@ Image4 sliceMax(const Image4& x) {
 
 namespace {
 
-using Weights = std::map<std::string, std::vector<float>>;
+using Weights = Chain::Weights;
 using Sizes = std::vector<double>;
 constexpr double pixels = 60;  // the scale of most activations
 
 const std::vector<float>& get(Weights& weights, const std::string& name, int count, double low,
                               double high) {
   const auto [entry, added] = weights.try_emplace(name);
-  if (added) entry->second = seededValues(count, static_cast<unsigned>(weights.size()), low, high);
+  if (added) {
+    const auto own = static_cast<unsigned>(weights.size());
+    entry->second = seededValues(count, 1000 * weights.seed + own, low, high);
+  }
   return entry->second;
 }
 

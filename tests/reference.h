@@ -51,7 +51,10 @@ Image4 sliceMax(const Image4& x);
 /// Chains of layers on seeded weights that are made when first asked for. They suit their input, so
 /// that each layer and each branch matters to the results, however deep.
 struct Chain {
-  std::map<std::string, std::vector<float>> weights;
+  struct Weights : std::map<std::string, std::vector<float>> {
+    unsigned seed = 0;  ///< other values for another seed
+  };
+  Weights weights;
   std::map<std::string, Image4> kept;  ///< what "set", "join" and "norm" leave
 
   /// @param steps "layer:NAME sizes", separated by ';'; the definition knows the layers
