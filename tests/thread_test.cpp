@@ -11,9 +11,11 @@
 
 #include <omp.h>
 
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -197,6 +199,41 @@ TEST_F(ThreadTest, WorkOnTheDeviceThatTheySelectAndElseOnTheFirst) {
   GPUProbe::chosen() = chosenBefore;
   host_device::restoreDefaultDevices();
 }
+
+#ifndef FACEZOO_SANITIZED  // which needs stack of its own
+/// Bytes of stack that `action` takes on a thread of its own.
+std::size_t stackOf(const std::function<void()>& action) {
+  constexpr unsigned char untouched = 0xA5;
+  std::vector<unsigned char> stack(std::size_t{1} << 20, untouched);
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstack(&attributes, stack.data(), stack.size());
+  const auto start = [](void* argument) -> void* {
+    (*static_cast<const std::function<void()>*>(argument))();
+    return nullptr;
+  };
+  pthread_t thread;
+  EXPECT_EQ(0, pthread_create(&thread, &attributes, start,
+                              const_cast<void*>(static_cast<const void*>(&action))));
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+  return stack.end() - std::find_if(stack.begin(), stack.end(),
+                                    [](unsigned char byte) { return byte != untouched; });
+}
+
+TEST_F(ThreadTest, NeedLittleStack) {
+  for (const NetworkKind& kind : networkKinds) {
+    ForwardCall call{kind.table, 2};
+    const std::unique_ptr<Network> network(kind.construct(seededFile(kind.table), 2));
+    const std::size_t none = stackOf([] {});
+    // The first call sets the layers up, the second does not.
+    for (const int batch : {1, 1, 2}) {
+      const std::size_t used = stackOf([&] { call(*network, batch); });
+      EXPECT_GT(std::size_t{32} << 10, used - none) << kind.table.name << ", batch " << batch;
+    }
+  }
+}
+#endif
 
 TEST_F(ThreadTest, AreNotWaitedForAfterAFork) {
   const auto network =

@@ -184,7 +184,7 @@ class Pass {
     apart_ = panelFloats * sizeof(float) <= kPanelBytes &&
              filterFloats(problem) * sizeof(float) <= kFilterBytes &&
              vectors_ >= kVectorsApart * threads_ &&
-             threads_ * inputFloats(problem, widest_) <= room;
+             threads_ * apartFloats(problem, widest_) <= room;
     if (apart_) {
       chunk_ = widest_;
     } else {
@@ -198,7 +198,7 @@ class Pass {
     // An odd number of cache lines, lest all frequencies compete for the same places in the cache.
     frequencyStride_ = (linesOf(problem, chunk_) | 1) * Scratch::line;
     inputs_ = scratch.take(inputFloats(problem, chunk_) * (apart_ ? threads_ : 1));
-    products_ = scratch.take(0);
+    products_ = scratch.take(apart_ ? productFloats() * threads_ : 0);
   }
 
   static std::size_t filterFloats(const Problem& problem) {
@@ -219,7 +219,8 @@ class Pass {
       const std::size_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
       if (apart_) {
         runApart(part(vectors_, thread, threads),
-                 inputs_ + thread * kFrequencies * frequencyStride_);
+                 inputs_ + thread * kFrequencies * frequencyStride_,
+                 products_ + thread * productFloats());
       } else {
         for (std::size_t begin = 0; begin < vectors_; begin += chunk_) {
           const Range chunk = {begin, std::min(begin + chunk_, vectors_)};
@@ -254,6 +255,15 @@ class Pass {
     return kFrequencies * (linesOf(problem, vectors) + 1) * Scratch::line;
   }
 
+  /// The products of one panel that a thread of its own has at a time.
+  static std::size_t productFloats() {
+    return kGroupsAtOnce * vectorCode().rows * kFrequencies * kWidest * vectorCode().lanes;
+  }
+  /// What a thread needs for panels of its own.
+  static std::size_t apartFloats(const Problem& problem, std::size_t vectors) {
+    return inputFloats(problem, vectors) + productFloats();
+  }
+
   std::size_t panelCount(Range chunk) const { return dividedUp(chunk.end - chunk.begin, widest_); }
   Panel panel(Range chunk, std::size_t index) const {
     const Range own = part(chunk.end - chunk.begin, index, panelCount(chunk));
@@ -266,8 +276,7 @@ class Pass {
     tiles_.forStrips(panel.firstTile, panel.firstTile + panel.tiles, visit);
   }
 
-  void runApart(Range own, float* input) const {
-    alignas(64) float products[kGroupsAtOnce * kMostRows * kFrequencies * kWidest * kMostLanes];
+  void runApart(Range own, float* input, float* products) const {
     for (std::size_t p = 0; p < panelCount(own); ++p) {
       Panel at = panel(own, p);
       at.start = 0;
