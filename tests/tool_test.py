@@ -134,6 +134,20 @@ class ToolTest(ToolCase):
         closed = dict(preexec_fn=lambda: os.close(1), stdout=None)
         self.fail_all([(run + " --format csv --features f.npy", 1, "standard output")], None, **closed)
 
+    def test_makes_do_with_the_threads_there_are(self):
+        bench = "bench", NET, "--batch", "1", "--seconds", "0.01", "--format", "json"
+        for count in "40000", "100000":
+            with mock.patch.dict(os.environ, OMP_NUM_THREADS=count):
+                self.assertGreaterEqual(os.cpu_count(), json.loads(self.call(*bench))["threads"])
+        if b"__asan_init" in Path(TOOL).read_bytes():
+            return  # which takes more of the address space than is left below
+
+        def limit():  # so that there is no room for the stack of another thread
+            resource.setrlimit(resource.RLIMIT_STACK, (1 << 30, 1 << 30))
+            resource.setrlimit(resource.RLIMIT_AS, (900 << 20, 900 << 20))
+        with mock.patch.dict(os.environ, OMP_NUM_THREADS="2"):
+            self.assertEqual(1, json.loads(self.call(*bench, preexec_fn=limit))["threads"])
+
     def test_ends_at_a_signal(self):
         Path("many").write_text("face.jpg\n" * 100000)
         for number, word in ((signal.SIGINT, "interrupted"), (signal.SIGTERM, "ended"),

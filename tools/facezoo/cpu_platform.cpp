@@ -3,7 +3,7 @@
 #if FACEZOO_SIMULATED
 
 #include <host_device.h>
-#include <omp.h>
+#include <team.h>
 
 // The platform takes the best set that the machine has; to choose that again changes nothing.
 std::optional<CpuPlatform> cpuPlatform() {
@@ -12,7 +12,7 @@ std::optional<CpuPlatform> cpuPlatform() {
       host_device::useInstructionSet(InstructionSet::avx512) ? "AVX-512"
       : host_device::useInstructionSet(InstructionSet::avx2) ? "AVX2"
                                                              : "baseline";
-  return CpuPlatform{instructions, omp_get_max_threads()};
+  return CpuPlatform{instructions, host_device::teamSize()};
 }
 
 #else

@@ -12,6 +12,8 @@
 #include <tuple>
 #include <utility>
 
+#include "team.h"
+
 namespace facezoo {
 
 /// Grid and block of the launch that is running on this thread.
@@ -90,7 +92,7 @@ void overGrid(int width, int height, int work, const Body& body) {
   const int pieces = (columns + piece - 1) / piece;
   const auto visit = detail::bestVisit<Body>();
   const bool pays = std::int64_t{1} * columns * rows >= 2 * piece;
-#pragma omp parallel for schedule(static) collapse(2) if (pays)
+#pragma omp parallel for num_threads(host_device::teamSize()) schedule(static) collapse(2) if (pays)
   for (int y = 0; y < rows; ++y) {
     for (int i = 0; i < pieces; ++i) {
       visit(body, y, i * piece, std::min(columns, (i + 1) * piece));

@@ -28,7 +28,8 @@ void multiply(const Product& product) {
   constexpr std::size_t tallest = 6, columns = 32;
   const std::size_t block = product.rows < 64 ? 1 : tallest;  // something for each thread
   const std::size_t blocks = dividedUp(product.rows, block);
-#pragma omp parallel for schedule(static) if (product.rows * product.columns * product.size > 4096)
+#pragma omp parallel for num_threads(host_device::teamSize()) \
+    schedule(static) if (product.rows * product.columns * product.size > 4096)
   for (std::size_t i = 0; i < blocks; ++i) {
     const std::size_t first = i * block, count = std::min(block, product.rows - first);
     for (std::size_t j = 0; j < product.columns; j += columns) {

@@ -12,6 +12,7 @@
 
 #include "descriptors.h"
 #include "device_memory.h"
+#include "team.h"
 
 /// Marks a leaf function to be compiled for several instruction sets, the best chosen at load. It
 /// must be called from parallel regions, not hold them: outlined regions are not cloned. Sanitizers
@@ -68,7 +69,7 @@ inline bool areMapped(const cudnnTensorStruct* xDesc, const void* x, const cudnn
 }
 
 /// The most workers that one of this thread's calls of `forWorkers` has.
-inline std::size_t mostWorkers() { return omp_get_max_threads(); }
+inline std::size_t mostWorkers() { return teamSize(); }
 
 /// Calls body(worker, begin, end) for ranges that make up [0, count): one for each thread, or a
 /// single one when there is less to do than it takes to wake the threads. Workers are numbered from
@@ -82,7 +83,7 @@ void forWorkers(std::size_t count, std::size_t work, const Body& body) {
     body(std::size_t{0}, std::size_t{0}, count);
     return;
   }
-#pragma omp parallel
+#pragma omp parallel num_threads(teamSize())
   {
     const std::size_t threads = omp_get_num_threads(), thread = omp_get_thread_num();
     const Range own = part(count, thread, threads);

@@ -70,7 +70,7 @@ HOST_DEVICE_CLONES void convolvePlane(const Problem& problem, const float* x, co
 
 void runLoops(const Problem& problem, const Operands& operands) {
   const std::size_t plane = problem.outputPlane();
-#pragma omp parallel for schedule(static) collapse(2)
+#pragma omp parallel for num_threads(teamSize()) schedule(static) collapse(2)
   for (int n = 0; n < problem.n; ++n) {
     for (int k = 0; k < problem.k; ++k) {
       float* y = operands.y + (std::size_t{1} * n * problem.k + k) * plane;

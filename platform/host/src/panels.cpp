@@ -19,7 +19,7 @@ constexpr std::size_t kMostPanels = 8;
 /// Packed as [row group][depth][row].
 void packPanels(const Problem& problem, const float* w, float* packed) {
   const std::size_t rows = vectorCode().rows, depth = problem.depth();
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
   for (std::size_t group = 0; group < problem.rowGroups(); ++group) {
     float* to = packed + group * depth * rows;
     for (std::size_t d = 0; d < depth; ++d) {
@@ -105,7 +105,7 @@ class Product {
     Scratch scratch(operands);
     const std::size_t perImage = imageFloats(problem);
     const std::size_t room = scratch.floatsLeft() - fixedFloats;
-    threads_ = omp_get_max_threads();
+    threads_ = teamSize();
     blockPanels_ =
         std::clamp<std::size_t>(kBlockBytes / sizeof(float) / panelFloats(problem), 1, kMostPanels);
     if (room < perImage + threads_ * threadFloats(problem, blockPanels_)) blockPanels_ = 1;

@@ -56,7 +56,7 @@ void packWinograd(const Problem& problem, const float* w, float* packed) {
   const int rows = vectorCode().rows;
   const std::size_t groups = problem.rowGroups();
   const std::size_t frequency = groups * problem.c * rows;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
   for (std::size_t group = 0; group < groups; ++group) {
     for (int c = 0; c < problem.c; ++c) {
       float* const to = packed + (group * problem.c + c) * rows;
@@ -177,7 +177,7 @@ class Pass {
         tiles_(problem),
         groups_(problem.rowGroups()),
         vectors_(dividedUp(tiles_.count, code_.lanes)),
-        threads_(omp_get_max_threads()) {
+        threads_(teamSize()) {
     Scratch scratch(operands);
     const std::size_t room = scratch.floatsLeft(), panelFloats = inputFloats(problem, 1);
     widest_ = std::clamp<std::size_t>(kPanelBytes / sizeof(float) / panelFloats, 1, kWidest);
