@@ -5,10 +5,7 @@
 #include <cstdio>
 #include <fstream>
 #include <numeric>
-
-static void check(cudaError_t status) {
-  if (status != cudaSuccess) throw status;
-}
+#include "check.h"
 
 int main(int argc, char** argv) try {
   constexpr int length = 512;

@@ -3,10 +3,7 @@
 #include <facezoo.h>
 #include <cstdio>
 #include <fstream>
-
-static void check(cudaError_t status) {
-  if (status != cudaSuccess) throw status;
-}
+#include "check.h"
 
 static const struct {
   const char* name;

@@ -3,11 +3,7 @@
 #include <facezoo.h>
 #include <cstdio>
 #include <fstream>
-
-static void check(cudaError_t status) {
-  if (status != cudaSuccess) throw status;
-}
-
+#include "check.h"
 static int fail(const char* why) {
   std::fprintf(stderr, "landmarks: %s\n", why);
   return 1;
