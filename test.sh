@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every check of the project: style, static analysis, and all tests of the CPU build, plain and
-# under AddressSanitizer and UndefinedBehaviorSanitizer.
+# Style, static analysis, and all tests of the CPU build, plain and under AddressSanitizer and
+# UndefinedBehaviorSanitizer. What else must hold before a change lands is in .ci/run.
 #   ./test.sh [host|host-asan|host-tsan|style]...    default: all but host-tsan (ThreadSanitizer)
 set -euo pipefail
 cd "$(dirname "$0")"

@@ -22,7 +22,8 @@ for group in "$@"; do
         "llvm:names in the reports of sanitizers, coverage"
         "libbenchmark-dev:benchmarks of layers, which must build"
         "doxygen:checks that the public headers are documented" "mandoc:checks the manual page"
-        "dpkg-dev:dependencies of the Debian package" "file:finds its libraries"
+        "dpkg-dev:dependencies of the Debian packages" "file:finds their libraries"
+        "lintian:checks the packages" "abigail-tools:compares the library's interface with the last"
         "pkgconf:one way to use the library")
       ;;
     --bench)

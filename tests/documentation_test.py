@@ -20,6 +20,9 @@ ELSEWHERE = {
     "./demo.sh": "installs packages and builds; runs on a fresh machine",
     "./test.sh": "this test is part of it",
     "cmake --preset cuda": "needs the CUDA toolkit; scripts/cuda-build-check.sh builds the preset",
+    "cmake --preset host": "configures and builds; ./test.sh does",
+    "cpack --config build/host": "makes the packages; tests/package_test.sh does",
+    "apt install ./build/host": "installs the packages; tests/package_test.sh unpacks them",
     "cmake -S . -B build": "builds the examples; tests/package_test.sh does",
     "bench/run.sh": "takes an hour, and other engines from the network",
     "build/bench/bin/facezoo-bench-layers": "takes minutes; bench/run.sh builds the preset",
@@ -109,6 +112,11 @@ class Documentation(unittest.TestCase):
                     if not elsewhere:
                         self.check(command, folder, output)
         self.assertEqual(set(), unseen, "no page shows these any more")
+
+    def test_links(self):
+        for page in PAGES:
+            for link in re.findall(r"\]\(([^)#:]+)[)#]", page.read_text()):
+                self.assertTrue((page.parent / link).exists(), f"{page.relative_to(SOURCE)}: {link}")
 
     def test_examples(self):
         for place, text in {**self.helps, MANUAL: self.manual}.items():

@@ -41,9 +41,20 @@ run() { # PROGRAM: the two heads sum to 1
     fail "wrong results of $1"
 }
 
+# Neither a missing file nor a missing argument ends it by a signal, and the library's line is seen.
+misuse() { # PROGRAM [ARGUMENT...]
+  local code=0
+  "$@" >"$dir/log" 2>&1 || code=$?
+  test "$code" -eq 1 -o "$code" -eq 2 && test -s "$dir/log" || fail "$* ended with $code: $(cat "$dir/log")"
+}
+
 use_cmake() { # PREFIX STANDARD
   build "$dir/application" "cmake$2" -DCMAKE_PREFIX_PATH="$1" -DCMAKE_CXX_STANDARD="$2"
   run "$dir/cmake$2/application"
+  misuse "$dir/cmake$2/application"
+  misuse "$dir/cmake$2/application" "$dir/DexpressionNet" "$dir/none"
+  misuse "$dir/cmake$2/application" "$dir/none" "$dir/grey"
+  grep -qx 'Weight file not found.' "$dir/log"
 }
 use_pkg_config() { # PREFIX
   local path flags
@@ -97,6 +108,15 @@ EOF
   echo 'int main() {}' | g++ -std=c++14 -fkeep-inline-functions -include facezoo.h -xc++ - -xnone \
     $flags -o "$dir/kept"
 }
+check_links() { # FOLDER
+  local page link
+  find "$1" -name '*.md' | while read -r page; do
+    { grep -oP '\]\(\K[^)#:]+(?=[)#])' "$page" || true; } | while read -r link; do
+      test -e "$(dirname "$page")/$link" || echo "$page: no $link"
+    done
+  done >"$dir/log"
+  test ! -s "$dir/log" || fail "$(cat "$dir/log")"
+}
 refuse() { # PREFIX MESSAGE CMAKE_LINE OPTION...
   project "$3"
   ! configure "$dir/application" refused -DCMAKE_PREFIX_PATH="$1" "${@:4}" || fail "accepted: $3"
@@ -139,7 +159,7 @@ EOF
 }
 
 try_examples() { # PREFIX
-  local name bin=$dir/examples
+  local name words bin=$dir/examples
   build "$1/share/doc/facezoo/examples" examples -DCMAKE_PREFIX_PATH="$1"
   for name in FANet LCNN29 GoogLeNet_FAA3ch_12tasks; do
     "$tool" weights synth $name -o "$dir/$name" >/dev/null
@@ -155,8 +175,13 @@ try_examples() { # PREFIX
   "$bin/landmarks" "$dir/FANet" "$dir/dark" | awk '
     NR <= 136 && NF == 1 || $1 == "norm" && $2 > 0 { ++right } END { exit right != 137 || NR != 137 }' ||
     fail "wrong landmarks"
-  ! "$bin/landmarks" "$dir/none" "$dir/dark" >/dev/null 2>"$dir/log" || fail 'landmarks without weights'
-  grep -qx 'landmarks: no such weights' "$dir/log"
+  for name in "heads dark" "landmarks dark" "descriptors dark.small dark.small" "threads grey"; do
+    read -ra words <<<"$name"
+    misuse "$bin/${words[0]}"
+    misuse "$bin/${words[0]}" "$dir/DexpressionNet" "${words[@]:1}.none"
+    (cd "$dir" && misuse "$bin/${words[0]}" none "${words[@]:1}")
+    grep -qx 'Weight file not found.' "$dir/log"
+  done
   "$bin/descriptors" "$dir/LCNN29" "$dir/dark.small"{,} | grep -qx 'cosine similarity 1.0000'
   "$bin/descriptors" "$dir/LCNN29" "$dir/"{dark,bright}.small |
     awk '/similarity/ && $3 < 1 { exit 0 } /norms/ && $2 == $3 || /similarity/ { exit 1 }'
@@ -175,6 +200,7 @@ case $1 in
     use_pkg_config "$dir/prefix"
     compare_with_tool "$dir/cmake14/application"
     use_headers "$dir/prefix"
+    check_links "$dir/prefix"
     try_examples "$dir/prefix"
     catch_failures "$dir/prefix"
     refuse "$dir/prefix" 'facezoo has no components; asked for: heads' \
@@ -185,9 +211,20 @@ case $1 in
     ;;
   debian)
     cpack --config "$build_dir/CPackConfig.cmake" -B "$dir/deb" >"$dir/log" 2>&1 || fail "$(cat "$dir/log")"
-    dpkg-deb -x "$dir"/deb/*.deb "$dir/root"
-    dpkg-deb -f "$dir"/deb/*.deb Depends | grep -q 'libstdc++6'
+    while read -r package depends; do
+      dpkg-deb -x "$dir/deb/$package"_*.deb "$dir/root"
+      dpkg-deb -f "$dir/deb/$package"_*.deb Depends | grep -qE "$depends" || fail "dependencies of $package"
+    done <<'EOF'
+libfacezoo0.1 libstdc\+\+6
+libfacezoo-dev libfacezoo0.1 \(= [0-9.]+\), libmsgpack-cxx-dev
+facezoo libfacezoo0.1 \(= [0-9.]+\), pv.*libspng0
+EOF
+    # The licence is its owner's to choose.
+    lintian --allow-root --fail-on error,warning --suppress-tags no-copyright-file "$dir"/deb/*.deb
+    check_links "$dir/root/usr/share/doc"
     tool=$dir/root/usr/bin/facezoo
+    LD_LIBRARY_PATH=$(dirname "$(find "$dir/root" -name libfacezoo.so.0.1)")
+    export LD_LIBRARY_PATH
     "$tool" info >/dev/null
     use_cmake "$dir/root/usr" 14
     use_pkg_config "$dir/root/usr"
