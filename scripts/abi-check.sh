@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Compares the binary interface of the CPU build's library with that of the last release: fails if a
+# program that was built with the release might not run with this library. What is only new is shown.
+#   scripts/abi-check.sh [--renew]         --renew: makes the interface of this build the release's
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=build/abi # with what debuggers know of types, and only the library
+log=$build.log
+mkdir -p build
+if ! { cmake -G Ninja -S . -B "$build" -DFACEZOO_PLATFORM=host -DFACEZOO_TESTS=OFF -DFACEZOO_TOOL=OFF \
+  -DCMAKE_BUILD_TYPE=Debug && cmake --build "$build"; } >"$log" 2>&1; then
+  tail -n 30 "$log" >&2
+  exit 1
+fi
+library=$(readlink -f "$build/libfacezoo.so")
+version=$(sed -n 's/^.*libfacezoo\.so\.\([0-9]*\.[0-9]*\).*/\1/p' <<<"$library")
+release=abi/libfacezoo-$version.abi
+
+# The types that the headers describe; others are the libraries' own, or the library's inside.
+if [ "${1:-}" = --renew ]; then
+  mkdir -p abi
+  rm -f abi/*.abi
+  abidw --no-corpus-path --no-comp-dir-path --no-show-locs --exported-interfaces-only \
+    --no-elf-needed --drop-undefined-syms --drop-private-types --headers-dir include "$library" >"$release"
+  echo "$release: $(wc -c <"$release") bytes"
+  exit 0
+fi
+code=0
+abidiff --no-show-locs --no-corpus-path --drop-private-types --headers-dir2 include "$release" "$library" || code=$?
+# abidiff's bits: 1 failure, 2 wrong usage, 4 a difference, 8 one that breaks programs
+[ $((code & 11)) -eq 0 ] || exit "$code"
+echo "programs built with $release run with this library"
