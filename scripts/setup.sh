@@ -8,6 +8,7 @@ packages=(
   "g++:compiler" "cmake:build system" "ninja-build:build system"
   "libmsgpack-cxx-dev:weight files"
   "libcli11-dev:command line of the tool" "nlohmann-json3-dev:JSON output of the tool"
+  "libeigen3-dev:searches descriptors" "libutfcpp-dev:tells what is UTF-8 in names of files"
   "libspng-dev:decodes PNG" "libturbojpeg0-dev:decodes JPEG"
   "libstb-dev:resizes images and encodes PNG" "pv:shows the progress of long runs"
 )

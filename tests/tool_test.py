@@ -1,6 +1,6 @@
 """End-to-end test of the command-line tool: tool_test.py PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
 import ast, contextlib, csv, glob, json, math, os, pty, re, resource, shutil, signal, struct
-import subprocess, sys, unittest, zlib
+import subprocess, sys, time, unittest, zlib
 from pathlib import Path
 from unittest import mock
 from tool_support import NET, PORTRAIT, RUN, TOOL, ToolCase
@@ -24,6 +24,18 @@ def npy(name):
     assert (data[:10], head["descr"], head["fortran_order"]) == (b"\x93NUMPY\1\0v\0", "<f4", False)
     rows, columns = head["shape"]
     return [struct.unpack_from(f"<{columns}f", data, 128 + 4 * columns * row) for row in range(rows)]
+
+
+def write_npy(name, rows, names=None, head=None, version=b"\1\0H\0"):
+    head = head or f"{{'descr': '<f4', 'fortran_order': False, 'shape': ({len(rows)}, {len(rows[0])})}}"
+    Path(name).write_bytes(b"\x93NUMPY" + version + head.ljust(71).encode() + b"\n" + b"".join(
+        struct.pack(f"<{len(row)}f", *row) for row in rows))
+    if names is not None:
+        Path(name).with_suffix(".names.jsonl").write_text("".join(map("{}\n".format, names)))
+
+
+def names_of(name):
+    return [json.loads(line) for line in Path(name).with_suffix(".names.jsonl").open()]
 
 
 def pixels(name):
@@ -110,7 +122,7 @@ class ToolTest(ToolCase):
             ("run FANet -w good face.jpg --draw to", 2, "--draw: expected --layout"),
             ("run FANet -w good face.jpg --draw to --layout yx", 2, "yx"),
             (f"run {NET} -w good --compare face.jpg face.jpg", 2, f"--compare: .*descriptor, found {NET}"),
-            (lcnn + " --compare face.jpg", 2, "--compare"), (lcnn + " --compare a b c", 2, "IMAGE|--compare"),
+            (lcnn + " --compare face.jpg", 2, "--compare"), (lcnn + " c --compare a b", 2, "IMAGE|--compare"),
             (lcnn + " --compare a b --features f.npy", 2, "--features excludes --compare"),
             (run + " --features values.csv", 2, "--features: .*values.csv"),
             (run + " --features no/f.npy", 1, "no/f.npy: cannot be written: No such"),
@@ -218,9 +230,13 @@ class ToolTest(ToolCase):
                           stderr=rf"facezoo: {fault}\nfacezoo: 1 of 4 pictures could not be read\n")
         self.assertEqual([{"image": name} for name in names], [*map(json.loads, found.splitlines())])
         rows = npy("f.npy")
-        self.assertEqual(rows[0], rows[1])
+        self.assertEqual((names, rows[0]), (names_of("f.npy"), rows[1]))
         self.assert_near(rows[2], self.results("-w", "good", names[2])[0][1])
         os.remove("f.npy")
+        os.remove("f.names.jsonl")
+        os.mkdir("f.names.jsonl")
+        self.fail_all([(f"run {NET} -w good face.jpg --features f.npy", 1, "f.names.jsonl: .*directory")])
+        os.rmdir("f.names.jsonl")
         self.fail_all([(f"run {NET} -w good faces --features f.npy --strict", 1, fault)])
         shutil.rmtree("faces/below")
         self.fail_all([(f"run {NET} -w good faces/below", 1, "faces/below: .*No such")])
@@ -236,6 +252,48 @@ class ToolTest(ToolCase):
         self.assertEqual([head, name, name, name], [top.split(), image, row[0], below[:len(name)]])
         self.assert_near(expected, list(map(float, row[1:])))
         self.assert_near(expected, list(map(float, below[len(name):].split())))
+        self.assertEqual("lines: 1 rows", self.call(*args, "csv", "-o", "lines").split(",")[0])
+        self.assertEqual([head, row], [*csv.reader(open("lines"))])
+
+    def test_names_of_any_bytes(self):
+        names = [os.fsdecode(name) for name in (
+            b"a\xff\xe2\x82\xed\xa0\x80\xc0\xaf\xf4\x90", "\u00e9\\udcff \U0001f600\ufffe".encode(),
+            *(b"_" + bytes([byte]) for byte in {*range(1, 256)} - {0x2F}))]
+        for name in names:
+            os.symlink(PORTRAIT, name)
+        run = "run", NET, "-w", "good", *names, "--format"
+        how = dict(errors="surrogateescape")
+        found = self.call(*run, "json", "--features", "f.npy")
+        self.assertEqual([names] * 2, [[json.loads(line)["image"] for line in found.splitlines()],
+                                       names_of("f.npy")])
+        with open("lines", encoding="utf-8", newline="", **how) as lines:
+            self.call(*run, "csv", "-o", "lines")
+            self.assertEqual(names, [row[0] for row in csv.reader(lines)][1:])
+        table = self.call(*run, "table")
+        self.assertEqual((len(names) + 1, []), (table.count("\n"), re.findall(r"[\0-\x09\x0b-\x1f\x7f]", table)))
+        nearest = self.call("match", "f.npy", "--queries", "f.npy", "--format", "json")
+        self.assertEqual(names, [json.loads(line)["image"] for line in nearest.splitlines()])
+
+    def test_results_that_are_not_finite(self):
+        self.call("weights", "synth", "LCNN29", "-o", "large")
+        weights, count = bytearray(Path("large").read_bytes()), 8192
+        start = weights.index(b"fc1-0\xdb") + 10
+        for row, sign in (0, (1, 1)), (1, (-1, -1)), (2, (1, -1)):
+            huge = [sign[i % 2] * 3e38 for i in range(count)]
+            struct.pack_into(f"<{count}f", weights, start + 4 * count * row, *huge)
+        Path("large").write_bytes(weights)
+        run = "run", "LCNN29", "-w", "large", "face.jpg", "face.jpg"
+        how = dict(stderr="facezoo: face.jpg: expected finite results, found [^\n]* 2 pictures in all\n")
+        [line, _] = self.call(*run, "--format", "json", **how).splitlines()
+        _, row, _ = csv.reader(self.call(*run, "--format", "csv", **how).splitlines())
+        forms = json.loads(line)["features"][:3]
+        self.assertEqual({"Infinity", "-Infinity", "NaN"}, {*forms})
+        self.assertEqual([form.lower()[:3 + (form[0] == "-")] for form in forms], row[1:4])
+        table = self.call(*run, "--features", "f.npy", "--format", "table", **how)
+        self.assertNotIn("nan", table)
+        self.assertEqual(row[1:4], self.call(*run, **how).splitlines()[1].split()[1:4])
+        self.assertEqual(row[1:4], [*map(str, npy("f.npy")[0][:3])])
+        self.fail_all([("match f.npy --queries f.npy", 1, "f.npy: every row")])
 
     def test_runs_every_network(self):
         png("wide", bytes(range(0, 200)) * 6, 200, 3)
@@ -278,7 +336,108 @@ class ToolTest(ToolCase):
         found = json.loads(self.call(*run, "--compare", "face.jpg", "wide"))
         self.assertEqual(["face.jpg", "wide"], [found["image"], found["other"]])
         self.assertAlmostEqual(cosine, found["cosine"], 5)
+        three = "--compare", "face.jpg", "wide", "face.jpg"
+        pairs = [*map(json.loads, self.call(*run, *three).splitlines())]
+        self.assertEqual([("face.jpg", "wide"), ("face.jpg", "face.jpg"), ("wide", "face.jpg")],
+                         [(pair["image"], pair["other"]) for pair in pairs])
+        top, *square = [line.split() for line in self.call(*run[:-1], "table", *three).splitlines()]
+        self.assertEqual(["#", "image", "1", "2", "3"], top)
+        for found, expected in ((pairs[0]["cosine"], cosine), (pairs[1]["cosine"], 1),
+                                *((float(row[2 + j]), cosine if (i + j) % 2 else 1)
+                                  for i, row in enumerate(square) for j in range(3))):
+            self.assertAlmostEqual(expected, found, 5)
         self.fail_all([(f"run {net} -w all --compare face.jpg nobody", 1, "nobody: .*No such")])
+        self.call(*run[:4], "wide", "face.jpg", "--features", "g.npy")
+        found = self.call("match", "g.npy", *run[1:], "face.jpg", "--nearest", "9")
+        rows = [*map(json.loads, found.splitlines())]
+        self.assertEqual([("face.jpg", 1, 1, "face.jpg"), ("face.jpg", 2, 0, "wide")],
+                         [tuple(row.values())[:4] for row in rows])
+        self.assertAlmostEqual(1, rows[0]["cosine"], 5)
+        self.assertAlmostEqual(cosine, rows[1]["cosine"], 5)
+
+    def test_matches(self):
+        nan, inf = math.nan, math.inf
+        write_npy("g.npy", [(3, 0), (0, 0), (1e30, 1e30), (nan, 1), (0, -1e-30), (5, 0), (inf, 0)],
+                  map('"n{}"'.format, range(7)))
+        queries = [(1, .1), (0, 0), (-1, -1), *[(0, 1)] * 130]
+        write_npy("q.npy", queries)
+        match = "match", "g.npy", "--queries", "q.npy", "--format", "json", "--nearest", "3"
+        found = self.call(*match, stderr="facezoo: g.npy: 3 of 7 rows [^\n]*\n"
+                          "facezoo: q.npy row 1: [^\n]* zero or not finite\n")
+        half = 1 / math.sqrt(2)
+        order = {"0": ([0, 5, 2], 1 / math.hypot(1, .1)), "2": ([4, 0, 5], half), "3": ([2, 0, 5], half)}
+        rows = [*map(json.loads, found.splitlines())]
+        self.assertEqual(3 * (len(queries) - 1), len(rows))
+        for at, row in enumerate(rows):
+            query, rank = at // 3 + (at > 2), at % 3 + 1
+            best, cosine = order[str(min(query, 3))]
+            self.assertEqual((f"q.npy row {query}", rank, best[rank - 1], f"n{best[rank - 1]}"),
+                             tuple(row.values())[:4])
+            if rank == 1:
+                self.assertAlmostEqual(cosine, row["cosine"], 6)
+        good, form = [(1, 2)], "{{'descr': '{}', 'fortran_order': {}, 'shape': {}}}".format
+        for name, rows, names, *how in (
+                ("more", good, ['"a"', '"b"']), ("wrong", good, ["[]"]), ("half", good, ['"\\ud83d"']),
+                ("cut", good, ['"a']), ("wide3", [(1, 2, 3)], None),
+                *((name, good, None, form(*words)) for name, *words in (
+                    ("type", "<f8", False, "(1, 2)"), ("order", "<f4", True, "(1, 2)"),
+                    ("flat", "<f4", False, "(2,)"), ("none", "<f4", False, "(0, 2)"),
+                    ("less", "<f4", False, "(1, 1)"), ("wrap", "<f4", False, f"({2**62 + 1}, 2)"),
+                    ("twice", "<f4", False, "(1, 2)} {"))),
+                ("future", good, None, "", b"\4\0H\0"), ("long", good, None, "", b"\2\0\xff\xff\xff\xff")):
+            write_npy(name + ".npy", rows, names, *how)
+        Path("text.npy").write_text("no array")
+        Path("start.npy").write_bytes(b"\x93NUMPY\1")
+        write_npy("v3.npy", good, None, form("<f4", False, "(1, 2)").ljust(69), b"\3\0F\0\0\0")
+        self.fail_all([(f"match {name}.npy --queries v3.npy", 1, rf"{name}\.{line}") for name, line in (
+            ("more", "names.*each of the 1 rows.*found 2"), ("wrong", "names.*line 1"),
+            ("half", "names.*line 1"), ("cut", "names.*line 1"), ("wide3", "npy: .* 2 values.*found 3"),
+            *((name, "npy: .*found the header") for name in ("type", "order", "flat", "wrap", "twice")),
+            *((name, "npy: .*values, one at least") for name in ("none", "less")),
+            ("future", "npy: .*found 4"), ("long", "npy: .*no end"), ("text", "npy: .*something else"),
+            ("start", "npy: .*something else"), ("nobody", "npy: .*No such"))] + [
+            ("match g.npy", 2, "NET: .*--queries"), (f"match g.npy {NET} face.jpg", 2, "--weights"),
+            (f"match g.npy {NET} face.jpg -w good", 1, f"g.npy: .*5 values, as {NET} gives, found 2"),
+            ("match g.npy --queries q.npy --nearest 0", 2, "--nearest")])
+        self.assertIn("v3.npy row 0 ", self.call("match", "v3.npy", "--queries", "v3.npy"))
+
+    def test_resumes(self):
+        for i in range(20):
+            png(f"{i}.png", bytes([i, 255 - i] * 112), 224, 1)
+        Path("list").write_text("".join(f"{i % 20}.png\n" for i in range(900)))
+        run = "run", NET, "-w", "good", "--list", "list", "--format", "csv", "--batch", "7"
+        outputs = lambda name: ("--features", name + ".npy", "-o", name + ".csv")
+        self.call(*run, *outputs("whole"))
+        resumed, kills, journal = (*run, *outputs("r"), "--resume"), 0, Path("r.npy.journal")
+        before, count = 0, lambda: journal.exists() and journal.read_text().count('.png"')
+        for _ in range(4):
+            process = subprocess.Popen([TOOL, *resumed], stdout=subprocess.DEVNULL)
+            while process.poll() is None and count() <= before:
+                time.sleep(0.01)
+            with contextlib.suppress(FileNotFoundError):
+                self.fail_all([(" ".join(resumed), 1, "r.npy: another run")])
+                process.kill()
+                kills += process.wait() < 0
+                rows = journal.read_text().count('.png"')
+                with open("r.npy.partial", "ab") as partial, open(journal, "a") as torn:
+                    partial.write(b"torn"), torn.write('"half')
+                self.assertGreater(rows, before)
+                before = rows
+            process.wait()
+        self.assertGreater(kills, 1)
+        other = " ".join(resumed).replace
+        Path("other").write_bytes(Path("good").read_bytes())
+        self.fail_all([(other(*change), 1, line) for change, line in (
+            (("good", "other"), "weight_file_time"), (("csv --batch", "json --batch"), "format"),
+            (("r.csv", "s.csv"), "files"), ((NET, "GoogLeNet_FAA1ch"), "network"))])
+        said = re.match(r"r.npy: 900 rows of 5 values, (\d+) from before", self.call(*resumed))
+        self.assertGreaterEqual(int(said[1]), before)
+        for kind in ".npy", ".csv", ".names.jsonl":
+            self.assertEqual(Path("whole" + kind).read_bytes(), Path("r" + kind).read_bytes())
+        self.assertEqual([], glob.glob("r.*.*al"))
+        self.fail_all([(" ".join(resumed), 1, "expected no such file"),
+                       (" ".join(run) + " --resume", 2, "--resume: expected --features"),
+                       (" ".join(resumed).replace("r.", "s.") + " --strict x", 1, "x: ")])
 
     def check_drawing(self, net):
         """Landmarks of the 224 x 224 crop land where they belong in the 400 x 200 picture."""

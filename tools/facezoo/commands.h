@@ -6,5 +6,6 @@
 
 void addBench(CLI::App& tool);
 void addInfo(CLI::App& tool);
+void addMatch(CLI::App& tool);
 void addRun(CLI::App& tool);
 void addWeights(CLI::App& tool);

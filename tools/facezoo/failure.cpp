@@ -4,6 +4,7 @@
 #include "facezoo/errors.h"
 
 #include <unistd.h>
+#include <utf8.h>
 
 #include <algorithm>
 #include <new>
@@ -36,7 +37,9 @@ std::string describeException() {
 std::string printable(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-  return text;
+  std::string valid;
+  utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(valid), U'?');
+  return valid;
 }
 
 void warn(const std::string& line) {

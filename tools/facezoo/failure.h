@@ -14,8 +14,8 @@ class Failure : public std::runtime_error {
 /// What the exception in flight means to the user. The library throws bare enumeration values.
 std::string describeException();
 
-/// `text` with its control characters replaced, so that a name from a file cannot break a line or
-/// steer the terminal.
+/// `text` with its control characters and what is not UTF-8 replaced, so that a name from a file
+/// cannot break a line or steer the terminal.
 std::string printable(std::string text);
 
 /// Says `line` on standard error, in the tool's name.

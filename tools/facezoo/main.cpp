@@ -61,6 +61,7 @@ int runTool(int argc, char** argv) {
   tool.footer("Example: facezoo run DexpressionNet -w weights.msgpack face.jpg");
   addBench(tool);
   addInfo(tool);
+  addMatch(tool);
   addRun(tool);
   addWeights(tool);
   try {

@@ -1,27 +1,37 @@
 /// @file
+/// NumPy arrays of rows of little-endian 32-bit floats, in the format of
+/// https://numpy.org/doc/stable/reference/generated/numpy.lib.format.html.
 #pragma once
 
-#include "files.h"
+#include "file_bytes.h"
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
-/// A NumPy array of rows of little-endian 32-bit floats, in format 1.0 of
-/// https://numpy.org/doc/stable/reference/generated/numpy.lib.format.html. Appears complete or not
-/// at all.
-class NpyFile {
+/// What stands in front of the values, in version 1.0; of the same size for every number of rows.
+std::string npyHeader(std::size_t rows, std::size_t columns);
+
+/// The file of the names of the rows of `path`, a JSON string a line: beside it, .names.jsonl
+/// instead of .npy.
+std::string namesFileOf(const std::string& path);
+
+/// The rows of a file in memory.
+class NpyRows {
  public:
-  /// @throws Failure if the file cannot be made
-  NpyFile(const std::string& path, std::size_t columns);
+  /// Versions 1.0 to 3.0. @throws Failure if it is anything but a whole array of two dimensions
+  explicit NpyRows(const std::string& path);
 
-  void add(const float* row);
-  /// @throws Failure if not everything could be written
-  void keep();
   std::size_t rows() const { return rows_; }
+  std::size_t columns() const { return columns_; }
+  /// All rows, one after the other.
+  const float* values() const { return reinterpret_cast<const float*>(bytes_.data.get()); }
 
  private:
-  void writeHeader();
-
-  NewFile file_;
-  std::size_t columns_, rows_ = 0;
+  facezoo::FileBytes bytes_;
+  std::size_t rows_ = 0, columns_ = 0;
 };
+
+/// The names of the `rows` rows of `path`, none if it has no file of names.
+/// @throws Failure if there are other than `rows`
+std::vector<std::string> readNames(const std::string& path, std::size_t rows);

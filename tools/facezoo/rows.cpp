@@ -1,6 +1,7 @@
 #include "rows.h"
 
 #include "failure.h"
+#include "json_text.h"
 
 #include <algorithm>
 #include <cmath>
@@ -11,10 +12,23 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 std::string dump(const Json& value) {
-  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  if (value.is_string()) return toJsonString(value.get<std::string>());
+  if (value.is_number_float() && !std::isfinite(value.get<double>())) {
+    if (std::isnan(value.get<double>())) return R"("NaN")";
+    return value.get<double>() < 0 ? R"("-Infinity")" : R"("Infinity")";
+  }
+  if (!value.is_structured()) return value.dump();
+  std::string items;
+  for (const auto& [name, item] : value.items()) {
+    if (!items.empty()) items += ',';
+    if (value.is_object()) items += toJsonString(name) + ':';
+    items += dump(item);
+  }
+  return value.is_object() ? '{' + items + '}' : '[' + items + ']';
 }
 
 std::string format(const char* how, int decimals, double value) {
+  if (std::isnan(value)) return "nan";  // whatever its sign
   char text[64];
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -48,14 +62,14 @@ struct Cell {
   bool onLeft;
 };
 
-void printAligned(const std::vector<Cell>& cells) {
+void printAligned(const std::vector<Cell>& cells, std::ostream& out) {
   std::string line;
   for (const auto& [text, width, onLeft] : cells) {
     const std::string blanks(width - std::min(width, widthOf(text)), ' ');
     if (&text != &cells.front().text) line += "  ";
     line += onLeft ? text + blanks : blanks + text;
   }
-  std::printf("%s\n", line.substr(0, line.find_last_not_of(' ') + 1).c_str());
+  out << line.substr(0, line.find_last_not_of(' ') + 1) << '\n';
 }
 
 /// Calls visit(name, value) for every number and text of `row`.
@@ -76,7 +90,7 @@ std::size_t widthOf(const std::string& text) {
 
 void Rows::print(const Json& row) {
   if (format_ == "json") {
-    std::puts(dump(row).c_str());
+    out_ << dump(row) << '\n';
   } else if (format_ == "csv") {
     printCsv(row);
   } else {
@@ -91,8 +105,8 @@ void Rows::printCsv(const Json& row) {
     names.append(names.empty() ? "" : ",").append(csvCell(name));
     cells.append(cells.empty() ? "" : ",").append(csvCell(value));
   });
-  if (!headed_) std::puts(names.c_str());
-  std::puts(cells.c_str());
+  if (!headed_) out_ << names << '\n';
+  out_ << cells << '\n';
 }
 
 void Rows::printTable(const Json& row) {
@@ -119,6 +133,6 @@ void Rows::printTable(const Json& row) {
       cells.push_back(names.back());
     }
   }
-  if (!headed_) printAligned(names);
-  printAligned(cells);
+  if (!headed_) printAligned(names, out_);
+  printAligned(cells, out_);
 }

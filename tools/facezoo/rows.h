@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cstddef>
+#include <iostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,12 +27,16 @@ struct Column {
 std::size_t widthOf(const std::string& text);
 
 /// Prints objects that have the same fields, each as it comes: as a table of some of the fields, or
-/// all of them as CSV or as lines of JSON.
+/// all of them as CSV or as lines of JSON. Text may hold any bytes, which CSV has as they are and
+/// JSON as `toJsonString` puts them. What is no finite number is nan, inf or -inf, and in JSON
+/// "NaN", "Infinity" or "-Infinity".
 class Rows {
  public:
   /// @param format one of `rowFormats`
-  Rows(std::string format, std::vector<Column> columns)
-      : format_(std::move(format)), columns_(std::move(columns)) {}
+  /// @param headed whether `out` has rows from before
+  Rows(std::string format, std::vector<Column> columns, std::ostream& out = std::cout,
+       bool headed = false)
+      : format_(std::move(format)), columns_(std::move(columns)), out_(out), headed_(headed) {}
 
   void print(const nlohmann::ordered_json& row);
 
@@ -41,5 +46,6 @@ class Rows {
 
   std::string format_;
   std::vector<Column> columns_;
-  bool headed_ = false;
+  std::ostream& out_;
+  bool headed_;
 };

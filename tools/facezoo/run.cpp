@@ -1,3 +1,4 @@
+#include "run.h"
 #include "arguments.h"
 #include "batch.h"
 #include "commands.h"
@@ -10,7 +11,6 @@
 #include "progress.h"
 #include "quiet_library.h"
 #include "rows.h"
-#include "sinks.h"
 #include "weight_document.h"
 
 #include <unistd.h>
@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <limits>
 #include <memory>
+#include <unordered_map>
 
 namespace fs = std::filesystem;
 
@@ -49,6 +50,8 @@ void checkUsage(const RunOptions& options, const NetworkTable& table) {
     refuse("--draw", "expected --layout too, as only the weights' training tells it");
   if (!options.features.empty() && fs::path(options.features).extension() != ".npy")
     refuse("--features", "expected a name that ends in .npy, found " + options.features);
+  if (options.resume && options.features.empty() && options.output.empty())
+    refuse("--resume", "expected --features or --output, whose files it goes on with");
   if (options.images.empty() && options.list.empty() && options.compared.empty())
     refuse("IMAGE", "expected pictures, a directory, --list or --compare, found none");
 }
@@ -61,13 +64,48 @@ std::vector<std::string> picturesOf(const RunOptions& options) {
   return findPictures(paths);
 }
 
+/// What must be the same for a run to go on with what another one left: all that the results
+/// depend on, and the form that they have.
+std::string describeRun(const RunOptions& options, const NetworkTable& table) {
+  std::error_code error;
+  nlohmann::ordered_json run = {
+      {"tool", FACEZOO_VERSION},
+      {"network", table.name},
+      {"weight_file_bytes", fs::file_size(options.weights, error)},
+      {"weight_file_time", fs::last_write_time(options.weights, error).time_since_epoch().count()},
+      {"prefix", options.prefix},
+      {"values", table.outputCount()},
+      {"norm", options.norm},
+      {"format", options.format},
+      {"files", resultPaths(options)}};
+  return run.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+/// `pictures` without those that have results, each as often as it has.
+std::vector<std::string> without(const std::vector<std::string>& earlier,
+                                 const std::vector<std::string>& pictures) {
+  std::unordered_map<std::string, std::size_t> results;
+  for (const std::string& picture : earlier) ++results[picture];
+  std::vector<std::string> left;
+  for (const std::string& picture : pictures) {
+    const auto found = results.find(picture);
+    if (found == results.end() || found->second == 0) {
+      left.push_back(picture);
+    } else {
+      --found->second;
+    }
+  }
+  return left;
+}
+
 /// Takes the pictures through a network in full batches. @return how many could not be read
 std::size_t process(const RunOptions& options, const NetworkTable& table, Network& network,
-                    const std::vector<std::string>& pictures, int capacity,
-                    const std::vector<std::unique_ptr<Sink>>& sinks) {
+                    const std::vector<std::string>& pictures, int capacity, bool strict,
+                    const std::vector<std::unique_ptr<Sink>>& sinks, ResultFiles& files) {
   Batch batch(table, capacity, options.norm);
   PictureStream stream(pictures, table, options.threads, capacity + options.threads);
-  const bool scrolls = printsLines(options) && isatty(STDOUT_FILENO) != 0;
+  const bool scrolls = (printsLines(options) || !options.gallery.empty()) &&
+                       options.output.empty() && isatty(STDOUT_FILENO) != 0;
   Progress progress(pictures.size(), isatty(STDERR_FILENO) != 0 && !scrolls);
   std::vector<std::string> waiting;
   const auto runBatch = [&] {
@@ -75,12 +113,11 @@ std::size_t process(const RunOptions& options, const NetworkTable& table, Networ
     batch.pass(network);
     for (int i = 0; i < batch.size(); ++i)
       for (const auto& sink : sinks) sink->take(waiting[i], batch, i);
+    files.add(waiting);
     if (std::fflush(stdout) != 0) throw Failure("standard output: cannot be written");
     progress.add(waiting.size());
     waiting.clear();
   };
-  // Without the others, there is nothing to go on with.
-  const bool strict = options.strict || !options.compared.empty() || pictures.size() == 1;
   std::size_t unreadable = 0;
   for (const std::string& picture : pictures) {
     const PictureStream::Decoded decoded = stream.take();
@@ -100,17 +137,25 @@ std::size_t process(const RunOptions& options, const NetworkTable& table, Networ
   return unreadable;
 }
 
+}  // namespace
+
 void run(const RunOptions& options) {
   const KnownNetwork& known = findNetwork(options.network);
   const NetworkTable& table = *known.table;
   checkUsage(options, table);
   const std::vector<std::string> pictures = picturesOf(options);
   // What the user may have to mend comes before what takes long.
-  const std::vector<std::unique_ptr<Sink>> sinks = sinksFor(options, table, pictures);
+  const std::vector<std::string> paths = resultPaths(options);
+  const std::unique_ptr<ResultFiles> files =
+      options.resume ? resumableFiles(paths, describeRun(options, table)) : wholeFiles(paths);
+  const std::vector<std::string> left = without(files->earlier(), pictures);
+  const std::vector<std::unique_ptr<Sink>> sinks = sinksFor(options, table, pictures, *files);
   requireWeights(options.weights, table, options.prefix);
   chosenDevice(listDevices());
 
   const int batch = static_cast<int>(std::min<std::size_t>(options.batch, pictures.size()));
+  // Without the others, there is nothing to go on with.
+  const bool strict = options.strict || !options.compared.empty() || pictures.size() == 1;
   std::size_t unreadable = 0;
   double seconds = 0;
   try {
@@ -118,7 +163,7 @@ void run(const RunOptions& options) {
     const GPU gpu;
     known.with(options.weights, batch, options.prefix, [&](Network& network) {
       const Timer timer;
-      unreadable = process(options, table, network, pictures, batch, sinks);
+      unreadable = process(options, table, network, left, batch, strict, sinks, *files);
       seconds = timer.milliseconds() / 1000;
     });
   } catch (const Failure&) {
@@ -127,12 +172,19 @@ void run(const RunOptions& options) {
     throw Failure(options.network + " with " + options.weights + " for batches of " +
                   std::to_string(batch) + ": " + describeException());
   }
-  const std::size_t rows = pictures.size() - unreadable;
-  for (const auto& sink : sinks)
-    if (rows > 0) sink->finish();
-  if (!options.features.empty() && rows > 0 && !printsLines(options)) {
-    std::printf("%s: %zu rows of %d values, %.1f pictures/s\n", printable(options.features).c_str(),
-                rows, table.outputCount(), static_cast<double>(rows) / seconds);
+  const std::size_t added = left.size() - unreadable;
+  const std::size_t rows = files->earlier().size() + added;
+  if (rows > 0) {
+    for (const auto& sink : sinks) sink->finish();
+    files->keep();
+  }
+  if (!paths.empty() && rows > 0 && (!printsLines(options) || !options.output.empty())) {
+    const std::string values =
+        options.features.empty() ? "" : " of " + std::to_string(table.outputCount()) + " values";
+    const std::string earlier =
+        options.resume ? std::to_string(files->earlier().size()) + " from before, " : "";
+    std::printf("%s: %zu rows%s, %s%.1f pictures/s\n", printable(paths.back()).c_str(), rows,
+                values.c_str(), earlier.c_str(), static_cast<double>(added) / seconds);
   }
   if (unreadable > 0) {
     throw Failure(std::to_string(unreadable) + " of " + std::to_string(pictures.size()) +
@@ -140,48 +192,53 @@ void run(const RunOptions& options) {
   }
 }
 
-}  // namespace
-
-void addRun(CLI::App& tool) {
-  CLI::App* command = tool.add_subcommand("run", "Run a network on pictures");
-  const auto options = std::make_shared<RunOptions>();
-  const auto outputs = "Results", inputs = "Pictures";
-  addNetworkArgument(*command, options->network);
-  CLI::Option* images =
-      command->add_option("IMAGE", options->images, "PNG or JPEG files, or directories of them");
-  command->add_option("-w,--weights", options->weights, "Weight file")
-      ->required()
+void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequired) {
+  const auto inputs = "Pictures";
+  command.add_option("IMAGE", options.images, "PNG or JPEG files, or directories of them");
+  command.add_option("-w,--weights", options.weights, "Weight file")
+      ->required(weightsRequired)
       ->type_name("FILE");
-  addPrefixOption(*command, options->prefix);
-  command->add_option("--batch", options->batch, "Most pictures for one call of the network")
+  addPrefixOption(command, options.prefix);
+  command.add_option("--batch", options.batch, "Most pictures for one call of the network")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()))
       ->type_name("N")
       ->capture_default_str();
 
-  CLI::Option* list =
-      command->add_option("--list", options->list, "Text file of one picture a line; - reads stdin")
-          ->type_name("FILE")
-          ->group(inputs);
-  command->add_flag("--strict", options->strict, "Stop at the first picture that cannot be read")
+  command.add_option("--list", options.list, "Text file of one picture a line; - reads stdin")
+      ->type_name("FILE")
       ->group(inputs);
-  options->threads = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, 16U));
-  command->add_option("--threads", options->threads, "Decode pictures on so many threads")
+  command.add_flag("--strict", options.strict, "Stop at the first picture that cannot be read")
+      ->group(inputs);
+  options.threads = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, 16U));
+  command.add_option("--threads", options.threads, "Decode pictures on so many threads")
       ->check(CLI::Range(1, 256))
       ->type_name("N")
       ->capture_default_str()
       ->group(inputs);
+}
 
+CLI::Option* addOutputOption(CLI::App& command, RunOptions& options) {
+  return command.add_option("-o,--output", options.output, "Write the lines to a file")
+      ->type_name("FILE");
+}
+
+void addRun(CLI::App& tool) {
+  CLI::App* command = tool.add_subcommand("run", "Run a network on pictures");
+  const auto options = std::make_shared<RunOptions>();
+  const auto outputs = "Results";
+  addNetworkArgument(*command, options->network);
+  addPictureOptions(*command, *options, true);
   command->add_option("--format", options->format, "Of the lines; a table unless given")
       ->check(CLI::IsMember(rowFormats))
       ->type_name("F")
       ->group(outputs);
-  CLI::Option* norm =
-      command->add_flag("--norm", options->norm, "The network's second result as well")
-          ->group(outputs);
-  CLI::Option* features =
-      command->add_option("--features", options->features, "Write a NumPy array, a row a picture")
-          ->type_name("FILE.npy")
-          ->group(outputs);
+  command->add_flag("--norm", options->norm, "The network's second result as well")->group(outputs);
+  command->add_option("--features", options->features, "Write a NumPy array, a row a picture")
+      ->type_name("FILE.npy")
+      ->group(outputs);
+  addOutputOption(*command, *options)->group(outputs);
+  command->add_flag("--resume", options->resume, "Go on with files that a stopped run left")
+      ->group(outputs);
   CLI::Option* draw =
       command->add_option("--draw", options->drawings, "Write each picture with its 68 landmarks")
           ->type_name("DIR")
@@ -195,13 +252,14 @@ void addRun(CLI::App& tool) {
       ->needs(draw)
       ->capture_default_str()
       ->group(outputs);
-  command->add_option("--compare", options->compared, "Cosine similarity of two descriptors")
-      ->expected(2)
-      ->type_name("A B")
-      ->excludes(images)
-      ->excludes(list)
-      ->excludes(norm)
-      ->excludes(features)
+  command->add_option("--compare", options->compared, "Cosine similarities of descriptors")
+      ->expected(2, std::numeric_limits<int>::max())
+      ->type_name("A B ...")
+      ->excludes("IMAGE")
+      ->excludes("--list")
+      ->excludes("--norm")
+      ->excludes("--features")
+      ->excludes("--resume")
       ->group(outputs);
   command->footer(
       "Directories are searched to the bottom, by name. Pictures are turned grey for a network of\n"
@@ -213,6 +271,7 @@ void addRun(CLI::App& tool) {
       "With --features, lines are printed only if --format is given, without the values.\n"
       "Example: facezoo run DexpressionNet -w weights.msgpack --format json face.jpg\n"
       "Example: facezoo run LCNN29 -w lcnn.msgpack --features descriptors.npy faces/\n"
+      "Example: facezoo run LCNN29 -w lcnn.msgpack --features faces.npy --resume faces/\n"
       "Example: facezoo run LCNN29 -w lcnn.msgpack --compare one.jpg other.jpg\n"
       "Example: facezoo run FANet -w fa.msgpack --draw drawn --layout xyxy --scale 224 faces/");
   command->callback([options] { run(*options); });

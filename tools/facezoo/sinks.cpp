@@ -1,7 +1,9 @@
 #include "sinks.h"
 
 #include "failure.h"
+#include "json_text.h"
 #include "landmarks.h"
+#include "match.h"
 #include "npy_file.h"
 #include "rows.h"
 
@@ -31,10 +33,11 @@ std::size_t widest(const std::vector<std::string>& texts) {
 class Lines : public Sink {
  public:
   Lines(const RunOptions& options, const NetworkTable& table,
-        const std::vector<std::string>& pictures)
+        const std::vector<std::string>& pictures, ResultFiles& files)
       : groups_(options.features.empty() ? table.outputs : facezoo::View<OutputGroup>{nullptr, 0}),
         norm_(options.norm),
-        rows_(formatOf(options), columns(widest(pictures))) {}
+        rows_(formatOf(options), columns(widest(pictures)), linesOf(options, files),
+              !files.earlier().empty()) {}
 
   void take(const std::string& picture, const Batch& batch, int index) override {
     nlohmann::ordered_json row = {{"image", picture}};
@@ -66,20 +69,54 @@ class Lines : public Sink {
   Rows rows_;
 };
 
-/// Writes a row of a NumPy array for each picture.
+/// Writes a row of a NumPy array for each picture, and its name.
 class Array : public Sink {
  public:
-  Array(const std::string& path, const NetworkTable& table) : file_(path, table.outputCount()) {}
+  Array(const RunOptions& options, const NetworkTable& table, ResultFiles& files)
+      : files_(files),
+        names_(resultPaths(options).size() - 2),
+        array_(names_ + 1),
+        rows_(files.earlier().size()),
+        columns_(table.outputCount()) {
+    if (rows_ == 0) files.stream(array_) << npyHeader(rows_, columns_);
+  }
 
-  void take(const std::string&, const Batch& batch, int index) override {
-    file_.add(batch.values(index));
+  void take(const std::string& picture, const Batch& batch, int index) override {
+    files_.stream(names_) << toJsonString(picture) << '\n';
+    files_.stream(array_).write(reinterpret_cast<const char*>(batch.values(index)),
+                                static_cast<std::streamsize>(columns_ * sizeof(float)));
+    ++rows_;
+  }
+  void finish() override { files_.replaceStart(array_, npyHeader(rows_, columns_)); }
+
+ private:
+  ResultFiles& files_;
+  std::size_t names_, array_, rows_, columns_;
+};
+
+/// Says at the end that weights or pictures do not fit the network.
+class FiniteCheck : public Sink {
+ public:
+  explicit FiniteCheck(bool norm) : norm_(norm) {}
+
+  void take(const std::string& picture, const Batch& batch, int index) override {
+    const float* const values = batch.values(index);
+    const auto isFinite = [](float value) { return std::isfinite(value); };
+    if (std::all_of(values, values + batch.valueCount(), isFinite) &&
+        (!norm_ || isFinite(batch.norm(index))))
+      return;
+    if (count_++ == 0) first_ = picture;
   }
   void finish() override {
-    if (file_.rows() > 0) file_.keep();
+    if (count_ == 0) return;
+    warn(first_ + ": expected finite results, found NaN or infinity" +
+         (count_ > 1 ? ", as for " + std::to_string(count_) + " pictures in all" : ""));
   }
 
  private:
-  NpyFile file_;
+  bool norm_;
+  std::size_t count_ = 0;
+  std::string first_;
 };
 
 /// Writes each picture with its landmarks.
@@ -120,13 +157,14 @@ class Drawings : public Sink {
   std::map<std::string, std::string> drawingOf_;
 };
 
-/// Prints the cosine similarity of two pictures' descriptors.
+/// Prints the cosine similarities of pictures' descriptors: of more than two, a square in a table
+/// and otherwise each pair once.
 class Comparison : public Sink {
  public:
-  Comparison(const RunOptions& options, const std::vector<std::string>& pictures)
-      : rows_(formatOf(options), {{"image", widest({pictures[0]})},
-                                  {"other", widest({pictures[1]})},
-                                  {"cosine", 10, Column::kResult}}) {}
+  Comparison(const RunOptions& options, const std::vector<std::string>& pictures,
+             ResultFiles& files)
+      : isSquare_(pictures.size() > 2 && formatOf(options) == "table"),
+        rows_(formatOf(options), columns(pictures), linesOf(options, files)) {}
 
   void take(const std::string& picture, const Batch& batch, int index) override {
     const float* const results = batch.values(index);
@@ -134,12 +172,36 @@ class Comparison : public Sink {
     descriptors_.emplace_back(results, results + batch.valueCount());
   }
   void finish() override {
-    const double product = dot(0, 1);
-    const double lengths = std::sqrt(dot(0, 0)) * std::sqrt(dot(1, 1));
-    rows_.print({{"image", pictures_[0]}, {"other", pictures_[1]}, {"cosine", product / lengths}});
+    for (std::size_t i = 0; i < pictures_.size(); ++i) {
+      nlohmann::ordered_json square = {{"#", i + 1}, {"image", pictures_[i]}};
+      for (std::size_t j = isSquare_ ? 0 : i + 1; j < pictures_.size(); ++j) {
+        if (isSquare_) {
+          square[std::to_string(j + 1)] = cosine(i, j);
+        } else {
+          rows_.print({{"image", pictures_[i]}, {"other", pictures_[j]}, {"cosine", cosine(i, j)}});
+        }
+      }
+      if (isSquare_) rows_.print(square);
+    }
   }
 
  private:
+  std::vector<Column> columns(const std::vector<std::string>& pictures) const {
+    constexpr std::size_t kCosine = 10;
+    if (!isSquare_) {
+      return {{"image", widest({pictures[0]})},
+              {"other", widest({pictures[1]})},
+              {"cosine", kCosine, Column::kResult}};
+    }
+    std::vector<Column> columns = {{"#", std::to_string(pictures.size()).size(), 0},
+                                   {"image", widest(pictures)}};
+    for (std::size_t i = 1; i <= pictures.size(); ++i)
+      columns.push_back({std::to_string(i), kCosine, Column::kResult});
+    return columns;
+  }
+  double cosine(std::size_t a, std::size_t b) const {
+    return dot(a, b) / (std::sqrt(dot(a, a)) * std::sqrt(dot(b, b)));
+  }
   double dot(std::size_t a, std::size_t b) const {
     double sum = 0;
     for (std::size_t i = 0; i < descriptors_[a].size(); ++i)
@@ -147,6 +209,7 @@ class Comparison : public Sink {
     return sum;
   }
 
+  bool isSquare_;
   Rows rows_;
   std::vector<std::string> pictures_;
   std::vector<std::vector<float>> descriptors_;
@@ -154,16 +217,34 @@ class Comparison : public Sink {
 
 }  // namespace
 
+std::vector<std::string> resultPaths(const RunOptions& options) {
+  std::vector<std::string> paths;
+  if (!options.output.empty()) paths.push_back(options.output);
+  if (!options.features.empty()) {
+    paths.push_back(namesFileOf(options.features));
+    paths.push_back(options.features);
+  }
+  return paths;
+}
+
+std::ostream& linesOf(const RunOptions& options, ResultFiles& files) {
+  return options.output.empty() ? std::cout : files.stream(0);
+}
+
 bool printsLines(const RunOptions& options) {
-  return options.compared.empty() && (options.features.empty() || !options.format.empty());
+  return options.compared.empty() && options.gallery.empty() &&
+         (options.features.empty() || !options.format.empty() || !options.output.empty());
 }
 
 std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options, const NetworkTable& table,
-                                            const std::vector<std::string>& pictures) {
+                                            const std::vector<std::string>& pictures,
+                                            ResultFiles& files) {
   std::vector<std::unique_ptr<Sink>> sinks;
-  if (!options.compared.empty()) sinks.emplace_back(new Comparison(options, pictures));
-  if (!options.features.empty()) sinks.emplace_back(new Array(options.features, table));
+  if (!options.compared.empty()) sinks.emplace_back(new Comparison(options, pictures, files));
+  if (!options.gallery.empty()) sinks.push_back(neighbours(options, table, files));
+  if (!options.features.empty()) sinks.emplace_back(new Array(options, table, files));
   if (!options.drawings.empty()) sinks.emplace_back(new Drawings(options, table, pictures));
-  if (printsLines(options)) sinks.emplace_back(new Lines(options, table, pictures));
+  if (printsLines(options)) sinks.emplace_back(new Lines(options, table, pictures, files));
+  sinks.emplace_back(new FiniteCheck(options.norm));
   return sinks;
 }

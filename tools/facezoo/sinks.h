@@ -4,6 +4,7 @@
 
 #include "batch.h"
 #include "network_table.h"
+#include "result_files.h"
 
 #include <memory>
 #include <string>
@@ -11,10 +12,10 @@
 
 /// What `facezoo run` was asked for.
 struct RunOptions {
-  std::string network, weights, prefix, format, features, list, drawings, layout;
-  int batch = 8, threads = 0;
+  std::string network, weights, prefix, format, output, features, list, drawings, layout, gallery;
+  int batch = 8, threads = 0, nearest = 1;
   float scale = 1;
-  bool norm = false, strict = false;
+  bool norm = false, strict = false, resume = false;
   std::vector<std::string> images, compared;
 };
 
@@ -30,10 +31,17 @@ class Sink {
   virtual void finish() {}
 };
 
-/// Whether there is a line on standard output for each picture.
+/// The files that `options` ask for.
+std::vector<std::string> resultPaths(const RunOptions& options);
+
+/// Where lines go: standard output, or one of the files.
+std::ostream& linesOf(const RunOptions& options, ResultFiles& files);
+
+/// Whether there is a line for each picture, of its results.
 bool printsLines(const RunOptions& options);
 
 /// One for each kind of result that `options` ask for. @throws Failure if one cannot be written
 std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options,
                                             const facezoo::NetworkTable& table,
-                                            const std::vector<std::string>& pictures);
+                                            const std::vector<std::string>& pictures,
+                                            ResultFiles& files);

@@ -1,0 +1,41 @@
+/// @file
+/// The files that a run writes its results to.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+/// All of a run's files, which appear complete or not at all.
+class ResultFiles {
+ public:
+  ResultFiles() = default;
+  ResultFiles(const ResultFiles&) = delete;
+  ResultFiles& operator=(const ResultFiles&) = delete;
+  virtual ~ResultFiles() = default;
+
+  /// Where to append to a file, by its place among the paths.
+  virtual std::ostream& stream(std::size_t file) = 0;
+  /// The pictures whose results the files hold from an earlier run.
+  virtual const std::vector<std::string>& earlier() const = 0;
+  /// The results of these pictures have been given to the streams. @throws Failure
+  virtual void add(const std::vector<std::string>& pictures) = 0;
+  /// Overwrites the first bytes of a file, after which nothing is added. @throws Failure
+  virtual void replaceStart(std::size_t file, const std::string& bytes) = 0;
+  /// Gives all files their names, in the order of the paths. @throws Failure
+  virtual void keep() = 0;
+};
+
+/// Files that are lost if the run is stopped.
+std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths);
+
+/// Files that a later run goes on with if this one is stopped, even by a loss of power, which costs
+/// the results of the last half second. Until they are complete they stand beside their places as
+/// PATH.partial, with a journal beside the last path, PATH.journal: its first line is `run`, and
+/// every other says which pictures a batch had and where each file ended after it.
+/// @param run what must be the same for a run to go on with the files of another: a line of JSON
+/// @throws Failure if there are files of another run, or complete ones, or one that is going on
+std::unique_ptr<ResultFiles> resumableFiles(const std::vector<std::string>& paths,
+                                            const std::string& run);
