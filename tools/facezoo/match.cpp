@@ -149,7 +149,7 @@ void addMatch(CLI::App& tool) {
   const auto options = std::make_shared<RunOptions>();
   const auto queries = std::make_shared<std::string>();
   command
-      ->add_option("GALLERY", options->gallery, "NumPy array of descriptors, as --features writes")
+      ->add_option("GALLERY", options->gallery, "NumPy array of descriptors")
       ->required();
   CLI::Option* network =
       command->add_option("NET", options->network, "Network of the pictures, by class name")
