@@ -35,7 +35,7 @@ def write_npy(name, rows, names=None, head=None, version=b"\1\0H\0"):
 
 
 def names_of(name):
-    return [json.loads(line) for line in Path(name).with_suffix(".names.jsonl").open()]
+    return [json.loads(line) for line in Path(name).with_suffix(".names.jsonl").read_text().split("\n")[:-1]]
 
 
 def pixels(name):
@@ -125,8 +125,8 @@ class ToolTest(ToolCase):
             (lcnn + " --compare face.jpg", 2, "--compare"), (lcnn + " c --compare a b", 2, "IMAGE|--compare"),
             (lcnn + " --compare a b --features f.npy", 2, "--features excludes --compare"),
             (run + " --features values.csv", 2, "--features: .*values.csv"),
-            (run + " --features no/f.npy", 1, "no/f.npy: cannot be written: No such"),
-            (run + " --features good/f.npy", 1, "good/f.npy: .*Not a directory"),
+            (run + " --features no/f.npy", 1, "no/f.names.jsonl: cannot be written: No such"),
+            (run + " --features good/f.npy", 1, "good/f.names.jsonl: .*Not a directory"),
             (run + " --list nobody", 1, "nobody: .*No such"), (run + " --list /dev/null", 1, "/dev/null: "),
             (f"run {NET} -w good .git", 1, ".git: .*No such"), (synth + " /", 1, "/: .*directory"),
             (synth + " new --seed -1", 2, "seed.*-1"), (synth + " no/z", 1, "no/z: "),
@@ -253,7 +253,7 @@ class ToolTest(ToolCase):
         self.assert_near(expected, list(map(float, row[1:])))
         self.assert_near(expected, list(map(float, below[len(name):].split())))
         self.assertEqual("lines: 1 rows", self.call(*args, "csv", "-o", "lines").split(",")[0])
-        self.assertEqual([head, row], [*csv.reader(open("lines"))])
+        self.assertEqual([head, row], [*csv.reader(Path("lines").read_text().splitlines())])
 
     def test_names_of_any_bytes(self):
         names = [os.fsdecode(name) for name in (
@@ -266,8 +266,8 @@ class ToolTest(ToolCase):
         found = self.call(*run, "json", "--features", "f.npy")
         self.assertEqual([names] * 2, [[json.loads(line)["image"] for line in found.splitlines()],
                                        names_of("f.npy")])
+        self.call(*run, "csv", "-o", "lines")
         with open("lines", encoding="utf-8", newline="", **how) as lines:
-            self.call(*run, "csv", "-o", "lines")
             self.assertEqual(names, [row[0] for row in csv.reader(lines)][1:])
         table = self.call(*run, "table")
         self.assertEqual((len(names) + 1, []), (table.count("\n"), re.findall(r"[\0-\x09\x0b-\x1f\x7f]", table)))
@@ -388,7 +388,7 @@ class ToolTest(ToolCase):
             write_npy(name + ".npy", rows, names, *how)
         Path("text.npy").write_text("no array")
         Path("start.npy").write_bytes(b"\x93NUMPY\1")
-        write_npy("v3.npy", good, None, form("<f4", False, "(1, 2)").ljust(69), b"\3\0F\0\0\0")
+        write_npy("v3.npy", good, None, form("<f4", False, "(1, 2)"), b"\3\0H\0\0\0")
         self.fail_all([(f"match {name}.npy --queries v3.npy", 1, rf"{name}\.{line}") for name, line in (
             ("more", "names.*each of the 1 rows.*found 2"), ("wrong", "names.*line 1"),
             ("half", "names.*line 1"), ("cut", "names.*line 1"), ("wide3", "npy: .* 2 values.*found 3"),
