@@ -14,6 +14,7 @@
 #include "layers/softmax.h"
 
 #include <benchmark/benchmark.h>
+#include <msgpack.hpp>
 
 #include <deque>
 #include <functional>

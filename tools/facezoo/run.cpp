@@ -69,7 +69,7 @@ std::vector<std::string> picturesOf(const RunOptions& options) {
 std::string describeRun(const RunOptions& options, const NetworkTable& table) {
   std::error_code error;
   nlohmann::ordered_json run = {
-      {"tool", FACEZOO_VERSION},
+      {"tool", FACEZOO_VERSION_TEXT},
       {"network", table.name},
       {"weight_file_bytes", fs::file_size(options.weights, error)},
       {"weight_file_time", fs::last_write_time(options.weights, error).time_since_epoch().count()},
