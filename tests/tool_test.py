@@ -142,9 +142,33 @@ class ToolTest(ToolCase):
                        (f"weights synth {NET} -o new", 1, "new: cannot be written: File too large")],
                       preexec_fn=limit)
         self.fail_all([(args, 1, "standard output: cannot be written")
-                       for args in ("info", run, "weights show good")], None, stdout=full)
+                       for args in ("info", "--help", run, "weights show good")], None, stdout=full)
         closed = dict(preexec_fn=lambda: os.close(1), stdout=None)
         self.fail_all([(run + " --format csv --features f.npy", 1, "standard output")], None, **closed)
+
+    def test_loses_no_output(self):
+        """Where a pipe is full and does not wait, and where who reads it has gone."""
+        Path("many").write_text("face.jpg\n" * 40)
+        run = *f"run {NET} -w good --format json --batch 4 --list many".split(),
+        for args in run, (*run, "--help"):
+            expected = self.call(*args)
+            ours, theirs = os.pipe()
+            os.set_blocking(theirs, False)
+            with contextlib.suppress(BlockingIOError):  # so that nothing can be written at first
+                while os.write(theirs, b"\n" * 4096):
+                    pass
+            tool = subprocess.Popen([TOOL, *args], stdout=theirs, stderr=subprocess.PIPE)
+            os.close(theirs)
+            with open(ours, encoding="utf-8") as found:
+                self.assertEqual(expected, found.read().lstrip("\n"))
+            self.assertEqual((b"", 0), (tool.communicate()[1], tool.returncode))
+            ours, theirs = os.pipe()
+            os.close(ours)
+            self.call(*args, "--features", "f.npy", code=-signal.SIGPIPE, stdout=theirs)
+            self.call(*args, code=1, stderr="facezoo: standard output: .*nobody reads it\n",
+                      stdout=theirs, restore_signals=False)
+            os.close(theirs)
+        self.assertEqual(["face.jpg", "good", "many"], sorted(os.listdir()))
 
     def test_makes_do_with_the_threads_there_are(self):
         bench = "bench", NET, "--batch", "1", "--seconds", "0.01", "--format", "json"

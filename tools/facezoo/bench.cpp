@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -151,7 +152,7 @@ void printSetting(const Json& common) {
     if (!line.empty()) line += ", ";
     line += name + ' ' + (value.is_string() ? value.get<std::string>() : value.dump());
   }
-  std::puts(line.c_str());
+  std::cout << line << '\n';
 }
 
 void requireUsage(const Options& options) {
@@ -179,7 +180,7 @@ void benchNetwork(const std::string& name, const Options& options, const Json& c
       throw Failure(name + " for batches of " + std::to_string(batch) + ": " + describeException());
     }
     rows.print(row);
-    if (std::fflush(stdout) != 0) throw Failure("standard output: cannot be written");
+    std::cout.flush();
   }
 }
 

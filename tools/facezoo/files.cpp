@@ -92,8 +92,9 @@ facezoo::FileBytes readFile(const std::string& path) {
   return bytes;
 }
 
-void handleSignals() {
-  for (const int signal : {SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_IGN);
+bool handleSignals() {
+  std::signal(SIGXFSZ, SIG_IGN);
+  const bool heedsPipes = std::signal(SIGPIPE, SIG_IGN) != SIG_IGN;
   for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
     struct sigaction action = {};
     sigaction(signal, nullptr, &action);
@@ -101,6 +102,7 @@ void handleSignals() {
     action.sa_handler = removeAndExit;
     sigaction(signal, &action, nullptr);
   }
+  return heedsPipes;
 }
 
 NewFile::Buffer::int_type NewFile::Buffer::overflow(int_type c) {

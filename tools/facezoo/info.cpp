@@ -5,11 +5,11 @@
 #include "failure.h"
 #include "networks.h"
 #include "rows.h"
+#include "standard_output.h"
 
 #include <cublas_v2.h>
 #include <cudnn.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -151,21 +151,21 @@ Json environment() {
 
 void printTable(const Json& rows, const std::vector<Column>& columns) {
   if (rows.empty()) return;
-  std::printf("\n");
+  print("\n");
   Rows table("table", columns);
   for (const Json& row : rows) table.print(row);
 }
 
 void printTables(const Json& all) {
-  std::printf("facezoo %s, platform %s", FACEZOO_VERSION_TEXT, FACEZOO_PLATFORM);
+  print("facezoo %s, platform %s", FACEZOO_VERSION_TEXT, FACEZOO_PLATFORM);
   if (const auto cpu = cpuPlatform())
-    std::printf(", instructions %s, threads %d", cpu->instructions, cpu->threads);
-  std::printf("\n");
+    print(", instructions %s, threads %d", cpu->instructions, cpu->threads);
+  print("\n");
   printTable(all["libraries"], {{"library", 24}, {"found", 8}, {"supported", 10}, {"verdict", 0}});
   printTable(all["devices"],
              {{"device", 6, 0}, {"name", 24}, {"capability", 10}, {"MiB", 8, 0}, {"verdict", 0}});
-  std::printf("\nrequired: compute capability %d.0, %zu MiB\n", facezoo::requiredMajor,
-              facezoo::requiredMiB);
+  print("\nrequired: compute capability %d.0, %zu MiB\n", facezoo::requiredMajor,
+        facezoo::requiredMiB);
   printTable(
       all["networks"],
       {{"network", 24}, {"channels", 8, 0}, {"width", 5, 0}, {"height", 6, 0}, {"results", 0}});

@@ -1,12 +1,14 @@
 #include "commands.h"
 #include "failure.h"
 #include "files.h"
+#include "standard_output.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <csignal>
 #include <cstdlib>
+#include <iostream>
 
 namespace {
 
@@ -14,7 +16,7 @@ constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
 int fail(int code, const std::string& line) {
-  std::fflush(stdout);
+  if (std::cout) std::cout.flush();
   warn(line);
   return code;
 }
@@ -42,10 +44,10 @@ void occupyStandardStreams() {
   }
 }
 
-/// OpenMP's threads wait for each other by spinning. Beside another busy process that costs whole time
-/// slices, as they spin on the core that the awaited thread needs; a short spin costs an idle machine
-/// nothing. The runtime reads its settings when a process starts, before anything here could change
-/// them, so that the tool starts once more.
+/// OpenMP's threads wait for each other by spinning. Beside another busy process that costs whole
+/// time slices, as they spin on the core that the awaited thread needs; a short spin costs an idle
+/// machine nothing. The runtime reads its settings when a process starts, before anything here
+/// could change them, so that the tool starts once more.
 void boundSpinning([[maybe_unused]] char** argv) {
 #if FACEZOO_SIMULATED
   if (std::getenv("GOMP_SPINCOUNT") != nullptr || std::getenv("OMP_WAIT_POLICY") != nullptr) return;
@@ -67,21 +69,38 @@ int runTool(int argc, char** argv) {
   try {
     tool.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return tool.exit(error);
-    return fail(kWrongUsage, describeUsage(tool, error));
+    if (error.get_exit_code() != 0) return fail(kWrongUsage, describeUsage(tool, error));
+    tool.exit(error);  // prints what was asked for
   }
-  if (std::fflush(stdout) != 0) throw Failure("standard output: cannot be written");
+  std::cout.flush();
   return 0;
+}
+
+/// Ends as any other filter whose reader has gone, unless whoever started the tool wants to hear of
+/// it.
+int endWithoutReader(bool heedsPipes, const ReaderGone& gone) {
+  if (!heedsPipes) return fail(kFailed, gone.what());
+  std::signal(SIGPIPE, SIG_DFL);
+  return std::raise(SIGPIPE);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  boundSpinning(argv);
+  occupyStandardStreams();
+  const bool heedsPipes = handleSignals();
   try {
-    boundSpinning(argv);
-    occupyStandardStreams();
-    handleSignals();
-    return runTool(argc, argv);
+    const StandardOutput output;
+    try {
+      return runTool(argc, argv);
+    } catch (const ReaderGone&) {
+      throw;
+    } catch (...) {
+      return fail(kFailed, describeException());
+    }
+  } catch (const ReaderGone& gone) {
+    return endWithoutReader(heedsPipes, gone);
   } catch (...) {
     return fail(kFailed, describeException());
   }

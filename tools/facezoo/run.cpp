@@ -11,13 +11,14 @@
 #include "progress.h"
 #include "quiet_library.h"
 #include "rows.h"
+#include "standard_output.h"
 #include "weight_document.h"
 
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
+#include <iostream>
 #include <limits>
 #include <memory>
 #include <unordered_map>
@@ -114,7 +115,7 @@ std::size_t process(const RunOptions& options, const NetworkTable& table, Networ
     for (int i = 0; i < batch.size(); ++i)
       for (const auto& sink : sinks) sink->take(waiting[i], batch, i);
     files.add(waiting);
-    if (std::fflush(stdout) != 0) throw Failure("standard output: cannot be written");
+    std::cout.flush();
     progress.add(waiting.size());
     waiting.clear();
   };
@@ -183,8 +184,8 @@ void run(const RunOptions& options) {
         options.features.empty() ? "" : " of " + std::to_string(table.outputCount()) + " values";
     const std::string earlier =
         options.resume ? std::to_string(files->earlier().size()) + " from before, " : "";
-    std::printf("%s: %zu rows%s, %s%.1f pictures/s\n", printable(paths.back()).c_str(), rows,
-                values.c_str(), earlier.c_str(), static_cast<double>(added) / seconds);
+    print("%s: %zu rows%s, %s%.1f pictures/s\n", printable(paths.back()).c_str(), rows,
+          values.c_str(), earlier.c_str(), static_cast<double>(added) / seconds);
   }
   if (unreadable > 0) {
     throw Failure(std::to_string(unreadable) + " of " + std::to_string(pictures.size()) +

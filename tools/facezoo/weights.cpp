@@ -3,13 +3,13 @@
 #include "failure.h"
 #include "files.h"
 #include "networks.h"
+#include "standard_output.h"
 #include "synthesis.h"
 #include "weight_document.h"
 #include "weight_exchange.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <functional>
 #include <memory>
 
@@ -25,16 +25,14 @@ void synthesize(const Options& options) {
   writeRandomWeights(*findNetwork(options.network).table, options.prefix, options.seed,
                      file.stream());
   file.keep();
-  std::printf("%s: weights of %s, seed %ju\n", printable(options.output).c_str(),
-              options.network.c_str(), std::uintmax_t{options.seed});
+  print("%s: weights of %s, seed %ju\n", printable(options.output).c_str(), options.network.c_str(),
+        std::uintmax_t{options.seed});
 }
 
 /// Lists what was found. @throws Failure if there are faults
 void report(const WeightFindings& findings, const Options& options) {
-  for (const std::string& fault : findings.faults)
-    std::printf("fault   %s\n", printable(fault).c_str());
-  for (const std::string& name : findings.unused)
-    std::printf("unused  %s\n", printable(name).c_str());
+  for (const std::string& fault : findings.faults) print("fault   %s\n", printable(fault).c_str());
+  for (const std::string& name : findings.unused) print("unused  %s\n", printable(name).c_str());
   if (!findings.faults.empty()) {
     throw Failure(options.file + ": " + std::to_string(findings.faults.size()) + " of " +
                   std::to_string(findings.expected) + " arrays of " + options.network +
@@ -46,8 +44,8 @@ void check(const Options& options) {
   const WeightFindings findings = checkWeights(WeightDocument(options.file),
                                                *findNetwork(options.network).table, options.prefix);
   report(findings, options);
-  std::printf("OK: %zu arrays of %s, %zu unused\n", findings.expected, options.network.c_str(),
-              findings.unused.size());
+  print("OK: %zu arrays of %s, %zu unused\n", findings.expected, options.network.c_str(),
+        findings.unused.size());
 }
 
 /// Writes the arrays to the output, which gets its name only after `requireSame` has read it back.
@@ -65,9 +63,9 @@ void convert(const std::vector<StoredTensor>& arrays, const Options& options,
   file.keep();
   std::size_t elements = 0;
   for (const StoredTensor& array : arrays) elements += array.elements();
-  std::printf("%s: %zu arrays of %s, %.1f MB, read back and equal\n",
-              printable(options.output).c_str(), arrays.size(), options.network.c_str(),
-              static_cast<double>(elements * sizeof(float)) / 1e6);
+  print("%s: %zu arrays of %s, %.1f MB, read back and equal\n", printable(options.output).c_str(),
+        arrays.size(), options.network.c_str(),
+        static_cast<double>(elements * sizeof(float)) / 1e6);
 }
 
 void importWeights(const Options& options) {
@@ -101,18 +99,18 @@ void show(const Options& options) {
   int width = 4;
   for (const WeightArray& array : document.arrays())
     width = std::max(width, static_cast<int>(array.name.size()));
-  std::printf("%-*s  type        bytes   elements           min          mean           max\n",
-              width, "name");
+  print("%-*s  type        bytes   elements           min          mean           max\n", width,
+        "name");
   for (const WeightArray& array : document.arrays()) {
-    std::printf("%-*s  %-5s", width, printable(array.name).c_str(), array.type);
+    print("%-*s  %-5s", width, printable(array.name).c_str(), array.type);
     if (array.payload.data() != nullptr) {
       const FloatSummary floats = summarize(array.payload);
-      std::printf(" %10zu %10zu %13.6g %13.6g %13.6g", array.payload.size(), floats.count,
-                  floats.min, floats.mean, floats.max);
-      if (floats.notFinite > 0) std::printf("  and %zu NaN or infinite", floats.notFinite);
-      if (array.payload.size() % sizeof(float) != 0) std::printf("  not whole floats");
+      print(" %10zu %10zu %13.6g %13.6g %13.6g", array.payload.size(), floats.count, floats.min,
+            floats.mean, floats.max);
+      if (floats.notFinite > 0) print("  and %zu NaN or infinite", floats.notFinite);
+      if (array.payload.size() % sizeof(float) != 0) print("  not whole floats");
     }
-    std::printf("\n");
+    print("\n");
   }
 }
 
