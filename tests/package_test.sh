@@ -45,7 +45,7 @@ run() { # PROGRAM: the two heads sum to 1
 misuse() { # PROGRAM [ARGUMENT...]
   local code=0
   "$@" >"$dir/log" 2>&1 || code=$?
-  test "$code" -eq 1 -o "$code" -eq 2 && test -s "$dir/log" || fail "$* ended with $code: $(cat "$dir/log")"
+  [[ $code = [12] && -s $dir/log ]] || fail "$* ended with $code: $(cat "$dir/log")"
 }
 
 use_cmake() { # PREFIX STANDARD
@@ -101,7 +101,7 @@ EOF
       done
     done
     echo "-DMSGPACK_NO_BOOST $own/pack.cpp $flags"
-    echo "-nostdinc" $folders "$own/pack.cpp $flags"
+    echo "-nostdinc ${folders//$'\n'/ } $own/pack.cpp $flags"
   } | sed "s/^/g++ -xc++ -std=c++14 $warnings -fsyntax-only /" |
     xargs -P "$(nproc)" -I{} sh -c '{} || exit 255' 2>"$dir/log" || fail "$(cat "$dir/log")"
   # shellcheck disable=SC2086 # several words
@@ -178,7 +178,7 @@ try_examples() { # PREFIX
   for name in "heads dark" "landmarks dark" "descriptors dark.small dark.small" "threads grey"; do
     read -ra words <<<"$name"
     misuse "$bin/${words[0]}"
-    misuse "$bin/${words[0]}" "$dir/DexpressionNet" "${words[@]:1}.none"
+    misuse "$bin/${words[0]}" "$dir/DexpressionNet" "${words[1]}.none"
     (cd "$dir" && misuse "$bin/${words[0]}" none "${words[@]:1}")
     grep -qx 'Weight file not found.' "$dir/log"
   done
