@@ -497,13 +497,31 @@ class ToolTest(ToolCase):
         if b"__asan_init" not in Path(TOOL).read_bytes():
             self.assertLess(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss, 1 << 20)
 
+    def test_decodes_what_is_whole(self):
+        photo = Path(PORTRAIT).read_bytes()
+        scan = photo.index(b"\xff\xda")
+        for name, data in dict(
+                behind=photo + b"\xff\xd8 more", padded=photo[:-2] + bytes(30) + photo[-2:],
+                between=photo[:20] + b"junk" + photo[20:scan] + b"junk" + photo[scan:],
+                version=photo[:11] + b"\7" + photo[12:],
+                parameters=photo[:scan + 11] + b"\1" + photo[scan + 12:]).items():
+            with self.subTest(name):
+                Path(name).write_bytes(data)
+                (_, expected), (_, found) = self.results("-w", "good", "face.jpg", name)
+                self.assertEqual(expected, found)
+
     def test_refuses_files(self):
         png("whole", bytes(range(256)) * 3, 256, 3)
         png("vast", b"", 0, 3, (60000, 60000))
         png("hollow", b"", 0, 3, (9000, 9000))
-        image, photo, good = (Path(name).read_bytes() for name in ("whole", PORTRAIT, "good"))
+        progressive = Path(__file__).parent.parent / "fuzz/corpus/image/greyprog.jpg"
+        image, photo, good, scans = (
+            Path(name).read_bytes() for name in ("whole", PORTRAIT, "good", progressive))
         for name, data in dict(
                 empty=b"", text=b"no such data\n", cutpng=image[:-400], cutjpg=photo[:9999],
+                noend=photo[:-2], hole=photo[:9500] + bytes(16) + photo[9516:],
+                shift=photo[:5000] + bytes(16) + photo[5016:],
+                bomb=scans[:127] + (scans[127:136] + b"\0" + scans[137:140]) * 600 + scans[-2:],
                 short=good[:-1], array=b"\x91" + good, claim=b"\x81\xa1a\xdb\xff\xff\xff\xff12", half=good[:9999],
                 level=b"\x81\xa1a" + b"\x91" * 31 + b"1", deep=b"\x81\xa1a" + b"\x91" * 32 + b"1",
                 entries=b"\xdf\xff\xff\xff\xff\xa1a\xc0").items():
@@ -511,7 +529,9 @@ class ToolTest(ToolCase):
         self.fail_all([(f"run {NET} -w good {name}", 1, line) for name, line in (
             ("nobody", "nobody: .*No such"), ("no\nbody", r"no\?body: "), ("empty", "empty: "),
             ("text", "text: .*else"), ("cutpng", "cutpng: .*PNG.*end"),
-            ("cutjpg", "cutjpg: .*JPEG.*end"), ("vast", "vast: .*60000 x 60000"),
+            ("cutjpg", "cutjpg: .*JPEG.*end"), ("noend", "noend: .*end of JPEG"),
+            ("hole", "hole: .*premature end"), ("shift", "shift: .*extraneous"),
+            ("bomb", "bomb: .*at most 500 scans"), ("vast", "vast: .*60000 x 60000"),
             ("hollow", "hollow: .*9000 x 9000 pixels.*bytes"))])
         self.fail_all([(f"{command} {name}", 1, f"{re.escape(name)}: .*{line}") for name, line in (
             ("nobody", "No such"), ("empty", "empty"), (".", "directory"), ("short", "end missing"),

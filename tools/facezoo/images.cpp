@@ -2,10 +2,10 @@
 
 #include "failure.h"
 #include "files.h"
+#include "jpeg_reader.h"
 
 #include <spng.h>
 #include <stb_image_resize.h>
-#include <turbojpeg.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -60,19 +60,11 @@ Picture decodePng(std::string_view file, int channels) {
 }
 
 Picture decodeJpeg(std::string_view file, int channels) {
-  const std::unique_ptr<void, int (*)(tjhandle)> decoder(tjInitDecompress(), tjDestroy);
-  const auto check = [&](int status) {
-    if (status != 0) throw Failure(tjGetErrorStr2(decoder.get()));
-  };
-  const auto* data = reinterpret_cast<const unsigned char*>(file.data());
-  int width = 0, height = 0, sampling = 0, space = 0;
-  check(tjDecompressHeader3(decoder.get(), data, file.size(), &width, &height, &sampling, &space));
-  const bool inks = space == TJCS_CMYK || space == TJCS_YCCK;
-  const int format = inks ? TJPF_CMYK : channels == 1 ? TJPF_GRAY : TJPF_RGB;
-  Picture picture = allocate(file, width, height, tjPixelSize[format]);
-  // Goes on after a warning unless told to stop, and fills up with grey what it could not read.
-  check(tjDecompress2(decoder.get(), data, file.size(), picture.pixels.get(), width, 0, height,
-                      format, TJFLAG_STOPONWARNING | TJFLAG_LIMITSCANS));
+  JpegReader reader(file);
+  const bool inks = reader.hasInks();
+  const int decoded = inks ? 4 : channels;
+  Picture picture = allocate(file, reader.width(), reader.height(), decoded);
+  reader.decode(inks ? JCS_CMYK : channels == 1 ? JCS_GRAYSCALE : JCS_RGB, picture.pixels.get());
   if (!inks) return picture;
   convertPixels(picture, 4, 3, [](const unsigned char* cmyk, unsigned char* rgb) {
     const int paper = cmyk[3];  // 255 where there is no ink, as in files of the usual programs

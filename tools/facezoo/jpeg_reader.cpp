@@ -1,0 +1,114 @@
+#include "jpeg_reader.h"
+
+#include "failure.h"
+
+#include <jerror.h>
+
+#include <algorithm>
+
+namespace {
+
+/// Each scan of a progressive file costs a pass over all of its pixels, however small the scan is.
+constexpr int kMostScans = 500;
+constexpr std::string_view kExif("Exif\0\0", 6);
+
+/// Whether bytes that libjpeg has skipped in search of a marker were nobody's pixels. Before the
+/// first scan there are none. Where damage makes the decoder lose count of the pixels, some remain
+/// at the end of a scan; what an encoder leaves there by itself is padding.
+bool skippedNoPixels(const jpeg_decompress_struct& state) {
+  constexpr int kFirstRestart = 0xD0, kLastRestart = 0xD7;
+  const int count = state.err->msg_parm.i[0], marker = state.err->msg_parm.i[1];
+  if (state.input_scan_number == 0) return true;
+  if (marker >= kFirstRestart && marker <= kLastRestart) return false;
+  const JOCTET* const end = state.src->next_input_byte;
+  return std::all_of(end - count, end, [end](JOCTET byte) { return byte == end[-1]; });
+}
+
+/// Whether every pixel is what the encoder meant, in spite of what libjpeg has to say.
+bool leavesPixelsWhole(const jpeg_decompress_struct& state) {
+  switch (state.err->msg_code) {
+    case JWRN_ADOBE_XFORM:
+    case JWRN_JFIF_MAJOR:
+    case JWRN_NOT_SEQUENTIAL:  // parameters that only progressive files make use of
+      return true;
+    case JWRN_EXTRANEOUS_DATA:
+      return skippedNoPixels(state);
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+template <class Calls>
+void JpegReader::attempt(const Calls& calls) {
+  if (setjmp(failed_) != 0) throw Failure(message_);
+  calls();
+}
+
+void JpegReader::fail(j_common_ptr state) {
+  auto* reader = static_cast<JpegReader*>(state->client_data);
+  state->err->format_message(state, reader->message_);
+  std::longjmp(reader->failed_, 1);
+}
+
+void JpegReader::judgeWarning(j_common_ptr state, int level) {
+  const auto* reader = static_cast<const JpegReader*>(state->client_data);
+  if (level < 0 && !leavesPixelsWhole(reader->state_)) fail(state);
+}
+
+void JpegReader::limitScans(j_common_ptr state) {
+  auto* reader = static_cast<JpegReader*>(state->client_data);
+  if (reader->state_.input_scan_number <= kMostScans) return;
+  std::snprintf(reader->message_, sizeof reader->message_, "expected at most %d scans, found more",
+                kMostScans);
+  std::longjmp(reader->failed_, 1);
+}
+
+JpegReader::JpegReader(std::string_view file) {
+  state_.err = jpeg_std_error(&errors_);
+  state_.client_data = this;
+  errors_.error_exit = fail;
+  errors_.emit_message = judgeWarning;
+  progress_.progress_monitor = limitScans;
+  try {
+    attempt([&] {
+      jpeg_create_decompress(&state_);
+      state_.progress = &progress_;
+      jpeg_mem_src(&state_, reinterpret_cast<const unsigned char*>(file.data()), file.size());
+      jpeg_save_markers(&state_, JPEG_APP0 + 1, 0xFFFF);
+      jpeg_read_header(&state_, TRUE);
+    });
+  } catch (const Failure&) {
+    jpeg_destroy_decompress(&state_);
+    throw;
+  }
+}
+
+JpegReader::~JpegReader() { jpeg_destroy_decompress(&state_); }
+
+bool JpegReader::hasInks() const {
+  return state_.jpeg_color_space == JCS_CMYK || state_.jpeg_color_space == JCS_YCCK;
+}
+
+std::string_view JpegReader::exif() const {
+  for (const auto* marker = state_.marker_list; marker != nullptr; marker = marker->next) {
+    const std::string_view segment(reinterpret_cast<const char*>(marker->data),
+                                   marker->data_length);
+    if (segment.substr(0, kExif.size()) == kExif) return segment;
+  }
+  return {};
+}
+
+void JpegReader::decode(J_COLOR_SPACE space, unsigned char* pixels) {
+  attempt([&] {
+    state_.out_color_space = space;
+    jpeg_start_decompress(&state_);
+    const std::size_t stride = std::size_t(state_.output_width) * state_.output_components;
+    while (state_.output_scanline < state_.output_height) {
+      JSAMPROW row = pixels + state_.output_scanline * stride;
+      jpeg_read_scanlines(&state_, &row, 1);
+    }
+    jpeg_finish_decompress(&state_);
+  });
+}
