@@ -33,18 +33,29 @@ void requireName(const std::string& path) {
 /// Names of temporary files; the empty ones are free.
 std::array<std::array<char, PATH_MAX>, 4> temporaries;
 
-extern "C" void removeAndExit(int signal) {
+struct Ending {
+  int signal;
+  std::string_view line;
+};
+constexpr Ending kEndings[] = {{SIGHUP, "facezoo: ended, as its terminal was closed\n"},
+                               {SIGINT, "facezoo: interrupted\n"},
+                               {SIGTERM, "facezoo: ended by another process\n"}};
+
+/// Ends the process by the signal itself: a shell goes on with its loop after any other end.
+extern "C" void removeAndEnd(int signal) {
   for (const auto& name : temporaries)
     if (name[0] != '\0') unlink(name.data());
-  const std::string_view line = signal == SIGINT   ? "facezoo: interrupted\n"
-                                : signal == SIGHUP ? "facezoo: ended, as its terminal was closed\n"
-                                                   : "facezoo: ended by another process\n";
-  // Nothing is left to be done if it cannot be said.
-  if (write(STDERR_FILENO, line.data(), line.size()) < 0) _exit(2);
-  _exit(1);
+  for (const auto& [number, line] : kEndings)
+    if (number == signal && write(STDERR_FILENO, line.data(), line.size()) < 0) break;
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, signal);
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+  pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
 }
 
-/// Keeps `name` where `removeAndExit` finds it.
+/// Keeps `name` where `removeAndEnd` finds it.
 char* noteTemporary(const std::string& name) {
   for (auto& slot : temporaries) {
     if (slot[0] != '\0') continue;
@@ -95,12 +106,14 @@ facezoo::FileBytes readFile(const std::string& path) {
 bool handleSignals() {
   std::signal(SIGXFSZ, SIG_IGN);
   const bool heedsPipes = std::signal(SIGPIPE, SIG_IGN) != SIG_IGN;
-  for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
-    struct sigaction action = {};
-    sigaction(signal, nullptr, &action);
-    if (action.sa_handler == SIG_IGN) continue;  // as under nohup
-    action.sa_handler = removeAndExit;
-    sigaction(signal, &action, nullptr);
+  struct sigaction action = {};
+  action.sa_handler = removeAndEnd;
+  for (const Ending& ending : kEndings) sigaddset(&action.sa_mask, ending.signal);
+  for (const Ending& ending : kEndings) {
+    struct sigaction before = {};
+    sigaction(ending.signal, nullptr, &before);
+    if (before.sa_handler == SIG_IGN) continue;  // as under nohup
+    sigaction(ending.signal, &action, nullptr);
   }
   return heedsPipes;
 }

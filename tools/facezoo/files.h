@@ -10,7 +10,8 @@
 facezoo::FileBytes readFile(const std::string& path);
 
 /// From here on a signal that ends the process first removes every incomplete `NewFile` and says so
-/// in one line, and output that nobody takes is a failure like any other.
+/// in one line, then ends it as it does by default; and output that nobody takes is a failure like
+/// any other.
 /// @return whether a process that writes to nobody is to end without a word, as by default
 bool handleSignals();
 
