@@ -1,4 +1,5 @@
-// An image file from its bytes to the pixels that a network takes, grey or in colour.
+// An image file from its bytes to the upright pixels that a network takes, grey or in
+// colour.
 #include "failure.h"
 #include "images.h"
 #include "memory_file.h"
@@ -9,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   unsigned char pixels[kEdge * kEdge * 3];
   const int channels = size % 2 == 0 ? 1 : 3;
   try {
-    loadImage(file.fill(data, size), channels, kEdge, kEdge, pixels);
+    loadImage(file.fill(data, size), {channels, kEdge, kEdge}, {}, pixels);
   } catch (const Failure&) {  // as documented
   }
   return 0;

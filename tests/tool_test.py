@@ -6,15 +6,23 @@ from unittest import mock
 from tool_support import NET, PORTRAIT, RUN, TOOL, ToolCase
 
 
-def png(name, row, height, channels, claimed=None):
-    """Writes an image of equal rows, whose header may claim another width and height."""
-    pixels = zlib.compress((b"\0" + row) * height, 1)
-    width, height = claimed or (len(row) // channels, height)
+def png(name, row, height, channels, claimed=None, extra=()):
+    """Writes an image of equal rows, or of a list of them, with extra (kind, body) chunks; its
+    header may claim another width and height."""
+    rows = row if isinstance(row, list) else [row] * height
+    pixels = zlib.compress(b"".join(b"\0" + each for each in rows), 1)
+    width, height = claimed or (len(rows[0]) // channels, len(rows))
     head = struct.pack(">2I5B", width, height, 8, {1: 0, 3: 2}[channels], 0, 0, 0)
-    chunks = (b"IHDR", head), (b"IDAT", pixels), (b"IEND", b"")
+    chunks = (b"IHDR", head), *extra, (b"IDAT", pixels), (b"IEND", b"")
     Path(name).write_bytes(b"\x89PNG\r\n\x1a\n" + b"".join(
         struct.pack(">I", len(body)) + kind + body + struct.pack(">I", zlib.crc32(kind + body))
         for kind, body in chunks))
+
+
+def exif(orientation, order="<"):
+    """TIFF metadata that says how a picture is turned."""
+    return struct.pack(order + "2sHIHHHIHHI", {"<": b"II", ">": b"MM"}[order], 42, 8, 1, 0x112, 3, 1,
+                       orientation, 0, 0)
 
 
 def npy(name):
@@ -194,7 +202,8 @@ class ToolTest(ToolCase):
                 self.assertIsNone(run.poll())
             run.send_signal(number)
             self.assertRegex(run.communicate(timeout=60)[1], rf"\Afacezoo: [^\n]*{word}[^\n]*\n\Z")
-            self.assertEqual((1, ["face.jpg", "good", "many"]), (run.returncode, sorted(os.listdir())))
+            self.assertEqual((-number, ["face.jpg", "good", "many"]),
+                             (run.returncode, sorted(os.listdir())))
 
     def test_writes_files_of_its_own(self):
         """Neither what stands beside a file nor what has its name is written to before its time."""
@@ -247,11 +256,19 @@ class ToolTest(ToolCase):
         fault = "faces/c.png: expected a PNG or JPEG image, found something else"
         self.assertEqual(names[1:], [name for name, _ in self.results("-w", "good", "--list", "list")])
         run = "run", NET, "-w", "good", "--batch", "2", "--format", "json"
-        listed = self.call(*run, "face.jpg", "--list", "-", input="face.jpg\nfaces/a.jpg")
-        self.assertEqual(["face.jpg", "face.jpg", "faces/a.jpg"],
-                         [json.loads(line)["image"] for line in listed.splitlines()])
-        found = self.call(*run, "faces", "--features", "f.npy", code=1,
-                          stderr=rf"facezoo: {fault}\nfacezoo: 1 of 4 pictures could not be read\n")
+        for text, *args in (("face.jpg\nfaces/a.jpg",), ("\ufeffface.jpg\nfaces/a.jpg",),
+                            ("face.jpg\0faces/a.jpg\0", "--null")):
+            listed = self.call(*run, "face.jpg", "--list", "-", *args, input=text)
+            self.assertEqual(["face.jpg", "face.jpg", "faces/a.jpg"],
+                             [json.loads(line)["image"] for line in listed.splitlines()])
+        self.fail_all([(f"run {NET} -w good --list -", 1, "standard input: .*null.*--null")],
+                      input="face.jpg\0faces/a.jpg\0")
+        os.makedirs("faces/none/deeper")
+        os.symlink("..", "faces/below/loop")
+        left = r"facezoo: faces: left out, as not PNG or JPEG by name: 1 \(notes.txt\)\n"
+        left += r"facezoo: faces: folders without files: 1 \(none\)\n"
+        found = self.call(*run, "faces", "--features", "f.npy", code=1, stderr=(
+            rf"facezoo: {fault}\n{left}facezoo: 1 of 4 pictures could not be read\n"))
         self.assertEqual([{"image": name} for name in names], [*map(json.loads, found.splitlines())])
         rows = npy("f.npy")
         self.assertEqual((names, rows[0]), (names_of("f.npy"), rows[1]))
@@ -480,7 +497,27 @@ class ToolTest(ToolCase):
             self.assertEqual(400, width)
             self.assertTrue({int(x) + int(y) * width for x, y in inside} <= set(drawn))
             self.assertLess(len(drawn), 30 * len(inside))
+        png("blue", b"\x01\x50\xf0" * 9, 9, 3)
+        png("red", b"\xf0\x50\x01" * 9, 9, 3)
+        blue, red, swapped = (
+            json.loads(self.call("run", net, "-w", "all", "--format", "json", *args))["landmarks"]
+            for args in (["blue"], ["red", "--channels", "rgb"], ["red", "--channels", "bgr"]))
+        self.assertEqual(blue, swapped)
+        self.assertNotEqual(blue, red)
         os.symlink("../wide", "to/wide.png")
+        for folder in "in/a", "in/b":
+            os.makedirs(folder)
+            shutil.copy("red", folder + "/x.png")
+        self.call("run", net, "-w", "all", "in", "--draw", "out", "--layout", "xyxy", stderr="[^\0]*")
+        self.assertEqual(["out/a/x.png", "out/b/x.png"], sorted(glob.glob("out/*/*")))
+        shutil.rmtree("out/a")
+        os.symlink("../to", "out/a")
+        shutil.copy("red", "in/x.jpg")
+        shutil.copy("red", "in/x.png")
+        self.fail_all([(f"run {net} -w good in/{what} --layout xyxy --draw {to}", 1, line)
+                       for what, to, line in ((".", "out", "x.png: .*both"), ("x.png", "in", "to be read"))])
+        os.remove("in/x.jpg")
+        self.fail_all([(f"run {net} -w good in --layout xyxy --draw out", 1, "out/a/x.png: .*outside of out")])
         self.fail_all([(f"run {net} -w good wide to/wide.png --draw a --layout xyxy", 1, "a/wide.png: .*both"),
                        (f"run {net} -w good to/wide.png --draw to --layout xyxy", 1, "would be replaced")])
 
@@ -510,10 +547,39 @@ class ToolTest(ToolCase):
                 (_, expected), (_, found) = self.results("-w", "good", "face.jpg", name)
                 self.assertEqual(expected, found)
 
+    def test_turns_pictures_upright(self):
+        stored = [bytes((x * 7 + y * y) % 256 for x in range(30)) for y in range(20)]
+        mirrored = lambda rows: [row[::-1] for row in rows]
+        columns = [*map(bytes, zip(*stored))]
+        upright = [stored, mirrored(stored), mirrored(stored[::-1]), stored[::-1], columns,
+                   mirrored(columns), mirrored(columns[::-1]), columns[::-1]]
+        numbers = range(1, 9)
+        for number, rows in zip(numbers, upright):
+            png(f"upright{number}", rows, 0, 1)
+            png(f"tagged{number}", stored, 0, 1, extra=[(b"eXIf", exif(number, "<>"[number % 2]))])
+        found = [[v for _, v in self.results("-w", "good", *args, *(f"{name}{n}" for n in numbers))]
+                 for name, *args in (("upright",), ("tagged",), ("tagged", "--no-orient"))]
+        self.assertEqual(found[0], found[1])
+        self.assertEqual([found[0][0]] * 8, found[2])
+        self.assertEqual(8, len(set(map(tuple, found[0]))))
+        photo, names, empty = Path(PORTRAIT).read_bytes(), [], struct.pack("<2sHIH", b"II", 42, 8, 0)
+        faults = b"", b"junk", exif(9), exif(6)[:12], exif(6)[:4] + b"\xff" * 4, empty, exif(6)
+        for i, data in enumerate(faults):
+            segment = b"Exif\0\0" + data
+            names += f"broken{i}.jpg", f"broken{i}.png"
+            Path(names[-2]).write_bytes(photo[:2] + b"\xff\xe1" + struct.pack(
+                ">H", len(segment) + 2) + segment + photo[2:])
+            png(names[-1], stored, 0, 1, extra=[(b"eXIf", data)])
+        (_, face), *broken, turned = self.results("-w", "good", "face.jpg", *names)
+        for name, values in broken[:-1]:  # the last two are whole
+            self.assertEqual(face if "jpg" in name else found[0][0], values, name)
+        self.assertEqual(found[0][5], turned[1])
+        self.assertNotEqual(face, broken[-1][1])
+
     def test_refuses_files(self):
         png("whole", bytes(range(256)) * 3, 256, 3)
-        png("vast", b"", 0, 3, (60000, 60000))
-        png("hollow", b"", 0, 3, (9000, 9000))
+        png("vast", b"", 1, 3, (60000, 60000))
+        png("hollow", b"", 1, 3, (9000, 9000))
         progressive = Path(__file__).parent.parent / "fuzz/corpus/image/greyprog.jpg"
         image, photo, good, scans = (
             Path(name).read_bytes() for name in ("whole", PORTRAIT, "good", progressive))

@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "files.h"
 #include "jpeg_reader.h"
+#include "orientation.h"
 
 #include <spng.h>
 #include <stb_image_resize.h>
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -44,7 +46,34 @@ void makeGrey(const unsigned char* rgb, unsigned char* grey) {
   *grey = static_cast<unsigned char>((77 * rgb[0] + 150 * rgb[1] + 29 * rgb[2]) >> 8);
 }
 
-Picture decodePng(std::string_view file, int channels) {
+/// The picture upright, given its orientation tag.
+Picture turn(Picture picture, int tag) {
+  if (tag == 1) return picture;
+  const Orientation from(tag);
+  const int width = picture.width, height = picture.height, channels = picture.channels;
+  Picture upright = {
+      from.transposed ? height : width, from.transposed ? width : height, channels,
+      std::unique_ptr<unsigned char[]>(new unsigned char[std::size_t(width) * height * channels])};
+  unsigned char* pixel = upright.pixels.get();
+  for (int row = 0; row < upright.height; ++row) {
+    for (int column = 0; column < upright.width; ++column, pixel += channels) {
+      const int x = from.transposed ? row : column, y = from.transposed ? column : row;
+      const std::size_t storedX = from.fromRight ? width - 1 - x : x;
+      const std::size_t storedY = from.fromBottom ? height - 1 - y : y;
+      std::copy_n(&picture.pixels[(storedY * width + storedX) * channels], channels, pixel);
+    }
+  }
+  return upright;
+}
+
+/// The Exif metadata as it stands in a JPEG file; empty if there is none, or if it is broken.
+std::string exifOf(spng_ctx* decoder) {
+  spng_exif exif = {};
+  if (spng_get_exif(decoder, &exif) != SPNG_OK) return {};
+  return std::string("Exif\0\0", 6).append(exif.data, exif.length);
+}
+
+Picture decodePng(std::string_view file, int channels, bool orient) {
   const auto check = [](int status) {
     if (status != SPNG_OK) throw Failure(spng_strerror(status));
   };
@@ -56,27 +85,30 @@ Picture decodePng(std::string_view file, int channels) {
   check(spng_decode_image(decoder.get(), picture.pixels.get(),
                           std::size_t{3} * header.width * header.height, SPNG_FMT_RGB8, 0));
   if (channels == 1) convertPixels(picture, 3, 1, makeGrey);
-  return picture;
+  return orient ? turn(std::move(picture), orientationOf(exifOf(decoder.get())))
+                : std::move(picture);
 }
 
-Picture decodeJpeg(std::string_view file, int channels) {
+Picture decodeJpeg(std::string_view file, int channels, bool orient) {
   JpegReader reader(file);
   const bool inks = reader.hasInks();
   const int decoded = inks ? 4 : channels;
   Picture picture = allocate(file, reader.width(), reader.height(), decoded);
   reader.decode(inks ? JCS_CMYK : channels == 1 ? JCS_GRAYSCALE : JCS_RGB, picture.pixels.get());
-  if (!inks) return picture;
-  convertPixels(picture, 4, 3, [](const unsigned char* cmyk, unsigned char* rgb) {
-    const int paper = cmyk[3];  // 255 where there is no ink, as in files of the usual programs
-    for (int c = 0; c < 3; ++c) rgb[c] = static_cast<unsigned char>((cmyk[c] * paper + 127) / 255);
-  });
-  if (channels == 1) convertPixels(picture, 3, 1, makeGrey);
-  return picture;
+  if (inks) {
+    convertPixels(picture, 4, 3, [](const unsigned char* cmyk, unsigned char* rgb) {
+      const int paper = cmyk[3];  // 255 where there is no ink, as in files of the usual programs
+      for (int c = 0; c < 3; ++c)
+        rgb[c] = static_cast<unsigned char>((cmyk[c] * paper + 127) / 255);
+    });
+    if (channels == 1) convertPixels(picture, 3, 1, makeGrey);
+  }
+  return orient ? turn(std::move(picture), orientationOf(reader.exif())) : std::move(picture);
 }
 
 }  // namespace
 
-Picture readPicture(const std::string& path, int channels) {
+Picture readPicture(const std::string& path, int channels, bool orient) {
   const facezoo::FileBytes bytes = readFile(path);
   const std::string_view file(bytes.data.get(), bytes.size);
   if (file.empty()) throw Failure(path + ": expected a PNG or JPEG image, found an empty file");
@@ -84,7 +116,7 @@ Picture readPicture(const std::string& path, int channels) {
   if (!jpeg && file.substr(0, 8) != "\x89PNG\r\n\x1A\n")
     throw Failure(path + ": expected a PNG or JPEG image, found something else");
   try {
-    return jpeg ? decodeJpeg(file, channels) : decodePng(file, channels);
+    return jpeg ? decodeJpeg(file, channels, orient) : decodePng(file, channels, orient);
   } catch (const Failure& failure) {
     throw Failure(path + ": cannot be decoded as " + (jpeg ? "JPEG" : "PNG") + ": " +
                   failure.what());
@@ -102,9 +134,10 @@ Crop centreCrop(const Picture& picture, int width, int height) {
           cropHeight};
 }
 
-void loadImage(const std::string& path, int channels, int width, int height,
-               unsigned char* pixels) {
-  const Picture picture = readPicture(path, channels);
+void loadImage(const std::string& path, const facezoo::InputGeometry& geometry,
+               const PictureReading& reading, unsigned char* pixels) {
+  const auto [channels, width, height] = geometry;
+  const Picture picture = readPicture(path, channels, reading.orient);
   const Crop crop = centreCrop(picture, width, height);
   const int stride = picture.width * channels;
   const unsigned char* corner =
@@ -113,9 +146,11 @@ void loadImage(const std::string& path, int channels, int width, int height,
     const int row = width * channels;
     for (int y = 0; y < height; ++y)
       std::copy_n(corner + std::ptrdiff_t{y} * stride, row, pixels + std::ptrdiff_t{y} * row);
-    return;
-  }
-  if (stbir_resize_uint8(corner, crop.width, crop.height, stride, pixels, width, height, 0,
-                         channels) == 0)
+  } else if (stbir_resize_uint8(corner, crop.width, crop.height, stride, pixels, width, height, 0,
+                                channels) == 0) {
     throw Failure(path + ": not enough memory to resample it");
+  }
+  const std::ptrdiff_t bytes = std::ptrdiff_t{channels} * width * height;
+  if (reading.blueFirst)
+    for (std::ptrdiff_t i = 0; i + 2 < bytes; i += 3) std::swap(pixels[i], pixels[i + 2]);
 }

@@ -1,10 +1,12 @@
 /// @file
 #pragma once
 
+#include <cstdio>  // which jpeglib.h takes for granted
+
 #include <jpeglib.h>
+
 #include <csetjmp>
 #include <cstddef>
-#include <cstdio>  // which jpeglib.h takes for granted
 #include <string_view>
 
 /// Decodes a JPEG file, and refuses it where that would take guesses at pixels: libjpeg alone fills

@@ -41,7 +41,7 @@ void drawDot(const Picture& picture, Point centre, float radius) {
 
 int drawLandmarks(const std::string& path, const float* values, const LandmarkReading& reading,
                   const facezoo::InputGeometry& geometry, const std::string& drawing) {
-  const Picture picture = readPicture(path, kChannels);
+  const Picture picture = readPicture(path, kChannels, reading.orient);
   const Crop crop = centreCrop(picture, geometry.width, geometry.height);
   const float across = static_cast<float>(crop.width) / static_cast<float>(geometry.width);
   const float down = static_cast<float>(crop.height) / static_cast<float>(geometry.height);

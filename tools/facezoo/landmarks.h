@@ -7,8 +7,9 @@
 
 /// How the 136 values of 68 landmarks are to be read, which the training of the weights decides.
 struct LandmarkReading {
-  bool pairs = true;  ///< x0 y0 x1 y1 …; else all x, then all y
-  float scale = 1;    ///< pixels of the network's input for a value of 1
+  bool pairs = true;   ///< x0 y0 x1 y1 …; else all x, then all y
+  float scale = 1;     ///< pixels of the network's input for a value of 1
+  bool orient = true;  ///< whether the network saw the picture turned as its Exif orientation says
 };
 
 /// Writes the picture at `path` as the PNG file `drawing`, with its landmarks as dots.

@@ -1,13 +1,13 @@
 #include "picture_stream.h"
 
 #include "failure.h"
-#include "images.h"
 
 #include <utility>
 
 PictureStream::PictureStream(const std::vector<std::string>& paths,
-                             const facezoo::InputGeometry& geometry, int threads, std::size_t ahead)
-    : paths_(paths), geometry_(geometry), ahead_(ahead) {
+                             const facezoo::InputGeometry& geometry, const PictureReading& reading,
+                             int threads, std::size_t ahead)
+    : paths_(paths), geometry_(geometry), reading_(reading), ahead_(ahead) {
   try {
     for (int i = 0; i < threads; ++i) workers_.emplace_back([this] { work(); });
   } catch (...) {
@@ -54,9 +54,8 @@ void PictureStream::stop() {
 PictureStream::Decoded PictureStream::decode(const std::string& path) const {
   Decoded decoded;
   try {
-    const auto [channels, width, height] = geometry_;
-    decoded.pixels.resize(std::size_t(channels) * width * height);
-    loadImage(path, channels, width, height, decoded.pixels.data());
+    decoded.pixels.resize(std::size_t(geometry_.channels) * geometry_.width * geometry_.height);
+    loadImage(path, geometry_, reading_, decoded.pixels.data());
   } catch (const Failure& failure) {
     decoded.fault = failure.what();
   } catch (...) {

@@ -1,6 +1,7 @@
 /// @file
 #pragma once
 
+#include "images.h"
 #include "network_table.h"
 
 #include <condition_variable>
@@ -21,7 +22,7 @@ class PictureStream {
 
   /// @param ahead how many pictures may wait to be taken; bounds the memory
   PictureStream(const std::vector<std::string>& paths, const facezoo::InputGeometry& geometry,
-                int threads, std::size_t ahead);
+                const PictureReading& reading, int threads, std::size_t ahead);
   PictureStream(const PictureStream&) = delete;
   PictureStream& operator=(const PictureStream&) = delete;
   ~PictureStream();
@@ -36,6 +37,7 @@ class PictureStream {
 
   const std::vector<std::string>& paths_;
   const facezoo::InputGeometry geometry_;
+  const PictureReading reading_;
   const std::size_t ahead_;
   std::mutex mutex_;
   std::condition_variable changed_;

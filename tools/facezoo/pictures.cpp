@@ -3,13 +3,19 @@
 #include "failure.h"
 #include "files.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
+#include <deque>
 #include <filesystem>
 #include <iostream>
 #include <iterator>
+#include <set>
 #include <sstream>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -22,35 +28,108 @@ bool looksLikePicture(const fs::path& path) {
   return extension == ".png" || extension == ".jpg" || extension == ".jpeg";
 }
 
-std::vector<std::string> picturesIn(const std::string& directory) {
-  std::vector<std::string> found;
-  std::error_code error;
-  fs::recursive_directory_iterator entry(directory, error);
-  for (const fs::recursive_directory_iterator end; !error && entry != end; entry.increment(error))
-    if (std::error_code ignored; looksLikePicture(entry->path()) && !entry->is_directory(ignored))
-      found.push_back(entry->path().string());
-  if (error) throw Failure(directory + ": cannot be read: " + error.message());
-  if (found.empty()) throw Failure(directory + ": expected PNG or JPEG files, found none");
-  std::sort(found.begin(), found.end());
-  return found;
+/// How many names there are and the first of them, in a line that stays readable.
+std::string some(std::vector<std::string> names) {
+  constexpr std::size_t kMost = 5, kLength = 200;
+  std::sort(names.begin(), names.end());
+  std::string line = std::to_string(names.size()) + " (";
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    if (i == kMost || (i > 0 && line.size() + names[i].size() > kLength)) return line + ", ...)";
+    line += (i > 0 ? ", " : "") + names[i];
+  }
+  return line + ")";
 }
+
+/// One directory and what is below.
+class Search {
+ public:
+  Search(std::string directory, FoundPictures& found)
+      : directory_(std::move(directory)), found_(found) {
+    const std::size_t before = found_.paths.size(), faultsBefore = found_.faults.size();
+    // After the folders themselves, so that these go by their own names.
+    for (links_.push_back(""); !links_.empty(); links_.pop_front()) enter(links_.front());
+    std::sort(found_.paths.begin() + static_cast<std::ptrdiff_t>(before), found_.paths.end());
+    if (found_.paths.size() == before && found_.faults.size() == faultsBefore) {
+      remark("expected PNG or JPEG files, found none" +
+             (others_.empty() ? "" : " among " + some(others_)));
+    } else if (!others_.empty()) {
+      remark("left out, as not PNG or JPEG by name: " + some(others_));
+    }
+    if (!empty_.empty()) remark("folders without files: " + some(empty_));
+  }
+
+ private:
+  /// Takes what is in the folder `place`. @return whether it holds anything
+  bool enter(const fs::path& place) {
+    const fs::path folder = place.empty() ? fs::path(directory_) : directory_ / place;
+    struct stat status = {};
+    // One that cannot be looked at is refused where it is opened.
+    if (stat(folder.c_str(), &status) == 0 && !seen_.emplace(status.st_dev, status.st_ino).second)
+      return true;
+    std::error_code error;
+    std::vector<fs::directory_entry> entries;
+    fs::directory_iterator entry(folder, error);
+    for (const fs::directory_iterator end; !error && entry != end; entry.increment(error))
+      entries.push_back(*entry);
+    if (error) found_.faults.push_back(folder.string() + ": cannot be read: " + error.message());
+    bool holds = static_cast<bool>(error);
+    const std::size_t emptyBefore = empty_.size();
+    for (const fs::directory_entry& each : entries) {
+      const fs::path inside = place / each.path().filename();
+      if (!each.is_directory(error)) {
+        take(each.path(), inside);
+        holds = true;
+      } else if (each.is_symlink(error)) {
+        links_.push_back(inside);
+        holds = true;
+      } else {
+        holds = enter(inside) || holds;
+      }
+    }
+    if (!holds && !place.empty()) {
+      empty_.resize(emptyBefore);  // it speaks for those in it
+      empty_.push_back(place.string());
+    }
+    return holds;
+  }
+
+  void take(const fs::path& path, const fs::path& place) {
+    if (looksLikePicture(path)) {
+      found_.paths.push_back(path.string());
+      found_.places.emplace(path.string(), place.string());
+    } else {
+      others_.push_back(place.string());
+    }
+  }
+
+  void remark(const std::string& line) { found_.remarks.push_back(directory_ + ": " + line); }
+
+  const std::string directory_;
+  FoundPictures& found_;
+  std::deque<fs::path> links_;  ///< to folders, not yet followed
+  std::set<std::pair<dev_t, ino_t>> seen_;
+  std::vector<std::string> others_, empty_;
+};
 
 }  // namespace
 
-std::vector<std::string> findPictures(const std::vector<std::string>& paths) {
-  std::vector<std::string> pictures;
+FoundPictures findPictures(const std::vector<std::string>& paths) {
+  FoundPictures found;
   for (const std::string& path : paths) {
     std::error_code error;
     if (fs::is_directory(path, error)) {
-      for (std::string& picture : picturesIn(path)) pictures.push_back(std::move(picture));
+      const Search search(path, found);
     } else {
-      pictures.push_back(path);
+      found.paths.push_back(path);
     }
   }
-  return pictures;
+  if (found.paths.empty())
+    throw Failure(found.faults.empty() ? found.remarks.front() : found.faults.front());
+  return found;
 }
 
-std::vector<std::string> readList(const std::string& path) {
+std::vector<std::string> readList(const std::string& path, char separator) {
+  const std::string name = path == "-" ? "standard input" : path;
   std::string text;
   if (path == "-") {
     text.assign(std::istreambuf_iterator<char>(std::cin), {});
@@ -58,12 +137,18 @@ std::vector<std::string> readList(const std::string& path) {
     const facezoo::FileBytes bytes = readFile(path);
     text.assign(bytes.data.get(), bytes.size);
   }
+  const bool isText = separator != '\0';
+  if (isText && text.find('\0') != std::string::npos)
+    throw Failure(name +
+                  ": expected one picture a line, found a null character; does --null help?");
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  if (isText && text.rfind(kByteOrderMark, 0) == 0) text.erase(0, kByteOrderMark.size());
   std::vector<std::string> lines;
   std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+  for (std::string line; std::getline(stream, line, separator);) {
+    if (isText && !line.empty() && line.back() == '\r') line.pop_back();
     if (!line.empty()) lines.push_back(line);
   }
-  if (lines.empty()) throw Failure(path + ": expected one picture a line, found none");
+  if (lines.empty()) throw Failure(name + ": expected one picture a line, found none");
   return lines;
 }

@@ -1,13 +1,25 @@
 /// @file
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
+/// What a search has found.
+struct FoundPictures {
+  std::vector<std::string> paths;
+  /// Where pictures of directories stand in them, by path: "below/a.jpg" for "faces/below/a.jpg".
+  std::map<std::string, std::string> places;
+  std::vector<std::string> faults;   ///< a line for each folder that cannot be read
+  std::vector<std::string> remarks;  ///< lines on what directories hold besides pictures
+};
+
 /// The pictures that `paths` name: a file is itself, a directory stands for the PNG and JPEG files
-/// in it and below, by name. @throws Failure if a directory holds none or cannot be read
-std::vector<std::string> findPictures(const std::vector<std::string>& paths);
+/// in it and below, by name. Links to folders are followed, but no folder of a directory is read
+/// twice. @throws Failure if there are none
+FoundPictures findPictures(const std::vector<std::string>& paths);
 
 /// The lines of a text file, or of standard input if `path` is "-"; empty ones are left out.
+/// @param separator what ends a line: a line feed, or the null character
 /// @throws Failure
-std::vector<std::string> readList(const std::string& path);
+std::vector<std::string> readList(const std::string& path, char separator);

@@ -43,6 +43,8 @@ void checkUsage(const RunOptions& options, const NetworkTable& table) {
   const std::string network = table.name;
   requireBatch(table, options.batch);
   if (options.norm && !table.hasNorm) refuse("--norm", network + " gives no norm");
+  if (!options.channels.empty() && table.channels == 1)
+    refuse("--channels", "expected a network that takes colours, found " + network);
   if (!options.compared.empty() && !gives("features"))
     refuse("--compare", "expected a network that gives a descriptor, found " + network);
   if (!options.drawings.empty() && !gives("landmarks"))
@@ -57,11 +59,12 @@ void checkUsage(const RunOptions& options, const NetworkTable& table) {
     refuse("IMAGE", "expected pictures, a directory, --list or --compare, found none");
 }
 
-std::vector<std::string> picturesOf(const RunOptions& options) {
-  if (!options.compared.empty()) return options.compared;
+FoundPictures picturesOf(const RunOptions& options) {
+  if (!options.compared.empty()) return {options.compared, {}, {}, {}};
   std::vector<std::string> paths = options.images;
   if (!options.list.empty())
-    for (std::string& line : readList(options.list)) paths.push_back(std::move(line));
+    for (std::string& line : readList(options.list, options.null ? '\0' : '\n'))
+      paths.push_back(std::move(line));
   return findPictures(paths);
 }
 
@@ -77,6 +80,8 @@ std::string describeRun(const RunOptions& options, const NetworkTable& table) {
       {"prefix", options.prefix},
       {"values", table.outputCount()},
       {"norm", options.norm},
+      {"channels", options.channels},
+      {"no_orient", options.noOrient},
       {"format", options.format},
       {"files", resultPaths(options)}};
   return run.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
@@ -104,7 +109,8 @@ std::size_t process(const RunOptions& options, const NetworkTable& table, Networ
                     const std::vector<std::string>& pictures, int capacity, bool strict,
                     const std::vector<std::unique_ptr<Sink>>& sinks, ResultFiles& files) {
   Batch batch(table, capacity, options.norm);
-  PictureStream stream(pictures, table, options.threads, capacity + options.threads);
+  PictureStream stream(pictures, table, readingOf(options), options.threads,
+                       capacity + options.threads);
   const bool scrolls = (printsLines(options) || !options.gallery.empty()) &&
                        options.output.empty() && isatty(STDOUT_FILENO) != 0;
   Progress progress(pictures.size(), isatty(STDERR_FILENO) != 0 && !scrolls);
@@ -144,13 +150,19 @@ void run(const RunOptions& options) {
   const KnownNetwork& known = findNetwork(options.network);
   const NetworkTable& table = *known.table;
   checkUsage(options, table);
-  const std::vector<std::string> pictures = picturesOf(options);
+  const FoundPictures found = picturesOf(options);
+  const std::vector<std::string>& pictures = found.paths;
+  for (const std::string& fault : found.faults) {
+    if (options.strict) throw Failure(fault);
+    warn(fault);
+  }
   // What the user may have to mend comes before what takes long.
   const std::vector<std::string> paths = resultPaths(options);
   const std::unique_ptr<ResultFiles> files =
       options.resume ? resumableFiles(paths, describeRun(options, table)) : wholeFiles(paths);
   const std::vector<std::string> left = without(files->earlier(), pictures);
-  const std::vector<std::unique_ptr<Sink>> sinks = sinksFor(options, table, pictures, *files);
+  const std::vector<std::unique_ptr<Sink>> sinks =
+      sinksFor(options, table, pictures, found.places, *files);
   requireWeights(options.weights, table, options.prefix);
   chosenDevice(listDevices());
 
@@ -187,10 +199,13 @@ void run(const RunOptions& options) {
     print("%s: %zu rows%s, %s%.1f pictures/s\n", printable(paths.back()).c_str(), rows,
           values.c_str(), earlier.c_str(), static_cast<double>(added) / seconds);
   }
+  for (const std::string& remark : found.remarks) warn(remark);
   if (unreadable > 0) {
     throw Failure(std::to_string(unreadable) + " of " + std::to_string(pictures.size()) +
                   " pictures could not be read");
   }
+  if (!found.faults.empty())
+    throw Failure("a folder could not be read: the results lack its pictures");
 }
 
 void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequired) {
@@ -205,8 +220,17 @@ void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequi
       ->type_name("N")
       ->capture_default_str();
 
-  command.add_option("--list", options.list, "Text file of one picture a line; - reads stdin")
-      ->type_name("FILE")
+  CLI::Option* list =
+      command.add_option("--list", options.list, "Text file of one picture a line; - reads stdin");
+  list->type_name("FILE")->group(inputs);
+  command.add_flag("--null", options.null, "Null characters end the names in the list, not lines")
+      ->needs(list)
+      ->group(inputs);
+  command.add_option("--channels", options.channels, "Order of colours; rgb unless given")
+      ->check(CLI::IsMember({"rgb", "bgr"}))
+      ->type_name("C")
+      ->group(inputs);
+  command.add_flag("--no-orient", options.noOrient, "Leave pictures as stored, not turned upright")
       ->group(inputs);
   command.add_flag("--strict", options.strict, "Stop at the first picture that cannot be read")
       ->group(inputs);
@@ -263,11 +287,12 @@ void addRun(CLI::App& tool) {
       ->excludes("--resume")
       ->group(outputs);
   command->footer(
-      "Directories are searched to the bottom, by name. Pictures are turned grey for a network of\n"
-      "one channel, cropped around their centre to its aspect ratio, and resampled unless they "
-      "have\n"
-      "its size; an orientation tag is ignored. One that cannot be read is reported and left out,\n"
-      "and makes the exit code 1. Results come in the order of the pictures.\n"
+      "Directories are searched to the bottom, by name; links are followed. Pictures are turned\n"
+      "upright, as their Exif orientation says, turned grey for a network of one channel, cropped\n"
+      "around their centre to its aspect ratio, and resampled unless they have its size. A "
+      "picture\n"
+      "or folder that cannot be read is reported and left out, and makes the exit code 1.\n"
+      "Results come in the order of the pictures.\n"
       "A table shows the first values of a long group; JSON, CSV and NumPy hold all of them.\n"
       "With --features, lines are printed only if --format is given, without the values.\n"
       "Example: facezoo run DexpressionNet -w weights.msgpack --format json face.jpg\n"

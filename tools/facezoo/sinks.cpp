@@ -7,10 +7,15 @@
 #include "npy_file.h"
 #include "rows.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <map>
+#include <optional>
+#include <set>
+#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -119,27 +124,47 @@ class FiniteCheck : public Sink {
   std::string first_;
 };
 
-/// Writes each picture with its landmarks.
+/// Tells files apart, whatever their names; of a file that there is not, nothing.
+std::optional<std::pair<dev_t, ino_t>> identityOf(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return {};
+  return std::pair(status.st_dev, status.st_ino);
+}
+
+/// Writes each picture with its landmarks, in folders as those it was found in.
 class Drawings : public Sink {
  public:
   Drawings(const RunOptions& options, const NetworkTable& table,
-           const std::vector<std::string>& pictures)
-      : reading_{options.layout == "xyxy", options.scale}, geometry_(table) {
-    std::error_code error;
+           const std::vector<std::string>& pictures,
+           const std::map<std::string, std::string>& places)
+      : reading_{options.layout == "xyxy", options.scale, readingOf(options).orient},
+        geometry_(table) {
     std::map<std::string, std::string> pictureOf;
+    std::set<std::optional<std::pair<dev_t, ino_t>>> read;
     for (const std::string& picture : pictures) {
-      const fs::path drawing = fs::path(options.drawings) / fs::path(picture).stem().concat(".png");
-      const auto [known, isNew] = pictureOf.emplace(drawing.string(), picture);
-      if (!isNew && known->second != picture) {
-        throw Failure(drawing.string() + ": would be drawn from both " + known->second + " and " +
+      const auto known = places.find(picture);
+      const fs::path place =
+          known == places.end() ? fs::path(picture).filename() : fs::path(known->second);
+      const fs::path drawing = (fs::path(options.drawings) / place).replace_extension(".png");
+      const auto [other, isNew] = pictureOf.emplace(drawing.string(), picture);
+      if (!isNew && other->second != picture) {
+        throw Failure(drawing.string() + ": would be drawn from both " + other->second + " and " +
                       picture);
       }
-      if (fs::equivalent(drawing, picture, error))
-        throw Failure(drawing.string() + ": is a picture to be read, and would be replaced");
       drawingOf_.emplace(picture, drawing.string());
+      read.insert(identityOf(picture));
     }
-    fs::create_directories(options.drawings, error);
-    if (error) throw Failure(options.drawings + ": cannot be made: " + error.message());
+    for (const auto& [drawing, picture] : pictureOf) {
+      requireInside(drawing, options.drawings);
+      if (const auto replaced = identityOf(drawing); replaced && read.count(replaced) > 0)
+        throw Failure(drawing + ": is a picture to be read, and would be replaced");
+    }
+    for (const auto& [drawing, picture] : pictureOf) {
+      const fs::path folder = fs::path(drawing).parent_path();
+      std::error_code error;
+      fs::create_directories(folder, error);
+      if (error) throw Failure(folder.string() + ": cannot be made: " + error.message());
+    }
   }
 
   void take(const std::string& picture, const Batch& batch, int index) override {
@@ -152,6 +177,16 @@ class Drawings : public Sink {
   }
 
  private:
+  /// A link may lead elsewhere.
+  static void requireInside(const fs::path& drawing, const fs::path& directory) {
+    std::error_code error;
+    const fs::path way =
+        fs::weakly_canonical(fs::absolute(drawing, error), error)
+            .lexically_relative(fs::weakly_canonical(fs::absolute(directory, error), error));
+    if (error || way.empty() || *way.begin() == "..")
+      throw Failure(drawing.string() + ": lies outside of " + directory.string());
+  }
+
   LandmarkReading reading_;
   facezoo::InputGeometry geometry_;
   std::map<std::string, std::string> drawingOf_;
@@ -238,12 +273,13 @@ bool printsLines(const RunOptions& options) {
 
 std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options, const NetworkTable& table,
                                             const std::vector<std::string>& pictures,
+                                            const std::map<std::string, std::string>& places,
                                             ResultFiles& files) {
   std::vector<std::unique_ptr<Sink>> sinks;
   if (!options.compared.empty()) sinks.emplace_back(new Comparison(options, pictures, files));
   if (!options.gallery.empty()) sinks.push_back(neighbours(options, table, files));
   if (!options.features.empty()) sinks.emplace_back(new Array(options, table, files));
-  if (!options.drawings.empty()) sinks.emplace_back(new Drawings(options, table, pictures));
+  if (!options.drawings.empty()) sinks.emplace_back(new Drawings(options, table, pictures, places));
   if (printsLines(options)) sinks.emplace_back(new Lines(options, table, pictures, files));
   sinks.emplace_back(new FiniteCheck(options.norm));
   return sinks;

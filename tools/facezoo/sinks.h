@@ -3,21 +3,29 @@
 #pragma once
 
 #include "batch.h"
+#include "images.h"
 #include "network_table.h"
 #include "result_files.h"
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 /// What `facezoo run` was asked for.
 struct RunOptions {
-  std::string network, weights, prefix, format, output, features, list, drawings, layout, gallery;
+  std::string network, weights, prefix, format, output, features, list, drawings, layout, gallery,
+      channels;
   int batch = 8, threads = 0, nearest = 1;
   float scale = 1;
-  bool norm = false, strict = false, resume = false;
+  bool norm = false, strict = false, resume = false, null = false, noOrient = false;
   std::vector<std::string> images, compared;
 };
+
+/// How `options` have pictures read.
+inline PictureReading readingOf(const RunOptions& options) {
+  return {!options.noOrient, options.channels == "bgr"};
+}
 
 /// What becomes of the results of one picture.
 class Sink {
@@ -40,8 +48,11 @@ std::ostream& linesOf(const RunOptions& options, ResultFiles& files);
 /// Whether there is a line for each picture, of its results.
 bool printsLines(const RunOptions& options);
 
-/// One for each kind of result that `options` ask for. @throws Failure if one cannot be written
+/// One for each kind of result that `options` ask for.
+/// @param places where pictures of directories stand in them, by path
+/// @throws Failure if one cannot be written
 std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options,
                                             const facezoo::NetworkTable& table,
                                             const std::vector<std::string>& pictures,
+                                            const std::map<std::string, std::string>& places,
                                             ResultFiles& files);
