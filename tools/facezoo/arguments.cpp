@@ -5,18 +5,19 @@
 #include <limits>
 
 void addNetworkArgument(CLI::App& command, std::string& name) {
-  command.add_option("NET", name, "Network, by class name")
+  command.add_option("NET", name, "Name of the network")
       ->required()
       ->check(CLI::IsMember(networkNames()));
 }
 
 void addNetworkArguments(CLI::App& command, std::vector<std::string>& names) {
-  command.add_option("NET", names, "Networks, by class name; all eight if none is named")
+  command.add_option("NET", names, "Names of networks; all eight if none is given")
       ->check(CLI::IsMember(networkNames()));
 }
 
 void addPrefixOption(CLI::App& command, std::string& prefix) {
-  command.add_option("--prefix", prefix, "Put in front of every weight name")->type_name("P");
+  command.add_option("--prefix", prefix, "Text that every weight's name in the file begins with")
+      ->type_name("P");
 }
 
 void requireBatch(const facezoo::NetworkTable& network, int batch) {

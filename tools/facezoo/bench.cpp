@@ -221,35 +221,41 @@ void addBench(CLI::App& tool) {
   CLI::App* command = tool.add_subcommand("bench", "Time networks and say what memory they take");
   const auto options = std::make_shared<Options>();
   addNetworkArguments(*command, options->networks);
-  command->add_option("-w,--weights", options->weights, "Weight file of the one NET")
+  command
+      ->add_option("-w,--weights", options->weights, "Weight file of the one network that is named")
       ->type_name("FILE");
   addPrefixOption(*command, options->prefix);
-  command->add_option("--batch", options->batches, "Images for one call of the network")
+  command
+      ->add_option("--batch", options->batches,
+                   "Batch sizes to measure: images in one call of the network")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()))
       ->type_name("N")
       ->capture_default_str();
-  command->add_option("--seconds", options->seconds, "Passes go on for as long, 10 at least")
+  command
+      ->add_option("--seconds", options->seconds,
+                   "How long to repeat each measurement; at least 10 passes are made")
       ->check(positiveNumber)
       ->type_name("S")
       ->capture_default_str();
-  command->add_option("--format", options->format, "Of the rows")
+  command->add_option("--format", options->format, "How to print the results")
       ->check(CLI::IsMember(rowFormats))
       ->type_name("F")
       ->capture_default_str();
   command->footer(
       "Without -w the weights are seeded random numbers, as weights synth makes them.\n"
-      "construction_ms: from the file's name to a network that is ready\n"
-      "min_ms ... max_ms: one Forward, from images on the device until the device is idle again;\n"
-      "  percentiles are the smallest time that so many percent of the passes do not exceed\n"
-      "images_per_s: what run does for a batch once the images are decoded: copy them to the\n"
-      "  device, Forward, norms included, copy the results to the host\n"
-      "device_MiB: by how much the device's free memory is less than before construction; on a "
-      "GPU\n"
-      "  the first row includes what the libraries load\n"
-      "peak_MiB: the most that the process had resident, which on the CPU platform includes the\n"
-      "  device's memory\n"
-      "Both kinds of pass come in turn, after 3 that are not counted. OMP_NUM_THREADS sets the\n"
-      "threads of the CPU platform. CSV and JSON repeat in every row what they were measured on.\n"
+      "construction_ms: time from the file's name to a network that is ready\n"
+      "min_ms ... max_ms: time of one Forward, from images on the device until the device is idle\n"
+      "  again; p50 is the time that half of the passes do not exceed, p90 and p99 likewise\n"
+      "images_per_s: throughput of copying a batch to the device, Forward with norms, and copying\n"
+      "  the results back, which is what run does once the pictures are decoded\n"
+      "device_MiB: device memory that the network takes; on a GPU the first row includes what the\n"
+      "  libraries load\n"
+      "peak_MiB: the most memory that the process had resident. On the CPU platform that includes\n"
+      "  what has been written of the device's memory; what was reserved only, as most of the\n"
+      "  workspace often is, counts in device_MiB alone\n"
+      "Both kinds of pass are made in turn, after 3 that are not counted. OMP_NUM_THREADS sets "
+      "how\n"
+      "many threads the CPU platform uses. CSV and JSON repeat in every row what was measured on.\n"
       "Example: facezoo bench DexpressionNet LCNN29 --batch 1 4 --seconds 0.5");
   command->callback([options] { bench(*options); });
 }

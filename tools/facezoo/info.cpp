@@ -205,11 +205,11 @@ void addInfo(CLI::App& tool) {
   CLI::App* command =
       tool.add_subcommand("info", "Show the build, the versions found, the devices, the networks");
   const auto format = std::make_shared<std::string>("table");
-  command->add_option("--format", *format, "Tables, or one object of JSON")
+  command->add_option("--format", *format, "How to print it: tables, or one JSON object")
       ->check(CLI::IsMember({"table", "json"}))
       ->type_name("F")
       ->capture_default_str();
-  std::string footer = "Of the environment it shows what is set of\n";
+  std::string footer = "Environment variables that are set are shown, too:\n";
   for (const Variable& variable : kVariables)
     footer += std::string("  ") + variable.name + ": " + variable.effect + "\n";
   command->footer(footer +

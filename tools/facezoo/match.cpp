@@ -145,33 +145,39 @@ std::unique_ptr<Sink> neighbours(const RunOptions& options, const facezoo::Netwo
 }
 
 void addMatch(CLI::App& tool) {
-  CLI::App* command = tool.add_subcommand("match", "Find the nearest rows of a gallery");
+  CLI::App* command = tool.add_subcommand(
+      "match", "Find the descriptors in a gallery that are most like a picture's");
   const auto options = std::make_shared<RunOptions>();
   const auto queries = std::make_shared<std::string>();
   command
-      ->add_option("GALLERY", options->gallery, "NumPy array of descriptors")
+      ->add_option("GALLERY", options->gallery,
+                   "NumPy array of descriptors to search, as run writes it")
       ->required();
   CLI::Option* network =
-      command->add_option("NET", options->network, "Network of the pictures, by class name")
+      command
+          ->add_option("NET", options->network, "Name of the network that describes the pictures")
           ->check(CLI::IsMember(networkNames()));
   addPictureOptions(*command, *options, false);
   network->needs("--weights");
-  command->add_option("--queries", *queries, "NumPy array of queries, instead of pictures")
+  command
+      ->add_option("--queries", *queries,
+                   "Search for the rows of a NumPy array instead of pictures")
       ->type_name("FILE.npy")
       ->excludes(network);
-  command->add_option("--nearest", options->nearest, "Rows for each query")
+  command->add_option("--nearest", options->nearest, "How many rows to print for each query")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()))
       ->type_name("K")
       ->capture_default_str();
-  command->add_option("--format", options->format, "Of the lines; a table unless given")
+  command->add_option("--format", options->format, "How to print the results; default table")
       ->check(CLI::IsMember(rowFormats))
       ->type_name("F");
   addOutputOption(*command, *options);
   command->footer(
-      "A row is nearer the larger its cosine similarity; of equal ones, the first comes first.\n"
-      "Every row is compared. Names come from FILE.names.jsonl beside FILE.npy, if that is there.\n"
-      "What is zero or not finite has no direction: such a row matches nothing, and such a query\n"
-      "is reported and left out.\n"
+      "Each query is compared with every row of the gallery; the rows with the largest cosine\n"
+      "similarity are printed, the best first. Rows get their names from the file that run\n"
+      "writes beside the array (FILE.names.jsonl beside FILE.npy). A row of the "
+      "gallery\n"
+      "that is zero or not finite matches nothing; such a query is reported and left out.\n"
       "Example: facezoo run LCNN29 -w lcnn.msgpack --features faces.npy faces/ &&"
       " facezoo match faces.npy LCNN29 -w lcnn.msgpack --nearest 2 one.jpg");
   command->callback([options, queries] {

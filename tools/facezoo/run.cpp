@@ -80,7 +80,7 @@ std::string describeRun(const RunOptions& options, const NetworkTable& table) {
       {"prefix", options.prefix},
       {"values", table.outputCount()},
       {"norm", options.norm},
-      {"channels", options.channels},
+      {"channels", options.channels.empty() ? "rgb" : options.channels},
       {"no_orient", options.noOrient},
       {"format", options.format},
       {"files", resultPaths(options)}};
@@ -210,32 +210,43 @@ void run(const RunOptions& options) {
 
 void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequired) {
   const auto inputs = "Pictures";
-  command.add_option("IMAGE", options.images, "PNG or JPEG files, or directories of them");
-  command.add_option("-w,--weights", options.weights, "Weight file")
+  command.add_option("IMAGE", options.images,
+                     "PNG or JPEG files, or folders, searched to the bottom");
+  command.add_option("-w,--weights", options.weights, "Weight file of the network")
       ->required(weightsRequired)
       ->type_name("FILE");
   addPrefixOption(command, options.prefix);
-  command.add_option("--batch", options.batch, "Most pictures for one call of the network")
+  command
+      .add_option("--batch", options.batch,
+                  "How many pictures go through the network at once, at most")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()))
       ->type_name("N")
       ->capture_default_str();
 
-  CLI::Option* list =
-      command.add_option("--list", options.list, "Text file of one picture a line; - reads stdin");
+  CLI::Option* list = command.add_option(
+      "--list", options.list, "Read picture names from a file, one a line; - is standard input");
   list->type_name("FILE")->group(inputs);
-  command.add_flag("--null", options.null, "Null characters end the names in the list, not lines")
+  command
+      .add_flag("--null", options.null,
+                "The names in the list end in null characters, not line feeds")
       ->needs(list)
       ->group(inputs);
-  command.add_option("--channels", options.channels, "Order of colours; rgb unless given")
+  command
+      .add_option("--channels", options.channels,
+                  "Colour order that the weights were trained with; default rgb")
       ->check(CLI::IsMember({"rgb", "bgr"}))
       ->type_name("C")
       ->group(inputs);
-  command.add_flag("--no-orient", options.noOrient, "Leave pictures as stored, not turned upright")
+  command
+      .add_flag("--no-orient", options.noOrient,
+                "Ignore the Exif orientation: take pictures as they are stored")
       ->group(inputs);
-  command.add_flag("--strict", options.strict, "Stop at the first picture that cannot be read")
+  command
+      .add_flag("--strict", options.strict,
+                "Stop at the first picture that cannot be read, instead of skipping it")
       ->group(inputs);
   options.threads = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, 16U));
-  command.add_option("--threads", options.threads, "Decode pictures on so many threads")
+  command.add_option("--threads", options.threads, "Threads that decode pictures")
       ->check(CLI::Range(1, 256))
       ->type_name("N")
       ->capture_default_str()
@@ -243,7 +254,8 @@ void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequi
 }
 
 CLI::Option* addOutputOption(CLI::App& command, RunOptions& options) {
-  return command.add_option("-o,--output", options.output, "Write the lines to a file")
+  return command
+      .add_option("-o,--output", options.output, "Print to a file instead of standard output")
       ->type_name("FILE");
 }
 
@@ -253,31 +265,43 @@ void addRun(CLI::App& tool) {
   const auto outputs = "Results";
   addNetworkArgument(*command, options->network);
   addPictureOptions(*command, *options, true);
-  command->add_option("--format", options->format, "Of the lines; a table unless given")
+  command->add_option("--format", options->format, "How to print the results; default table")
       ->check(CLI::IsMember(rowFormats))
       ->type_name("F")
       ->group(outputs);
-  command->add_flag("--norm", options->norm, "The network's second result as well")->group(outputs);
-  command->add_option("--features", options->features, "Write a NumPy array, a row a picture")
+  command->add_flag("--norm", options->norm, "Also print the L2 norm that the network computes")
+      ->group(outputs);
+  command
+      ->add_option("--features", options->features,
+                   "Write the results to a NumPy array, one row per picture")
       ->type_name("FILE.npy")
       ->group(outputs);
   addOutputOption(*command, *options)->group(outputs);
-  command->add_flag("--resume", options->resume, "Go on with files that a stopped run left")
+  command
+      ->add_flag("--resume", options->resume,
+                 "Continue a stopped run: keep its rows, add the missing ones")
       ->group(outputs);
   CLI::Option* draw =
-      command->add_option("--draw", options->drawings, "Write each picture with its 68 landmarks")
+      command
+          ->add_option("--draw", options->drawings,
+                       "Write each picture, with its 68 landmarks drawn in, to a folder")
           ->type_name("DIR")
           ->group(outputs);
   command
-      ->add_option("--layout", options->layout, "Landmarks as x0 y0 x1 ..., or all x, then all y")
+      ->add_option("--layout", options->layout,
+                   "Order of the landmark values: x0 y0 x1 y1 ..., or all x, then all y")
       ->check(CLI::IsMember({"xyxy", "xxyy"}))
       ->needs(draw)
       ->group(outputs);
-  command->add_option("--scale", options->scale, "Pixels of the network's input for a value of 1")
+  command
+      ->add_option("--scale", options->scale,
+                   "How many pixels of the network's input a landmark value of 1 is")
       ->needs(draw)
       ->capture_default_str()
       ->group(outputs);
-  command->add_option("--compare", options->compared, "Cosine similarities of descriptors")
+  command
+      ->add_option("--compare", options->compared,
+                   "Print how similar the descriptors of two or more pictures are")
       ->expected(2, std::numeric_limits<int>::max())
       ->type_name("A B ...")
       ->excludes("IMAGE")

@@ -155,9 +155,9 @@ class Drawings : public Sink {
       read.insert(identityOf(picture));
     }
     for (const auto& [drawing, picture] : pictureOf) {
-      requireInside(drawing, options.drawings);
       if (const auto replaced = identityOf(drawing); replaced && read.count(replaced) > 0)
         throw Failure(drawing + ": is a picture to be read, and would be replaced");
+      requireInside(drawing, options.drawings);
     }
     for (const auto& [drawing, picture] : pictureOf) {
       const fs::path folder = fs::path(drawing).parent_path();
