@@ -34,6 +34,7 @@ struct LayerRow {
   bool padded = false;  ///< by kernel / 2, so that stride 1 keeps the size
   bool hasBias = false;
   int width = 0, height = 0;         ///< of a mean image
+  int edge = 1;                      ///< of the feature map that an inner product flattens
   float means[3] = {};               ///< one per channel
   std::array<int, 6> branches = {};  ///< channels inside a block, as its constructor takes them
   bool maxPool = false;              ///< what an `InceptionV3_1` pools with; else the average
@@ -88,6 +89,12 @@ constexpr LayerRow batchNormalization(const char* name, int channels) {
 }
 constexpr LayerRow innerProduct(const char* name, int in, int out, bool hasBias) {
   return {LayerKind::innerProduct, name, in, out, 1, 1, noPadding, hasBias};
+}
+/// Of a feature map of `channels` x `edge` x `edge`, taken in the order channel, row, column.
+constexpr LayerRow innerProduct(const char* name, int channels, int edge, int out, bool hasBias) {
+  LayerRow row = innerProduct(name, channels * edge * edge, out, hasBias);
+  row.edge = edge;
+  return row;
 }
 constexpr LayerRow projection(const char* name, int out) {
   return {LayerKind::projection, name, 2048, out};

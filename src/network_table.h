@@ -59,8 +59,8 @@ inline constexpr LayerRow dexpressionLayers[] = {
     fusedConvolution("conv3a", 272, 96, 1, 1, noPadding),
     fusedConvolution("conv3b", 96, 208, 3, 1, samePadding),
     fusedConvolution("conv3c", 272, 64, 1, 1, noPadding),
-    innerProduct("loss3/classifier_acce_mouth", 272 * 14 * 14, 2, withBias),
-    innerProduct("loss3/classifier_acce_eye", 272 * 14 * 14, 3, withBias),
+    innerProduct("loss3/classifier_acce_mouth", 272, 14, 2, withBias),
+    innerProduct("loss3/classifier_acce_eye", 272, 14, 3, withBias),
 };
 inline constexpr OutputGroup mouthAndEye[] = {{"mouth", 2}, {"eye", 3}};
 inline constexpr NetworkTable dexpressionNet = {
@@ -74,7 +74,7 @@ inline constexpr LayerRow faNetLayers[] = {
     fusedConvolution("conv3", 256, 512, 3, 1, samePadding),
     fusedConvolution("conv4", 512, 512, 3, 1, samePadding),
     fusedConvolution("conv5", 512, 512, 3, 1, samePadding),
-    innerProduct("fc6", 512 * 6 * 6, 4096, withBias),
+    innerProduct("fc6", 512, 6, 4096, withBias),
     innerProduct("fc7", 4096, 4096, withBias),
     innerProduct("68point", 4096, 136, withBias),
 };
@@ -102,7 +102,7 @@ constexpr std::array<LayerRow, 13> inceptionV1Trunk(int edge, int channels) {
 
 inline constexpr LayerRow googLeNetEnd[] = {
     fusedConvolution("loss2/conv", 528, 128, 1, 1, noPadding),
-    innerProduct("loss2/fc", 128 * 5 * 5, 1024, withBias),
+    innerProduct("loss2/fc", 128, 5, 1024, withBias),
     projection("pca", 512),
 };
 inline constexpr auto googLeNetLayers = join(inceptionV1Trunk(256, 1), googLeNetEnd);
@@ -175,7 +175,7 @@ inline constexpr LayerRow lcnn29Layers[] = {
     inceptionMFM("8", 128),
     inceptionMFM("9", 128),
     inceptionMFM("10", 128),
-    innerProduct("fc1", 128 * 8 * 8, 512, withBias),
+    innerProduct("fc1", 128, 8, 512, withBias),
 };
 inline constexpr NetworkTable lcnn29 = {
     {3, 128, 128},      {96 * 128 * 128 * 4, 5}, "LCNN29",          512,
@@ -202,11 +202,11 @@ inline constexpr LayerRow googLeNetBNLayers[] = {
     inceptionV3_1("inception_5b/", 1024, 352, 192, 320, 192, 224, 128, maxPooled),
     convolution("loss1/conv", 576, 128, 1, 1, noPadding, noBias),
     batchNormalization("loss1/conv/bn", 128),
-    innerProduct("loss1/fc", 2048, 1024, noBias),
+    innerProduct("loss1/fc", 128, 4, 1024, noBias),
     batchNormalization("loss1/fc/bn", 1024),
     convolution("loss2/conv", 1024, 128, 1, 1, noPadding, noBias),
     batchNormalization("loss2/conv/bn", 128),
-    innerProduct("loss2/fc", 128 * 2 * 2, 1024, noBias),
+    innerProduct("loss2/fc", 128, 2, 1024, noBias),
     batchNormalization("loss2/fc/bn", 1024),
     projection("pca", 1024),
 };

@@ -128,9 +128,11 @@ class WeightsTest(ToolCase):
         _, (out, inner), _ = tensors[matrix]
         shapes = {  # of which the first rows keep the order of elements
             ("conv1-0", (64, 7, 7)): "", ("conv1-1", (1, 64, 1, 1)): "",
-            (matrix, (out, inner // 4, 2, 2)): "", (matrix, (1, out, inner)): "",
+            (matrix, (3, 272, 14, 14)): "", (matrix, (1, out, inner)): "",
             ("conv1-0", (7, 7, 1, 64)): "[64, 1, 7, 7]", ("conv1-0", (64, 49)): "[64, 1, 7, 7]",
-            (matrix, (inner, out)): f"[{out}, {inner}]", ("conv1-1", (8, 8)): "[64]"}
+            ("conv2b-0", (208, 3, 3, 96)): "[208, 96, 3, 3]", ("conv1-1", (8, 8)): "[64]",
+            **{(matrix, shape): f"[{out}, {inner}] or [3, 272, 14, 14]"
+               for shape in ((inner, out), (3, 14, 14, 272), (3, 13328, 2, 2))}}
         for (name, shape), expected in shapes.items():
             with self.subTest((name, shape)):
                 Path("file").write_bytes(save({**tensors, name: ("F32", shape, tensors[name][2])}))

@@ -19,24 +19,31 @@ Shape withoutOnes(Shape shape) {
   return shape;
 }
 
-/// Whether the tensor has the elements of the weight in the same order. A fully connected layer
-/// sees a feature map as a row of values, however its sizes are written.
-bool fits(const StoredTensor& tensor, std::size_t elements, const LayerRow& layer,
-          WeightRole role) {
-  const Shape expected = weightShape(layer, role);
-  if (withoutOnes(tensor.shape) == withoutOnes(expected)) return true;
-  const bool isMatrix = role == WeightRole::filter && expected.size() == 2;
-  return isMatrix && tensor.elements() == elements && !tensor.shape.empty() &&
-         tensor.shape.front() == expected.front();
+/// The shapes in which a tensor has the elements of the weight in the same order. A fully connected
+/// layer sees a feature map as a row of values: channels, then rows, then columns.
+std::vector<Shape> acceptedShapes(const LayerRow& layer, WeightRole role) {
+  std::vector<Shape> shapes = {weightShape(layer, role)};
+  if (role == WeightRole::filter && layer.edge > 1) {
+    const std::size_t out = layer.out, in = layer.in, edge = layer.edge;
+    shapes.push_back({out, in / (edge * edge), edge, edge});
+  }
+  return shapes;
 }
 
 /// Empty if there is none.
 std::string describeFault(const StoredTensor& tensor, std::size_t elements, const LayerRow& layer,
                           WeightRole role) {
   if (!holdsFloats(tensor)) return "expected F32, F16 or BF16, found " + tensor.type;
-  if (!fits(tensor, elements, layer, role))
-    return "expected shape " + describeShape(weightShape(layer, role)) + ", found " +
-           describeShape(tensor.shape);
+  const std::vector<Shape> accepted = acceptedShapes(layer, role);
+  const auto fits = [&](const Shape& shape) {
+    return withoutOnes(shape) == withoutOnes(tensor.shape);
+  };
+  if (std::none_of(accepted.begin(), accepted.end(), fits)) {
+    std::string shapes;
+    for (const Shape& shape : accepted)
+      shapes += (shapes.empty() ? "" : " or ") + describeShape(shape);
+    return "expected shape " + shapes + ", found " + describeShape(tensor.shape);
+  }
   std::size_t notFinite = 0;
   readFloats(tensor, [&](std::string_view floats) { notFinite += summarize(floats).notFinite; });
   return describeNotFinite(notFinite, elements);
