@@ -219,6 +219,32 @@ TEST_F(PlatformTest, EveryAlgorithmInEveryInstructionSetAndWorkspace) {
   }
 }
 
+TEST_F(PlatformTest, TransformsOverflowFromAHundredthOfTheLargestFloat) {
+  growPool(1 << 14, 2);
+  for (const int kernel : {3, 5}) {
+    Document weights;
+    weights.add("conv-0", std::vector<float>(kernel * kernel, 1e-3F)).add("conv-1", {0.0F});
+    ChosenConvolution layer("conv", weights.root(), 1, 1, kernel, 1, false);
+    for (const auto& [algorithm, limit] :
+         {std::pair(CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM, 1.0F),
+          {CUDNN_CONVOLUTION_FWD_ALGO_WINOGRAD_NONFUSED, 0.01F}}) {
+      for (const float part : {0.0099F, 0.0101F, 0.99F}) {
+        // One tile, of the signs that add up most.
+        std::vector<float> x(36);
+        for (int i = 0; i < 36; ++i) x[i] = (i % 6 == 2) != (i / 6 == 2) ? -part : part;
+        for (float& value : x) value *= std::numeric_limits<float>::max();
+        const Tensor in = upload(x, {1, 1, 6, 6});
+        layer(in);  // lets the layer prepare for the shape
+        layer.algorithm_ = algorithm;
+        // What overflows is NaN in the end, which is rectified.
+        const float first = download(layer(in))[0];
+        EXPECT_EQ(part < limit, std::isfinite(first) && first > 0)
+            << kernel << ", " << algorithm << ", " << part << ": " << first;
+      }
+    }
+  }
+}
+
 TEST_F(PlatformTest, APackedFilterNeverOutlivesItsContents) {
   growPool(64, 2);
   OpenConvolution layer(3);
