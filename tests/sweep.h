@@ -63,7 +63,7 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
 
   void SetUp() override {
     DeviceTest::SetUp();
-    omp_set_num_threads(1);                 // a fork has no others
+    omp_set_num_threads(1);  // a fork has no others
     host_device::keepAfterFork(true);
     host_device::poisonFreshMemory(false);  // filling the workspace anew each time takes too long
     file_ = seededFile(table_);

@@ -16,8 +16,8 @@ facezoo::FileBytes readFile(const std::string& path);
 bool handleSignals();
 
 /// A file that appears under its name only when it is complete and on the disk. What had the name
-/// before is replaced, so that another hard link to it keeps its contents; owner and permissions are
-/// kept as far as they may be. What a symbolic link points to is replaced, not the link.
+/// before is replaced, so that another hard link to it keeps its contents; owner and permissions
+/// are kept as far as they may be. What a symbolic link points to is replaced, not the link.
 class NewFile {
  public:
   /// Opens a temporary file of a random name beside `path`, one that did not exist. @throws Failure
