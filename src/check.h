@@ -4,6 +4,8 @@
 /// thrown as it is. Success is silent.
 #pragma once
 
+#include "report.h"
+
 #include <cublas_v2.h>
 #include <cuda_runtime.h>
 #include <cudnn.h>
@@ -15,8 +17,8 @@ inline void CheckCuda(cudaError_t status, const char* file = __builtin_FILE(),
                       int line = __builtin_LINE()) {
   if (status == cudaSuccess) return;
   cudaGetLastError();
-  std::fprintf(stderr, "[Error] %s (cuda error code: %d) at %s line %d\n",
-               cudaGetErrorString(status), static_cast<int>(status), file, line);
+  facezoo::report(stderr, "[Error] %s (cuda error code: %d) at %s line %d\n",
+                  cudaGetErrorString(status), static_cast<int>(status), file, line);
   throw static_cast<cudaError>(status);
 }
 
@@ -25,8 +27,8 @@ inline void CheckCudnn(cudnnStatus_t status, const char* file = __builtin_FILE()
                        int line = __builtin_LINE()) {
   if (status == CUDNN_STATUS_SUCCESS) return;
   cudaGetLastError();
-  std::fprintf(stderr, "[Error] %s (cudnn error code: %d) at %s line %d\n",
-               cudnnGetErrorString(status), static_cast<int>(status), file, line);
+  facezoo::report(stderr, "[Error] %s (cudnn error code: %d) at %s line %d\n",
+                  cudnnGetErrorString(status), static_cast<int>(status), file, line);
   throw status;
 }
 
@@ -35,8 +37,8 @@ inline void CheckCublas(cublasStatus_t status, const char* file = __builtin_FILE
                         int line = __builtin_LINE()) {
   if (status == CUBLAS_STATUS_SUCCESS) return;
   cudaGetLastError();
-  std::fprintf(stderr, "[Error] (cublas error code: %d) at %s line %d\n", static_cast<int>(status),
-               file, line);
+  facezoo::report(stderr, "[Error] (cublas error code: %d) at %s line %d\n",
+                  static_cast<int>(status), file, line);
   throw status;
 }
 

@@ -1,6 +1,7 @@
 #include "GPU.h"
 #include "check.h"
 #include "device_requirement.h"
+#include "facezoo/listener.h"
 
 #include <cuda_runtime.h>
 
@@ -23,7 +24,12 @@ GPU::GPU() {
       return;
     }
   }
-  std::cerr << "There are no available devices that support CUDA" << std::endl;
+  constexpr const char* line = "There are no available devices that support CUDA";
+  if (facezoo::Listener* const listener = facezoo::listener()) {
+    listener->onLine(line);
+  } else {
+    std::cerr << line << std::endl;
+  }
   throw NO_SUITABLE_DEVICE;
 }
 

@@ -3,7 +3,6 @@
 #include "check.h"
 #include "facezoo/errors.h"
 
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -64,13 +63,13 @@ void LayerBase::readWeight(msgpack::v1::object& weights, std::string name, int b
     if (!isString(entry->key, name)) continue;
     const int found = payloadBytes(entry->val);
     if (entry->val.type != msgpack::v1::type::STR || found != bytes) {
-      std::printf("weight size mismatch. %s %d %d\n", name.c_str(), found, bytes);
+      facezoo::report(stdout, "weight size mismatch. %s %d %d\n", name.c_str(), found, bytes);
       throw BAD_WEIGHTS;
     }
     CheckCuda(cudaMemcpy(dst, entry->val.via.str.ptr, static_cast<std::size_t>(bytes),
                          cudaMemcpyHostToDevice));
     return;
   }
-  std::printf("%s not found.\n", name.c_str());
+  facezoo::report(stdout, "%s not found.\n", name.c_str());
   throw BAD_WEIGHTS;
 }

@@ -3,6 +3,7 @@
 #include "buffer_pool.h"
 #include "check.h"
 #include "facezoo/errors.h"
+#include "facezoo/listener.h"
 #include "file_bytes.h"
 #include "layer_factory.h"
 #include "layers/l2_norm.h"
@@ -10,7 +11,6 @@
 #include "weight_scan.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <utility>
@@ -26,7 +26,7 @@ facezoo::FileBytes readFile(const char* path) {
   facezoo::FileBytes bytes;
   if (file.is_open()) bytes = facezoo::readAll(file, path);
   if (!file.is_open() || file.bad()) {
-    std::printf("Weight file not found.\n");
+    facezoo::report(stdout, "Weight file not found.\n");
     throw WEIGHT_FILE_NOT_FOUND;
   }
   return bytes;
@@ -69,6 +69,7 @@ void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
       msgpack::unpack(bytes.data.get(), bytes.size, offset, referenced, keepInPlace);
   document.zone()->push_finalizer(std::free, bytes.data.get());
   bytes.data.release();  // NOLINT(bugprone-unused-return-value)
+  if (facezoo::Listener* const listener = facezoo::listener()) listener->onDocument(*document);
   out = std::move(document);
 }
 

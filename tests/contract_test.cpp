@@ -1,12 +1,14 @@
 // What a host may count on of errors, pool and networks, on a simulated device and on a card.
 #include "GPU.h"
 #include "calls.h"
+#include "facezoo/listener.h"
 
 #include <algorithm>
 #include <climits>
 #include <fstream>
 #include <iostream>
 #include <regex>
+#include <stdexcept>
 #include <type_traits>
 
 namespace facezoo::test {
@@ -48,6 +50,53 @@ TEST_F(ContractTest, AFailingStatusIsClearedThenPrintedThenThrown) {
                          "\\[Error\\] CUDNN_STATUS_BAD_PARAM \\(cudnn error code: " + badParam +
                          "\\)" + place + "\\[Error\\] \\(cublas error code: 13\\)" + place);
   EXPECT_TRUE(std::regex_match(testing::internal::GetCapturedStderr(), lines));
+}
+
+/// Keeps what it hears, and refuses documents while it is told to.
+struct Ear : Listener {
+  void onLine(const char* line) noexcept override { lines.emplace_back(line); }
+  void onDocument(const msgpack::v1::object& root) override {
+    entries = static_cast<int>(root.via.map.size);
+    if (refuses) throw std::runtime_error("refused");
+  }
+  std::vector<std::string> lines;
+  int entries = -1;
+  bool refuses = false;
+};
+
+TEST_F(ContractTest, WhoListensHearsInPlaceOfTheStreams) {
+  const std::string longPrefix(2000, 'p');
+  const auto construct = [](const char* path, const std::string& prefix) {
+    return thrownBy<NetworkError>([&] { const SmallNetwork net(path, 1, prefix); });
+  };
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  {
+    Ear outer;
+    {
+      Ear ear;
+      const std::string& file = seededFile(smallNetwork);
+      EXPECT_EQ(2, thrownBy<cudaError>([] { CheckCuda(cudaErrorMemoryAllocation); }));
+      EXPECT_EQ(0, construct("nowhere", ""));
+      EXPECT_EQ(1, construct(file.c_str(), "up/"));
+      EXPECT_EQ(1, construct(file.c_str(), longPrefix));
+      ASSERT_EQ(4U, ear.lines.size());
+      EXPECT_EQ(0U, ear.lines[0].find("[Error] out of memory (cuda error code: 2) at tests/"));
+      EXPECT_EQ("Weight file not found.", ear.lines[1]);
+      EXPECT_EQ("up/inMean-0 not found.", ear.lines[2]);
+      EXPECT_EQ(longPrefix.substr(0, 1023), ear.lines[3]);
+
+      const SmallNetwork net(file.c_str(), 1, "");
+      EXPECT_EQ(9, ear.entries);
+      ear.refuses = true;
+      EXPECT_THROW(const SmallNetwork refused(file.c_str(), 1, ""), std::runtime_error);
+      EXPECT_EQ(1, NetworkProbe::count());
+    }
+    EXPECT_EQ(0U, outer.lines.size());
+    EXPECT_EQ(0, construct("nowhere", ""));
+    EXPECT_EQ(1U, outer.lines.size());
+  }
+  EXPECT_EQ("", testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr());
 }
 
 TEST_F(ContractTest, TheChosenDeviceIsCurrent) {
