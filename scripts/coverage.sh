@@ -29,5 +29,5 @@ llvm-profdata merge -sparse "$results"/*.profraw -o "$results/all.profdata"
 llvm-cov export -format=lcov "$tests" -instr-profile="$results/all.profdata" \
   "$PWD/src" "$PWD/include" >"$results/all.info"
 python3 scripts/coverage_table.py "$results/all.info" \
-  src/weight_scan.cpp src/file_bytes.cpp src/network.cpp src/layer.cpp
+  src/document.cpp src/file_bytes.cpp src/network.cpp src/layer.cpp
 echo "coverage: $SECONDS s"

@@ -1,22 +1,69 @@
-#include "weight_scan.h"
-
 // The visitor parser exists only under a later default API version than the library's interface.
 #undef MSGPACK_DEFAULT_API_VERSION
 #define MSGPACK_DEFAULT_API_VERSION 2
+
+#include "document.h"
+
 #include <msgpack.hpp>
 
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 
 namespace facezoo {
 namespace {
 
+using msgpack::v1::object;
+using msgpack::v1::object_kv;
+namespace type = msgpack::v1::type;
+
 constexpr int kDeepestNesting = 32;
 
-class Scan : public msgpack::v2::null_visitor {
+/// Visits an object and all that it holds, and builds the object itself; of a map, its entries too,
+/// if it is given room for them.
+class Builder : public msgpack::v2::null_visitor {
  public:
-  bool start_array(std::uint32_t /*size*/) { return enter(); }
+  explicit Builder(object& root, object_kv* entries = nullptr) : place_(&root), entry_(entries) {}
+
+  bool visit_nil() { return build(type::NIL); }
+  bool visit_boolean(bool /*value*/) { return build(type::BOOLEAN); }
+  bool visit_positive_integer(std::uint64_t /*value*/) { return build(type::POSITIVE_INTEGER); }
+  bool visit_negative_integer(std::int64_t /*value*/) { return build(type::NEGATIVE_INTEGER); }
+  bool visit_float32(float /*value*/) { return build(type::FLOAT32); }
+  bool visit_float64(double /*value*/) { return build(type::FLOAT64); }
+  bool visit_str(const char* data, std::uint32_t size) {
+    if (place_ != nullptr) place_->via.str = {size, data};
+    return build(type::STR);
+  }
+  bool visit_bin(const char* data, std::uint32_t size) {
+    if (place_ != nullptr) place_->via.bin = {size, data};
+    return build(type::BIN);
+  }
+  bool visit_ext(const char* data, std::uint32_t size) {
+    if (place_ != nullptr) place_->via.ext = {size - 1, data};  // without the byte of its type
+    return build(type::EXT);
+  }
+  bool start_array(std::uint32_t /*size*/) {
+    if (place_ != nullptr) place_->via.array = {0, nullptr};
+    return build(type::ARRAY) && enter();
+  }
+  bool start_map(std::uint32_t size) {
+    if (place_ != nullptr) place_->via.map = {depth_ == 0 ? size : 0, nullptr};
+    return build(type::MAP) && enter();
+  }
+  bool start_map_key() {
+    if (isAtEntry()) place_ = &entry_->key;
+    return true;
+  }
+  bool start_map_value() {
+    if (isAtEntry()) place_ = &entry_->val;
+    return true;
+  }
+  bool end_map_value() {
+    if (isAtEntry()) ++entry_;
+    return true;
+  }
   bool end_array() { return leave(); }
-  bool start_map(std::uint32_t /*size*/) { return enter(); }
   bool end_map() { return leave(); }
   [[noreturn]] void parse_error(std::size_t /*at*/, std::size_t /*error*/) {
     throw msgpack::v1::parse_error("parse error");
@@ -26,6 +73,12 @@ class Scan : public msgpack::v2::null_visitor {
   }
 
  private:
+  bool isAtEntry() const { return depth_ == 1 && entry_ != nullptr; }
+  bool build(type::object_type built) {
+    if (place_ != nullptr) place_->type = built;
+    place_ = nullptr;
+    return true;
+  }
   bool enter() {
     if (++depth_ > kDeepestNesting) throw msgpack::v1::parse_error("parse error");
     return true;
@@ -35,16 +88,36 @@ class Scan : public msgpack::v2::null_visitor {
     return true;
   }
 
-  int depth_ = 0;
+  object* place_;  ///< what the next visit builds; null if that is not wanted
+  object_kv* entry_;
+  int depth_ = 0;  ///< how many arrays and maps are open
 };
 
 }  // namespace
 
-std::size_t checkDocument(const char* data, std::size_t size) {
-  Scan scan;
+msgpack::v1::unpacked parseDocument(FileBytes bytes) {
+  // The first pass finds out that every length is backed by bytes: what a file only claims, of a
+  // string or of a map, gets no memory.
+  object root;
+  Builder first(root);
+  std::size_t end = 0;
+  msgpack::v2::parse(bytes.data.get(), bytes.size, end, first);
+  shrink(bytes, end);
+
+  auto zone = std::make_unique<msgpack::v1::zone>();
+  zone->push_finalizer(std::free, bytes.data.get());
+  const char* const data = bytes.data.release();
+  object_kv* entries = nullptr;
+  if (root.type == type::MAP) {
+    const std::size_t count = root.via.map.size;
+    entries = static_cast<object_kv*>(zone->allocate_align(count * sizeof(object_kv)));
+    std::uninitialized_default_construct_n(entries, count);
+  }
+  Builder builder(root, entries);
   std::size_t offset = 0;
-  msgpack::v2::parse(data, size, offset, scan);
-  return offset;
+  msgpack::v2::parse(data, end, offset, builder);
+  if (entries != nullptr) root.via.map.ptr = entries;
+  return {root, std::move(zone)};
 }
 
 }  // namespace facezoo

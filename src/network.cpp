@@ -2,16 +2,15 @@
 
 #include "buffer_pool.h"
 #include "check.h"
+#include "document.h"
 #include "facezoo/errors.h"
 #include "facezoo/listener.h"
 #include "file_bytes.h"
 #include "layer_factory.h"
 #include "layers/l2_norm.h"
 #include "network_table.h"
-#include "weight_scan.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <fstream>
 #include <utility>
 
@@ -59,16 +58,7 @@ Network::~Network() {
 }
 
 void Network::openMsgPack(const char* path, msgpack::v1::unpacked& out) {
-  facezoo::FileBytes bytes = readFile(path);
-  facezoo::shrink(bytes, facezoo::checkDocument(bytes.data.get(), bytes.size));
-  std::size_t offset = 0;
-  bool referenced = false;
-  // The payloads stay where they were read, and live as long as the document.
-  const auto keepInPlace = [](auto, std::size_t, void*) { return true; };
-  msgpack::v1::unpacked document =
-      msgpack::unpack(bytes.data.get(), bytes.size, offset, referenced, keepInPlace);
-  document.zone()->push_finalizer(std::free, bytes.data.get());
-  bytes.data.release();  // NOLINT(bugprone-unused-return-value)
+  msgpack::v1::unpacked document = facezoo::parseDocument(readFile(path));
   if (facezoo::Listener* const listener = facezoo::listener()) listener->onDocument(*document);
   out = std::move(document);
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <string_view>
 
@@ -229,6 +230,41 @@ TEST_F(WeightBytesTest, WhatLiesBehindTheDocumentIsNotKept) {
     const std::size_t kept = heap::usage().bytes - before;
     if (tail == 0) withoutTail = kept;
     EXPECT_LE(kept, withoutTail + (std::size_t{16} << 10)) << tail;
+  }
+}
+
+// What the parser keeps of a value takes many times the byte that it takes in the file.
+TEST_F(WeightBytesTest, WideDocumentsTakeNoMoreThanTheirEntries) {
+  constexpr std::size_t wide = std::size_t{32} << 20, entry = 48;
+  const auto header = [](char tag, std::size_t count) {
+    std::string bytes(1, tag);
+    for (const int shift : {24, 16, 8, 0}) bytes += static_cast<char>(count >> shift);
+    return bytes;
+  };
+  const std::string nils = header('\xdd', wide) + std::string(wide, '\xc0');
+  std::string pairs;
+  for (std::size_t i = 0; i < wide / entry; ++i) pairs += "\xa0\xc0";
+  const struct {
+    const char* name;
+    std::string bytes;
+    std::size_t entries;
+    std::string printed;
+  } documents[] = {
+      {"array", nils, 0, ""},
+      {"array in a map", "\x81\xa0" + nils, 1, "inMean-0 not found.\n"},
+      {"array of a weight's name", "\x81\xa8inMean-0" + nils, 1,
+       "weight size mismatch. inMean-0 0 64\n"},
+      {"map", header('\xdf', wide / entry) + pairs, wide / entry, "inMean-0 not found.\n"}};
+  for (const auto& document : documents) {
+    SCOPED_TRACE(document.name);
+    std::ofstream(path_.path, std::ios::binary) << document.bytes;
+    testing::internal::CaptureStdout();
+    heap::restart();
+    const std::size_t before = heap::usage().bytes;
+    EXPECT_EQ(Answer::badWeights, answerTo<SmallNetwork>(path_.path.c_str()));
+    EXPECT_LE(heap::usage().peak - before,
+              document.bytes.size() + document.entries * entry + (std::size_t{8} << 20));
+    EXPECT_EQ(document.printed, testing::internal::GetCapturedStdout());
   }
 }
 

@@ -1,26 +1,42 @@
 #include "weight_document.h"
 
+#include "document.h"
 #include "failure.h"
 #include "files.h"
-#include "weight_scan.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
-#include <unordered_set>
+#include <iterator>
+#include <unordered_map>
+#include <utility>
 
 namespace {
 
-const char* typeName(msgpack::type::object_type type) {
-  static constexpr const char* names[] = {"nil", "bool",  "int", "int", "float", "str",
-                                          "bin", "array", "map", "ext", "float"};
-  return names[type];
+constexpr const char* kTypeNames[] = {"nil", "bool",  "int", "int", "float", "str",
+                                      "bin", "array", "map", "ext", "float"};
+
+/// What stands for a key that is no string.
+std::string_view standIn(msgpack::type::object_type type) {
+  static const auto texts = [] {
+    std::array<std::string, std::size(kTypeNames)> made;
+    for (std::size_t i = 0; i < made.size(); ++i)
+      made[i] = std::string("(key of type ") + kTypeNames[i] + ")";
+    return made;
+  }();
+  return texts[type];
 }
 
 std::string_view payloadOf(const msgpack::object& value) {
   if (value.type == msgpack::type::STR) return {value.via.str.ptr, value.via.str.size};
   if (value.type == msgpack::type::BIN) return {value.via.bin.ptr, value.via.bin.size};
   return {};
+}
+
+void requireMap(const msgpack::object& root, const std::string& path) {
+  if (root.type != msgpack::type::MAP)
+    throw Failure(path + ": expected a MessagePack map, found " + kTypeNames[root.type]);
 }
 
 }  // namespace
@@ -56,39 +72,55 @@ std::string describeNotFinite(std::size_t notFinite, std::size_t elements) {
          std::to_string(elements) + " NaN or infinite";
 }
 
-WeightDocument::WeightDocument(const std::string& path) : bytes_(readFile(path)) {
-  if (bytes_.size == 0) throw Failure(path + ": expected a MessagePack map, found an empty file");
+WeightDocument::WeightDocument(const std::string& path) {
+  facezoo::FileBytes bytes = readFile(path);
+  const std::size_t size = bytes.size;
+  if (size == 0) throw Failure(path + ": expected a MessagePack map, found an empty file");
   try {
-    facezoo::checkDocument(bytes_.data.get(), bytes_.size);
-    std::size_t end = 0;
-    const auto keepInFile = [](auto, std::size_t, void*) { return true; };
-    msgpack::unpack(document_, bytes_.data.get(), bytes_.size, end, keepInFile);
+    document_ = facezoo::parseDocument(std::move(bytes));
   } catch (const msgpack::v1::insufficient_bytes&) {
     throw Failure(path + ": expected a complete MessagePack map, found its end missing after " +
-                  std::to_string(bytes_.size) + " bytes");
+                  std::to_string(size) + " bytes");
   } catch (const msgpack::v1::unpack_error&) {
     throw Failure(path +
                   ": expected a MessagePack map, found bytes that are not MessagePack or "
                   "nest deeper than 32 levels");
   }
-  const msgpack::object& root = document_.get();
-  if (root.type != msgpack::type::MAP)
-    throw Failure(path + ": expected a MessagePack map, found " + typeName(root.type));
-  arrays_.reserve(root.via.map.size);
-  for (std::uint32_t i = 0; i < root.via.map.size; ++i) {
-    const msgpack::object_kv& entry = root.via.map.ptr[i];
-    const bool named = entry.key.type == msgpack::type::STR;
-    arrays_.push_back({named ? std::string(payloadOf(entry.key))
-                             : std::string("(key of type ") + typeName(entry.key.type) + ")",
-                       named, typeName(entry.val.type), payloadOf(entry.val)});
-  }
-  for (const WeightArray& array : arrays_)
-    if (array.named) byName_.emplace(array.name, &array);
+  root_ = *document_;
+  requireMap(root_, path);
 }
 
-const WeightArray* WeightDocument::find(std::string_view name) const {
-  const auto found = byName_.find(name);
-  return found == byName_.end() ? nullptr : found->second;
+WeightDocument::WeightDocument(const msgpack::v1::object& root, const std::string& path)
+    : root_(root) {
+  requireMap(root_, path);
+}
+
+WeightArray WeightDocument::operator[](std::size_t i) const {
+  const auto& [key, value] = root_.via.map.ptr[i];
+  const bool named = key.type == msgpack::type::STR;
+  return {named ? payloadOf(key) : standIn(key.type), named, kTypeNames[value.type],
+          payloadOf(value)};
+}
+
+std::vector<std::optional<WeightArray>> arraysOf(
+    const WeightDocument& document, const facezoo::NetworkTable& network, const std::string& prefix,
+    const std::function<void(const WeightArray&)>& unused) {
+  std::unordered_map<std::string, std::size_t> places;
+  facezoo::forEachWeight(network.layers, prefix, [&](const std::string& name, auto&&...) {
+    places.emplace(name, places.size());
+  });
+  std::vector<std::optional<WeightArray>> arrays(places.size());
+  std::string name;
+  for (std::size_t i = 0; i < document.size(); ++i) {
+    const WeightArray array = document[i];
+    const auto place = array.named ? places.find(name.assign(array.name)) : places.end();
+    if (place == places.end() || arrays[place->second]) {
+      unused(array);
+    } else {
+      arrays[place->second] = array;
+    }
+  }
+  return arrays;
 }
 
 WeightWriter::WeightWriter(std::ostream& out, std::size_t arrays) : packer_(out) {
@@ -104,22 +136,26 @@ void WeightWriter::append(std::string_view floats) {
   packer_.pack_str_body(floats.data(), static_cast<std::uint32_t>(floats.size()));
 }
 
+void WeightFindings::addUnused(std::string_view name) {
+  constexpr std::size_t kMostNamed = 40;  // a page
+  if (unusedCount++ < kMostNamed) unused.emplace_back(name);
+}
+
 WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkTable& network,
                             const std::string& prefix) {
   WeightFindings findings;
-  std::unordered_set<const WeightArray*> used;
+  const auto arrays = arraysOf(document, network, prefix,
+                               [&](const WeightArray& array) { findings.addUnused(array.name); });
   facezoo::forEachWeight(
       network.layers, prefix,
       [&](const std::string& name, std::size_t elements, const facezoo::LayerRow& layer,
           facezoo::WeightRole role) {
-        ++findings.expected;
+        const std::optional<WeightArray>& array = arrays[findings.expected++];
         const std::size_t bytes = elements * sizeof(float);
         const std::string expected = "expected " + std::to_string(bytes) + " bytes of str, shape " +
                                      describeShape(weightShape(layer, role)) + ", found ";
-        const WeightArray* array = document.find(name);
-        used.insert(array);
         std::string fault;
-        if (array == nullptr) {
+        if (!array) {
           fault = expected + "none";
         } else if (!array->loadable()) {
           fault = expected + array->type;
@@ -130,14 +166,12 @@ WeightFindings checkWeights(const WeightDocument& document, const facezoo::Netwo
         }
         if (!fault.empty()) findings.faults.push_back(name + ": " + fault);
       });
-  for (const WeightArray& array : document.arrays())
-    if (used.count(&array) == 0) findings.unused.push_back(array.name);
   return findings;
 }
 
-void requireWeights(const std::string& path, const facezoo::NetworkTable& network,
-                    const std::string& prefix) {
-  const WeightFindings findings = checkWeights(WeightDocument(path), network, prefix);
+void requireWeights(const WeightDocument& document, const std::string& path,
+                    const facezoo::NetworkTable& network, const std::string& prefix) {
+  const WeightFindings findings = checkWeights(document, network, prefix);
   if (findings.faults.empty()) return;
   constexpr std::size_t kMost = 5;
   const std::size_t named = std::min(kMost, findings.faults.size());

@@ -1,21 +1,21 @@
 /// @file
 #pragma once
 
-#include "file_bytes.h"
 #include "network_table.h"
 
 #include <msgpack.hpp>
 
 #include <cstddef>
+#include <functional>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 /// One entry of a weight file.
 struct WeightArray {
-  std::string name;          ///< printable stand-in if the key is not a string
+  std::string_view name;     ///< printable stand-in if the key is not a string
   bool named;                ///< the key is a string
   const char* type;          ///< the MessagePack type of the value; networks take "str" only
   std::string_view payload;  ///< of a str or bin; empty for other types
@@ -43,18 +43,23 @@ class WeightDocument {
  public:
   /// @throws Failure if the file does not hold a MessagePack map
   explicit WeightDocument(const std::string& path);
+  /// What was parsed by somebody else from `path`, who keeps it. @throws Failure likewise
+  WeightDocument(const msgpack::v1::object& root, const std::string& path);
 
-  /// In file order.
-  const std::vector<WeightArray>& arrays() const { return arrays_; }
-  /// The one that a network reads by that name, the first of equals; null if there is none.
-  const WeightArray* find(std::string_view name) const;
+  std::size_t size() const { return root_.via.map.size; }
+  /// Entry `i` in the order of the file.
+  WeightArray operator[](std::size_t i) const;
 
  private:
-  facezoo::FileBytes bytes_;
-  msgpack::v1::object_handle document_;
-  std::vector<WeightArray> arrays_;
-  std::unordered_map<std::string_view, const WeightArray*> byName_;
+  msgpack::v1::unpacked document_;
+  msgpack::v1::object root_;
 };
+
+/// The arrays that a network reads, in its order, each the first of its name; null where there is
+/// none. For the other entries, unused(array) is called in the order of the file.
+std::vector<std::optional<WeightArray>> arraysOf(
+    const WeightDocument& document, const facezoo::NetworkTable& network, const std::string& prefix,
+    const std::function<void(const WeightArray&)>& unused = [](const WeightArray&) {});
 
 /// Writes a weight file, array by array.
 class WeightWriter {
@@ -71,12 +76,14 @@ class WeightWriter {
 struct WeightFindings {
   std::size_t expected = 0;         ///< arrays that the network needs
   std::vector<std::string> faults;  ///< why the network would not load, or not work
-  std::vector<std::string> unused;  ///< names of entries that no layer reads
+  std::vector<std::string> unused;  ///< names of entries that no layer reads, the first of them
+  std::size_t unusedCount = 0;      ///< of all
+  void addUnused(std::string_view name);
 };
 WeightFindings checkWeights(const WeightDocument& document, const facezoo::NetworkTable& network,
                             const std::string& prefix);
 
 /// Finds what a network's constructor would, but all of it and without a device.
 /// @throws Failure that names the first faults of the file
-void requireWeights(const std::string& path, const facezoo::NetworkTable& network,
-                    const std::string& prefix);
+void requireWeights(const WeightDocument& document, const std::string& path,
+                    const facezoo::NetworkTable& network, const std::string& prefix);

@@ -128,17 +128,19 @@ TensorSelection selectTensors(const std::vector<StoredTensor>& tensors, const Ne
         }
       });
   for (const StoredTensor& tensor : tensors)
-    if (users.count(&tensor) == 0) selection.findings.unused.push_back(tensor.name);
+    if (users.count(&tensor) == 0) selection.findings.addUnused(tensor.name);
   return selection;
 }
 
 std::vector<StoredTensor> tensorsOf(const WeightDocument& document, const NetworkTable& network,
                                     const std::string& prefix) {
+  const auto arrays = arraysOf(document, network, prefix);
   std::vector<StoredTensor> tensors;
+  std::size_t i = 0;
   facezoo::forEachWeight(
       network.layers, prefix,
       [&](const std::string& name, std::size_t, const LayerRow& layer, WeightRole role) {
-        if (const WeightArray* array = document.find(name))
+        if (const auto& array = arrays[i++])
           tensors.push_back({name, "F32", weightShape(layer, role), array->payload});
       });
   return tensors;

@@ -33,6 +33,8 @@ void synthesize(const Options& options) {
 void report(const WeightFindings& findings, const Options& options) {
   for (const std::string& fault : findings.faults) print("fault   %s\n", printable(fault).c_str());
   for (const std::string& name : findings.unused) print("unused  %s\n", printable(name).c_str());
+  if (const std::size_t more = findings.unusedCount - findings.unused.size(); more > 0)
+    print("unused  ... and %zu more\n", more);
   if (!findings.faults.empty()) {
     throw Failure(options.file + ": " + std::to_string(findings.faults.size()) + " of " +
                   std::to_string(findings.expected) + " arrays of " + options.network +
@@ -45,7 +47,7 @@ void check(const Options& options) {
                                                *findNetwork(options.network).table, options.prefix);
   report(findings, options);
   print("OK: %zu arrays of %s, %zu unused\n", findings.expected, options.network.c_str(),
-        findings.unused.size());
+        findings.unusedCount);
 }
 
 /// Writes the arrays to the output, which gets its name only after `requireSame` has read it back.
@@ -97,12 +99,13 @@ void exportWeights(const Options& options) {
 void show(const Options& options) {
   const WeightDocument document(options.file);
   int width = 4;
-  for (const WeightArray& array : document.arrays())
-    width = std::max(width, static_cast<int>(array.name.size()));
+  for (std::size_t i = 0; i < document.size(); ++i)
+    width = std::max(width, static_cast<int>(document[i].name.size()));
   print("%-*s  type        bytes   elements           min          mean           max\n", width,
         "name");
-  for (const WeightArray& array : document.arrays()) {
-    print("%-*s  %-5s", width, printable(array.name).c_str(), array.type);
+  for (std::size_t i = 0; i < document.size(); ++i) {
+    const WeightArray array = document[i];
+    print("%-*s  %-5s", width, printable(std::string(array.name)).c_str(), array.type);
     if (array.payload.data() != nullptr) {
       const FloatSummary floats = summarize(array.payload);
       print(" %10zu %10zu %13.6g %13.6g %13.6g", array.payload.size(), floats.count, floats.min,
