@@ -1,5 +1,5 @@
 """End-to-end test of the command-line tool: tool_test.py PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
-import ast, contextlib, csv, glob, json, math, os, pty, re, resource, shutil, signal, struct
+import ast, contextlib, csv, ctypes, glob, json, math, os, pty, re, resource, shutil, signal, struct
 import subprocess, sys, time, unittest, zlib
 from pathlib import Path
 from unittest import mock
@@ -177,6 +177,22 @@ class ToolTest(ToolCase):
                       stdout=theirs, restore_signals=False)
             os.close(theirs)
         self.assertEqual(["face.jpg", "good", "many"], sorted(os.listdir()))
+
+    def test_reads_weights_once(self):
+        """So that what was checked is what is computed with, whoever replaces the file meanwhile."""
+        libc, opened = ctypes.CDLL(None), 0x20
+        watch = libc.inotify_init()
+        self.addCleanup(os.close, watch)
+        libc.inotify_add_watch(watch, b"good", opened)
+        self.call("run", NET, "-w", "good", "face.jpg")
+        self.assertEqual(16, len(os.read(watch, 999)))  # the length of one event
+
+    def test_keeps_the_library_quiet(self):
+        """Where it would print among the results: a weight file that cannot be opened any more."""
+        few = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (5, 5))
+        stderr = "facezoo: [^\n]*\n"
+        self.assertEqual("", self.call("run", NET, "-w", "good", "face.jpg", "--features", "f.npy",
+                                       code=1, stderr=stderr, preexec_fn=few))
 
     def test_makes_do_with_the_threads_there_are(self):
         bench = "bench", NET, "--batch", "1", "--seconds", "0.01", "--format", "json"

@@ -3,9 +3,9 @@
 #include "commands.h"
 #include "cpu_platform.h"
 #include "facezoo.h"
+#include "facezoo/listener.h"
 #include "failure.h"
 #include "networks.h"
-#include "quiet_library.h"
 #include "rows.h"
 #include "synthesis.h"
 #include "weight_document.h"
@@ -174,7 +174,7 @@ void benchNetwork(const std::string& name, const Options& options, const Json& c
     row["network"] = name;
     row["batch"] = batch;
     try {
-      const QuietLibrary quiet;
+      const facezoo::Listener quiet;
       addFigures(row, measure(known, weights, batch, options));
     } catch (...) {
       throw Failure(name + " for batches of " + std::to_string(batch) + ": " + describeException());
@@ -188,7 +188,8 @@ void bench(Options options) {
   if (options.networks.empty() && options.weights.empty()) options.networks = networkNames();
   requireUsage(options);
   if (!options.weights.empty()) {
-    requireWeights(options.weights, *findNetwork(options.networks[0]).table, options.prefix);
+    requireWeights(WeightDocument(options.weights), options.weights,
+                   *findNetwork(options.networks[0]).table, options.prefix);
   }
   const std::vector<Device> devices = listDevices();
   const Json common = setting(devices[chosenDevice(devices)]);

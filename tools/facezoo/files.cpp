@@ -88,13 +88,17 @@ void takeOver(const std::string& path, int file) {
 
 }  // namespace
 
-facezoo::FileBytes readFile(const std::string& path) {
+void requireRegularFile(const std::string& path) {
   requireName(path);
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (error) throw Failure(path + ": cannot be read: " + error.message());
   if (fs::is_directory(status)) throw Failure(path + ": expected a file, found a directory");
   if (!fs::is_regular_file(status)) throw Failure(path + ": expected a regular file");
+}
+
+facezoo::FileBytes readFile(const std::string& path) {
+  requireRegularFile(path);
   errno = 0;
   std::ifstream file(path, std::ios::binary);
   facezoo::FileBytes bytes;

@@ -6,6 +6,9 @@
 #include <fstream>
 #include <string>
 
+/// @throws Failure unless there is a file at `path`, and no pipe or device, which might never end
+void requireRegularFile(const std::string& path);
+
 /// The whole of a regular file. @throws Failure
 facezoo::FileBytes readFile(const std::string& path);
 

@@ -4,15 +4,15 @@
 #include "commands.h"
 #include "devices.h"
 #include "facezoo.h"
+#include "facezoo/listener.h"
 #include "failure.h"
+#include "loading.h"
 #include "networks.h"
 #include "picture_stream.h"
 #include "pictures.h"
 #include "progress.h"
-#include "quiet_library.h"
 #include "rows.h"
 #include "standard_output.h"
-#include "weight_document.h"
 
 #include <unistd.h>
 
@@ -163,7 +163,6 @@ void run(const RunOptions& options) {
   const std::vector<std::string> left = without(files->earlier(), pictures);
   const std::vector<std::unique_ptr<Sink>> sinks =
       sinksFor(options, table, pictures, found.places, *files);
-  requireWeights(options.weights, table, options.prefix);
   chosenDevice(listDevices());
 
   const int batch = static_cast<int>(std::min<std::size_t>(options.batch, pictures.size()));
@@ -172,9 +171,9 @@ void run(const RunOptions& options) {
   std::size_t unreadable = 0;
   double seconds = 0;
   try {
-    const QuietLibrary quiet;
+    const facezoo::Listener quiet;
     const GPU gpu;
-    known.with(options.weights, batch, options.prefix, [&](Network& network) {
+    withCheckedNetwork(known, options.weights, batch, options.prefix, [&](Network& network) {
       const Timer timer;
       unreadable = process(options, table, network, left, batch, strict, sinks, *files);
       seconds = timer.milliseconds() / 1000;

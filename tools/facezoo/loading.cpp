@@ -1,0 +1,41 @@
+#include "loading.h"
+
+#include "facezoo/listener.h"
+#include "files.h"
+#include "weight_document.h"
+
+namespace {
+
+class WeightCheck : public facezoo::Listener {
+ public:
+  WeightCheck(const KnownNetwork& known, const std::string& path, const std::string& prefix)
+      : network_(*known.table), path_(path), prefix_(prefix) {}
+  void onDocument(const msgpack::v1::object& root) override {
+    requireWeights(WeightDocument(root, path_), path_, network_, prefix_);
+  }
+
+ private:
+  const facezoo::NetworkTable& network_;
+  const std::string& path_;
+  const std::string& prefix_;
+};
+
+}  // namespace
+
+void withCheckedNetwork(const KnownNetwork& known, const std::string& weightFile, int maxBatch,
+                        const std::string& prefix, const std::function<void(Network&)>& use) {
+  requireRegularFile(weightFile);
+  const auto diagnose = [&] {
+    requireWeights(WeightDocument(weightFile), weightFile, *known.table, prefix);
+  };
+  const WeightCheck check(known, weightFile, prefix);
+  try {
+    known.with(weightFile, maxBatch, prefix, use);
+  } catch (NetworkError) {  // of a file that cannot be read
+    diagnose();
+    throw;
+  } catch (const msgpack::v1::unpack_error&) {
+    diagnose();
+    throw;
+  }
+}
