@@ -11,7 +11,7 @@ unset CPATH LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
 tool=$build_dir/bin/facezoo
 warnings='-Wall -Wextra -Werror'
 
-block() { sed -n "/^\`\`\`$1\$/,/^\`\`\`\$/p" "$source_dir/README.md" | sed '/^```/d'; }
+block() { sed -n "/^\`\`\`$1\$/,/^\`\`\`\$/p" "${2:-$source_dir/README.md}" | sed '/^```/d'; }
 fail() {
   echo "$*" >&2
   exit 1
@@ -101,6 +101,10 @@ EOF
       done
     done
     echo "-DMSGPACK_NO_BOOST $own/pack.cpp $flags"
+    for name in failures threads; do
+      block cpp "$source_dir/docs/$name.md" >"$own/$name.cpp"
+      grep -q '#include <facezoo.h>' "$own/$name.cpp" && echo "$own/$name.cpp $flags"
+    done
     echo "-nostdinc ${folders//$'\n'/ } $own/pack.cpp $flags"
   } | sed "s/^/g++ -xc++ -std=c++14 $warnings -fsyntax-only /" |
     xargs -P "$(nproc)" -I{} sh -c '{} || exit 255' 2>"$dir/log" || fail "$(cat "$dir/log")"
