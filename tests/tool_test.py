@@ -123,12 +123,14 @@ class ToolTest(ToolCase):
             (f"run {NET} -w good", 2, "IMAGE: expected pictures.*found none"),
             (run.replace(NET, "Nobody"), 2, "Nobody"), (run + " --bogus", 2, "--bogus"),
             (run + " --format xml", 2, "xml"), (run + " --norm", 2, f"--norm: {NET} gives no norm"),
-            *((f"{run} --batch {n}", 2, f"--batch.* {n}\\b") for n in (0, -1, 700, "x")),
+            *((f"{run} --batch {n}", 2, f"--batch.* {n}\\b") for n in (0, -1, 700, "x", "0x8", 2**64 + 1)),
             *((f"{run} --threads {n}", 2, f"--threads.* {n}\\b") for n in (0, -1, 257)),
             (run + " --draw to --layout xyxy", 2, f"--draw: .*landmarks, found {NET}"),
             (run + " --layout xyxy", 2, "--layout requires --draw"), (run + " --scale 2", 2, "--scale"),
             ("run FANet -w good face.jpg --draw to", 2, "--draw: expected --layout"),
             ("run FANet -w good face.jpg --draw to --layout yx", 2, "yx"),
+            *((f"run FANet -w good face.jpg --draw to --layout xyxy --scale {n}", 2, f"--scale.* {n} ")
+              for n in ("1e39", "nan", 0)),
             (f"run {NET} -w good --compare face.jpg face.jpg", 2, f"--compare: .*descriptor, found {NET}"),
             (lcnn + " --compare face.jpg", 2, "--compare"), (lcnn + " c --compare a b", 2, "IMAGE|--compare"),
             (lcnn + " --compare a b --features f.npy", 2, "--features excludes --compare"),
@@ -137,7 +139,8 @@ class ToolTest(ToolCase):
             (run + " --features good/f.npy", 1, "good/f.names.jsonl: .*Not a directory"),
             (run + " --list nobody", 1, "nobody: .*No such"), (run + " --list /dev/null", 1, "/dev/null: "),
             (f"run {NET} -w good .git", 1, ".git: .*No such"), (synth + " /", 1, "/: .*directory"),
-            (synth + " new --seed -1", 2, "seed.*-1"), (synth + " no/z", 1, "no/z: "),
+            *((f"{synth} new --seed {n}", 2, f"--seed.* {n}\\b") for n in (-1, 2**64)),
+            (synth + " no/z", 1, "no/z: "),
             (synth.replace(NET, "Nobody") + " new", 2, "Nobody")])
 
     def test_survives_full_disks_and_closed_streams(self):

@@ -2,7 +2,10 @@
 
 #include "networks.h"
 
+#include <charconv>
+#include <cstdlib>
 #include <limits>
+#include <system_error>
 
 void addNetworkArgument(CLI::App& command, std::string& name) {
   command.add_option("NET", name, "Name of the network")
@@ -18,6 +21,31 @@ void addNetworkArguments(CLI::App& command, std::vector<std::string>& names) {
 void addPrefixOption(CLI::App& command, std::string& prefix) {
   command.add_option("--prefix", prefix, "Text that every weight's name in the file begins with")
       ->type_name("P");
+}
+
+CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most) {
+  const std::string first = std::to_string(least), last = std::to_string(most);
+  return {[=](std::string& text) -> std::string {
+            std::uint64_t number = 0;
+            const char* const end = text.data() + text.size();
+            const auto [rest, error] = std::from_chars(text.data(), end, number);
+            if (error != std::errc() || rest != end || number < least || number > most)
+              return "expected a whole number from " + first + " to " + last + ", found " + text;
+            text = std::to_string(number);
+            return {};
+          },
+          "INT in [" + first + " - " + last + "]"};
+}
+
+CLI::Validator positiveNumber() {
+  return {[](std::string& text) -> std::string {
+            char* end = nullptr;
+            const float number = std::strtof(text.c_str(), &end);
+            if (*end == '\0' && number > 0 && number <= std::numeric_limits<float>::max())
+              return {};
+            return "expected a positive number, found " + text;
+          },
+          ""};
 }
 
 void requireBatch(const facezoo::NetworkTable& network, int batch) {

@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,12 @@ void addNetworkArgument(CLI::App& command, std::string& name);
 /// Any number of them, also none.
 void addNetworkArguments(CLI::App& command, std::vector<std::string>& names);
 void addPrefixOption(CLI::App& command, std::string& prefix);
+
+/// Takes decimal digits, for `transform`: the parser alone would wrap a sign around, take the
+/// largest number for a larger one, and 010 for eight.
+CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most);
+/// Takes what a 32-bit float can hold, unless it is zero or less, for `check`.
+CLI::Validator positiveNumber();
 
 /// @throws CLI::ValidationError if no block of the pool could be large enough
 void requireBatch(const facezoo::NetworkTable& network, int batch);

@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -209,13 +208,6 @@ void bench(Options options) {
   for (const std::string& name : options.networks) benchNetwork(name, options, common, rows);
 }
 
-std::string positiveNumber(const std::string& text) {
-  char* end = nullptr;
-  const double number = std::strtod(text.c_str(), &end);
-  if (*end == '\0' && std::isfinite(number) && number > 0) return {};
-  return "expected a positive number, found " + text;
-}
-
 }  // namespace
 
 void addBench(CLI::App& tool) {
@@ -229,13 +221,13 @@ void addBench(CLI::App& tool) {
   command
       ->add_option("--batch", options->batches,
                    "Batch sizes to measure: images in one call of the network")
-      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+      ->transform(wholeNumber(1, std::numeric_limits<int>::max()))
       ->type_name("N")
       ->capture_default_str();
   command
       ->add_option("--seconds", options->seconds,
                    "How long to repeat each measurement; at least 10 passes are made")
-      ->check(positiveNumber)
+      ->check(positiveNumber())
       ->type_name("S")
       ->capture_default_str();
   command->add_option("--format", options->format, "How to print the results")

@@ -1,5 +1,6 @@
 #include "match.h"
 
+#include "arguments.h"
 #include "commands.h"
 #include "failure.h"
 #include "networks.h"
@@ -165,7 +166,7 @@ void addMatch(CLI::App& tool) {
       ->type_name("FILE.npy")
       ->excludes(network);
   command->add_option("--nearest", options->nearest, "How many rows to print for each query")
-      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+      ->transform(wholeNumber(1, std::numeric_limits<int>::max()))
       ->type_name("K")
       ->capture_default_str();
   command->add_option("--format", options->format, "How to print the results; default table")

@@ -218,7 +218,7 @@ void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequi
   command
       .add_option("--batch", options.batch,
                   "How many pictures go through the network at once, at most")
-      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+      ->transform(wholeNumber(1, std::numeric_limits<int>::max()))
       ->type_name("N")
       ->capture_default_str();
 
@@ -246,7 +246,7 @@ void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequi
       ->group(inputs);
   options.threads = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, 16U));
   command.add_option("--threads", options.threads, "Threads that decode pictures")
-      ->check(CLI::Range(1, 256))
+      ->transform(wholeNumber(1, 256))
       ->type_name("N")
       ->capture_default_str()
       ->group(inputs);
@@ -295,6 +295,7 @@ void addRun(CLI::App& tool) {
   command
       ->add_option("--scale", options->scale,
                    "How many pixels of the network's input a landmark value of 1 is")
+      ->check(positiveNumber())
       ->needs(draw)
       ->capture_default_str()
       ->group(outputs);

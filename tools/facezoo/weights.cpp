@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 
 namespace {
@@ -117,12 +118,6 @@ void show(const Options& options) {
   }
 }
 
-// Conversion alone would wrap a negative number around.
-std::string wholeNumber(const std::string& text) {
-  if (text.find_first_not_of("0123456789") == std::string::npos) return {};
-  return "expected a whole number, found " + text;
-}
-
 }  // namespace
 
 void addWeights(CLI::App& tool) {
@@ -153,7 +148,7 @@ void addWeights(CLI::App& tool) {
   addOutput(*synth);
   synth->add_option("--seed", options->seed, "Same seed, same file")
       ->type_name("S")
-      ->check(wholeNumber)
+      ->transform(wholeNumber(0, std::numeric_limits<std::uint64_t>::max()))
       ->capture_default_str();
   addPrefixOption(*synth, options->prefix);
 
