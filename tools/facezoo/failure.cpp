@@ -6,8 +6,18 @@
 #include <unistd.h>
 #include <utf8.h>
 
-#include <algorithm>
+#include <iterator>
 #include <new>
+
+namespace {
+
+/// Control characters, separators of lines, and what turns the direction of writing around.
+bool steersTerminal(char32_t c) {
+  return c < 0x20 || (c >= 0x7F && c <= 0x9F) || (c >= 0x2028 && c <= 0x202E) ||
+         (c >= 0x2066 && c <= 0x2069);
+}
+
+}  // namespace
 
 std::string describeException() {
   try {
@@ -34,12 +44,14 @@ std::string describeException() {
   }
 }
 
-std::string printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-  std::string valid;
+std::string printable(const std::string& text) {
+  std::string valid, shown;
   utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(valid), U'?');
-  return valid;
+  for (auto rest = valid.begin(); rest != valid.end();) {
+    const char32_t c = utf8::unchecked::next(rest);
+    utf8::unchecked::append(steersTerminal(c) ? U'?' : c, std::back_inserter(shown));
+  }
+  return shown;
 }
 
 void warn(const std::string& line) {

@@ -14,9 +14,9 @@ class Failure : public std::runtime_error {
 /// What the exception in flight means to the user. The library throws bare enumeration values.
 std::string describeException();
 
-/// `text` with its control characters and what is not UTF-8 replaced, so that a name from a file
-/// cannot break a line or steer the terminal.
-std::string printable(std::string text);
+/// `text` with its control characters, those of Unicode included, and what is not UTF-8 replaced,
+/// so that a name from a file cannot break a line, turn its direction or steer the terminal.
+std::string printable(const std::string& text);
 
 /// Says `line` on standard error, in the tool's name.
 void warn(const std::string& line);
