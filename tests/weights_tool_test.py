@@ -71,6 +71,25 @@ class WeightsTest(ToolCase):
                          rf"\n{MOUTH} +str +8 +2 +0 +0\.549306 +1\.09861\n")
         self.assert_near([.25, .75, .125, .25, .625], self.results("-w", "known", "face.jpg")[0][1])
 
+    def test_reports_are_short(self):
+        spare = [(f"spare{i}", b"1") for i in range(100)]
+        steering = "\x85\u009b2J\u2028\u2029\u202a\u202e\u2066\u2069\x7f\n \u00e9\u200d\u2030\u206a"
+        shown = "??2J???????? \u00e9\u200d\u2030\u206a"
+        arrays = [(steering, b"1"), ("n" * 99999, b"1"), *spare]
+        Path("much").write_bytes(b"".join([struct.pack(">BH", 0xDE, len(arrays) + 19), *(
+            struct.pack(">BI", 0xDB, len(name.encode())) + name.encode() + b"\xa1" + data
+            for name, data in arrays), Path("good").read_bytes()[3:]]))
+        for does in ("check", NET, "much"), ("export", NET, "much", "-o", "made"):
+            *listed, last = self.call("weights", *does).splitlines()
+            self.assertEqual([f"unused  {name}" for name in (
+                shown, "n" * 99999, *(name for name, _ in spare[:38]), "... and 62 more")], listed)
+        lines = self.call("weights", "show", "much").splitlines()
+        self.assertEqual((121, f"{shown:60}  str            1"), (len(lines) - 1, lines[1][:78]))
+        self.assertLess(max(map(len, lines[:2] + lines[3:])), 200)
+        Path("list").write_text("n" * 99999 + "\nface.jpg\n")
+        table = self.call("run", NET, "-w", "good", "--list", "list", code=1, stderr="[^\0]*")
+        self.assertLess(max(map(len, table.splitlines())), 200)
+
     def test_synthesizes(self):
         for name, *rest in ("same", "7"), ("other", "8"), ("named", "7", "--prefix", "up/"):
             self.call("weights", "synth", NET, "-o", name, "--seed", *rest)

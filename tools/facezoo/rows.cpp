@@ -65,9 +65,8 @@ struct Cell {
 void printAligned(const std::vector<Cell>& cells, std::ostream& out) {
   std::string line;
   for (const auto& [text, width, onLeft] : cells) {
-    const std::string blanks(width - std::min(width, widthOf(text)), ' ');
     if (&text != &cells.front().text) line += "  ";
-    line += onLeft ? text + blanks : blanks + text;
+    line += padded(text, width, onLeft);
   }
   out << line.substr(0, line.find_last_not_of(' ') + 1) << '\n';
 }
@@ -86,6 +85,12 @@ void forEachValue(const Json& row, const Visit& visit) {
 
 std::size_t widthOf(const std::string& text) {
   return std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; });
+}
+
+std::string padded(const std::string& text, std::size_t width, bool onLeft) {
+  const std::size_t most = std::min(width, widestColumn);
+  const std::string blanks(most - std::min(most, widthOf(text)), ' ');
+  return onLeft ? text + blanks : blanks + text;
 }
 
 void Rows::print(const Json& row) {

@@ -23,8 +23,14 @@ struct Column {
   int decimals = kText;
 };
 
+/// Text that is wider stands whole in a table, but the other rows are not made as wide.
+inline constexpr std::size_t widestColumn = 60;
+
 /// Characters of a UTF-8 text, which is the width it takes.
 std::size_t widthOf(const std::string& text);
+
+/// `text` and the blanks that make it `width` characters, or `widestColumn` of them.
+std::string padded(const std::string& text, std::size_t width, bool onLeft = true);
 
 /// Prints objects that have the same fields, each as it comes: as a table of some of the fields, or
 /// all of them as CSV or as lines of JSON. Text may hold any bytes, which CSV has as they are and

@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "files.h"
 #include "networks.h"
+#include "rows.h"
 #include "standard_output.h"
 #include "synthesis.h"
 #include "weight_document.h"
@@ -30,7 +31,8 @@ void synthesize(const Options& options) {
         std::uintmax_t{options.seed});
 }
 
-/// Lists what was found. @throws Failure if there are faults
+/// Lists what was found: all faults, as there is at most one for each array of the network, and the
+/// first of the unused names. @throws Failure if there are faults
 void report(const WeightFindings& findings, const Options& options) {
   for (const std::string& fault : findings.faults) print("fault   %s\n", printable(fault).c_str());
   for (const std::string& name : findings.unused) print("unused  %s\n", printable(name).c_str());
@@ -99,14 +101,14 @@ void exportWeights(const Options& options) {
 
 void show(const Options& options) {
   const WeightDocument document(options.file);
-  int width = 4;
+  std::size_t width = 4;
   for (std::size_t i = 0; i < document.size(); ++i)
-    width = std::max(width, static_cast<int>(document[i].name.size()));
-  print("%-*s  type        bytes   elements           min          mean           max\n", width,
-        "name");
+    width = std::max(width, widthOf(document[i].name));
+  print("%s  type        bytes   elements           min          mean           max\n",
+        padded("name", width).c_str());
   for (std::size_t i = 0; i < document.size(); ++i) {
     const WeightArray array = document[i];
-    print("%-*s  %-5s", width, printable(std::string(array.name)).c_str(), array.type);
+    print("%s  %-5s", padded(printable(std::string(array.name)), width).c_str(), array.type);
     if (array.payload.data() != nullptr) {
       const FloatSummary floats = summarize(array.payload);
       print(" %10zu %10zu %13.6g %13.6g %13.6g", array.payload.size(), floats.count, floats.min,
