@@ -174,6 +174,50 @@ class WeightsTest(ToolCase):
             Path("names").write_text(text)
             self.fail_all([(f"weights import {NET} file --names names -o no", 1, f"names.*{line}")])
 
+    def test_recognises_other_files(self):
+        onnx = b"\x08\x08\x12\x07pytorch\x1a\x032.1\x28\0\x3a\xc8\1" + bytes(200)
+        directory = bytes(99999) + b"PK\1\2" + bytes(42) + b"model/"
+        arrays = ".*; `safetensors.numpy.save_file"
+        files = {  # some of which are MessagePack, too
+            "pt": (b"PK\3\4" + bytes(26) + b"archive/data.pkl", "a PyTorch file; `safetensors.torch.save"),
+            "pth": (b"PK\3\4" + directory + b"data.pkl" + bytes(22), "a PyTorch file; `safetensors.torch"),
+            "old": (b"\x80\2\x8a\nl\xfc\x9cF\xf9 j\xa8P\x19.", "a Python pickle.*PyTorch.*; `safetensors.torch"),
+            "onnx": (onnx, r'an ONNX file; .*onnx.load\("onnx"\).graph.initializer'),
+            "npz": (b"PK\3\4" + bytes(26) + b"conv1-0.npy", "NumPy's arrays" + arrays),
+            "npy": (b"\x93NUMPY\1\0v\0" + bytes(128), "a NumPy array" + arrays),
+            "keras": (b"PK\3\4" + directory + b"model.weights.h5", "a Keras file" + arrays),
+            "h5": (b"\x89HDF\r\n\x1a\n\0\0\0\0\0\x08\x08\0\4\0\x10\0" + bytes(80), "an HDF5 file.*Keras" + arrays),
+            "gz": (b"\x1f\x8b\x08", "a gzip file;"), "zip": (b"PK\3\4" + bytes(99), "a zip archive;")}
+        uses = (RUN, f"bench {NET} -w", f"weights check {NET}", f"weights export {NET} -o made", "weights show")
+        for name, (content, line) in files.items():
+            Path(name).write_bytes(content)
+            self.fail_all([(f"{use} {name}", 1, f"{name}: expected a weight file .*, found {line}")
+                           for use in uses])
+            self.fail_all([(f"weights import {NET} {name} -o made", 1,
+                            f"{name}: expected a safetensors file, found {line}")])
+        for length in range(120, 144):  # which is a safetensors file's first byte
+            Path("st").write_bytes(file_of(b"{}".ljust(length)))
+            self.fail_all([(f"{use} st", 1, "st: expected a weight file .*, found a safetensors file; "
+                            f"`facezoo weights import {NET} st -o") for use in uses[:4]])
+        self.fail_all([(f"weights import {NET} good -o made", 1, "found a weight file; it needs no conv")])
+        for name in "cut", "other":  # of which no more is known
+            Path(name).write_bytes(onnx[:-1] if name == "cut" else b"\x08\x08\x12\x07pytorch")
+            self.fail_all([(f"weights check {NET} {name}", 1, f"{name}: expected a MessagePack map, found int")])
+
+    def test_says_how_to_pack(self):
+        """Arrays, and names, of the binary type are said to be so, once."""
+        advice = r"; 19 arrays are of type bin, [^\n]*`msgpack.packb\(..., use_bin_type=False\)`[^\n]*"
+        items = self.zeros.items()
+        named = struct.pack(">BH", 0xDE, len(items)) + b"".join(
+            struct.pack(">BB", 0xC4, len(name)) + name.encode() + struct.pack(">BI", 0xC6, len(data)) + data
+            for name, data in items)
+        for content in pack(items, self.zeros), named:
+            Path("bin").write_bytes(content)
+            self.fail_all([(f"{RUN} bin", 1, f"more, which weights check lists{advice}")])
+            for does in ("check", NET, "bin"), ("export", NET, "bin", "-o", "made"):
+                listed = self.call("weights", *does, code=1, stderr=f"facezoo: bin: 19 of 19 [^;]*{advice}\n")
+                self.assertNotIn("msgpack", listed)
+
     def test_refuses_safetensors(self):
         def entry(dtype="U8", shape=(4,), data_offsets=(0, 4)):
             return dict(dtype=dtype, shape=shape, data_offsets=data_offsets)

@@ -5,6 +5,7 @@
 #include "facezoo.h"
 #include "facezoo/listener.h"
 #include "failure.h"
+#include "file_kind.h"
 #include "networks.h"
 #include "rows.h"
 #include "synthesis.h"
@@ -187,6 +188,7 @@ void bench(Options options) {
   if (options.networks.empty() && options.weights.empty()) options.networks = networkNames();
   requireUsage(options);
   if (!options.weights.empty()) {
+    expectWeightFile(options.weights, options.networks[0]);
     requireWeights(WeightDocument(options.weights), options.weights,
                    *findNetwork(options.networks[0]).table, options.prefix);
   }

@@ -1,6 +1,8 @@
 #include "loading.h"
 
 #include "facezoo/listener.h"
+#include "failure.h"
+#include "file_kind.h"
 #include "files.h"
 #include "weight_document.h"
 
@@ -11,7 +13,12 @@ class WeightCheck : public facezoo::Listener {
   WeightCheck(const KnownNetwork& known, const std::string& path, const std::string& prefix)
       : network_(*known.table), path_(path), prefix_(prefix) {}
   void onDocument(const msgpack::v1::object& root) override {
-    requireWeights(WeightDocument(root, path_), path_, network_, prefix_);
+    try {
+      requireWeights(WeightDocument(root, path_), path_, network_, prefix_);
+    } catch (const Failure&) {
+      expectWeightFile(path_, network_.name);  // others are MessagePack, too, by chance
+      throw;
+    }
   }
 
  private:
@@ -26,6 +33,7 @@ void withCheckedNetwork(const KnownNetwork& known, const std::string& weightFile
                         const std::string& prefix, const std::function<void(Network&)>& use) {
   requireRegularFile(weightFile);
   const auto diagnose = [&] {
+    expectWeightFile(weightFile, known.table->name);
     requireWeights(WeightDocument(weightFile), weightFile, *known.table, prefix);
   };
   const WeightCheck check(known, weightFile, prefix);

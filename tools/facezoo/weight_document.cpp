@@ -2,6 +2,7 @@
 
 #include "document.h"
 #include "failure.h"
+#include "file_kind.h"
 #include "files.h"
 
 #include <algorithm>
@@ -179,5 +180,5 @@ void requireWeights(const WeightDocument& document, const std::string& path,
   for (std::size_t i = 0; i < named; ++i) line += (i == 0 ? ": " : "; ") + findings.faults[i];
   if (const std::size_t more = findings.faults.size() - named; more > 0)
     line += "; and " + std::to_string(more) + " more, which weights check lists";
-  throw Failure(line);
+  throw Failure(line + adviceOnPacking(document));
 }

@@ -1,6 +1,7 @@
 #include "arguments.h"
 #include "commands.h"
 #include "failure.h"
+#include "file_kind.h"
 #include "files.h"
 #include "networks.h"
 #include "rows.h"
@@ -33,7 +34,8 @@ void synthesize(const Options& options) {
 
 /// Lists what was found: all faults, as there is at most one for each array of the network, and the
 /// first of the unused names. @throws Failure if there are faults
-void report(const WeightFindings& findings, const Options& options) {
+void report(const WeightFindings& findings, const Options& options,
+            const std::string& advice = "") {
   for (const std::string& fault : findings.faults) print("fault   %s\n", printable(fault).c_str());
   for (const std::string& name : findings.unused) print("unused  %s\n", printable(name).c_str());
   if (const std::size_t more = findings.unusedCount - findings.unused.size(); more > 0)
@@ -41,14 +43,16 @@ void report(const WeightFindings& findings, const Options& options) {
   if (!findings.faults.empty()) {
     throw Failure(options.file + ": " + std::to_string(findings.faults.size()) + " of " +
                   std::to_string(findings.expected) + " arrays of " + options.network +
-                  " are faulty or missing");
+                  " are faulty or missing" + advice);
   }
 }
 
 void check(const Options& options) {
-  const WeightFindings findings = checkWeights(WeightDocument(options.file),
-                                               *findNetwork(options.network).table, options.prefix);
-  report(findings, options);
+  expectWeightFile(options.file, options.network);
+  const WeightDocument document(options.file);
+  const WeightFindings findings =
+      checkWeights(document, *findNetwork(options.network).table, options.prefix);
+  report(findings, options, adviceOnPacking(document));
   print("OK: %zu arrays of %s, %zu unused\n", findings.expected, options.network.c_str(),
         findings.unusedCount);
 }
@@ -77,6 +81,7 @@ void importWeights(const Options& options) {
   const facezoo::NetworkTable& network = *findNetwork(options.network).table;
   TensorNames names;
   if (!options.names.empty()) names = readTensorNames(options.names, network, options.prefix);
+  expectSafetensors(options.file);
   const TensorFile source(options.file);
   const TensorSelection selection = selectTensors(source.tensors(), network, options.prefix, names);
   report(selection.findings, options);
@@ -91,8 +96,9 @@ void importWeights(const Options& options) {
 
 void exportWeights(const Options& options) {
   const facezoo::NetworkTable& network = *findNetwork(options.network).table;
+  expectWeightFile(options.file, options.network);
   const WeightDocument source(options.file);
-  report(checkWeights(source, network, options.prefix), options);
+  report(checkWeights(source, network, options.prefix), options, adviceOnPacking(source));
   const std::vector<StoredTensor> arrays = tensorsOf(source, network, options.prefix);
   convert(
       arrays, options, [&](std::ostream& out) { writeSafetensors(arrays, options.network, out); },
@@ -100,6 +106,7 @@ void exportWeights(const Options& options) {
 }
 
 void show(const Options& options) {
+  expectWeightFile(options.file);
   const WeightDocument document(options.file);
   std::size_t width = 4;
   for (std::size_t i = 0; i < document.size(); ++i)
