@@ -4,6 +4,7 @@
 #include "memory_file.h"
 #include "small_network.h"
 #include "weight_exchange.h"
+#include "weight_names.h"
 
 #include <sstream>
 
@@ -13,6 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const TensorFile tensors(file.fill(data, size));
     const TensorSelection selection =
         selectTensors(tensors.tensors(), facezoo::test::smallNetwork, "", {});
+    proposeNames(tensors.tensors(), facezoo::test::smallNetwork, "");
     std::ostringstream out;
     writeWeights(selection.arrays, out);
     const std::string written = out.str();

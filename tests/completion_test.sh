@@ -22,6 +22,7 @@ while IFS='|' read -r typed expected; do
 done <<'EOF'
 weigh|weights
 weights c|check
+weights n|names
 weights check LC|LCNN29
 weights check GoogLeNet_|GoogLeNet_FAA1ch GoogLeNet_FAA3ch GoogLeNet_FAA3ch_12tasks
 weights check LCNN29 |

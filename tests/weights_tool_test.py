@@ -218,6 +218,55 @@ class WeightsTest(ToolCase):
                 listed = self.call("weights", *does, code=1, stderr=f"facezoo: bin: 19 of 19 [^;]*{advice}\n")
                 self.assertNotIn("msgpack", listed)
 
+    def test_proposes_names(self):
+        """A PyTorch state in any order, with names that say nothing of the layer's."""
+        net, leaves = "GoogLeNetBN", {"0": "weight", "1": "bias", "gamma": "weight", "beta": "bias",
+                                      "avg_mean": "running_mean", "avg_var": "running_var"}
+        self.call("weights", "synth", net, "-o", "big")
+        self.call("weights", "export", net, "big", "-o", "file")
+        tensors = load("file")[0]
+        layers = [*dict.fromkeys(name.rpartition("-")[0] for name in tensors)]
+        for order, module in (lambda names: sorted(names), "net.{}"), (list, "z{0}{1}"):
+            names = {name: module.format(layers.index(layer), 999 - layers.index(layer)) + "." + leaves[leaf]
+                     for name in tensors for layer, _, leaf in [name.rpartition("-")]}
+            names["pca-1"] = "centre"
+            state = {new: tensors[name] for name, new in names.items()}
+            steps = {f"net.{i}.num_batches_tracked": ("I64", [], bytes(8)) for i in range(99)}
+            Path("file").write_bytes(save(steps | {name: state[name] for name in order(state)}))
+            self.assertRegex(self.call("weights", "names", net, "file", "-o", "names"), (
+                rf"\Anames: 367 names of {net}, to be checked: 0 by name, \d+ by shape alone, "
+                r"\d+ by order among equal shapes, 0 not at all\n\Z"))
+            self.assertEqual([*names.items()], [*json.loads(Path("names").read_text()).items()])
+            listed = self.call("weights", "import", net, "file", "-o", "made", "--names", "names")
+            self.assertIn("and 59 more\nmade: 367 arrays", listed)
+            self.assertTrue(Path("big").read_bytes() == Path("made").read_bytes())
+
+    def test_proposes_what_fits(self):
+        tensors = self.exported()
+        names = {"conv1-0": "conv1-0", "conv3b-0": "conv3b.weight", "conv2a-0": "other.2.weight", EYE: "x"}
+        file = {new: tensors[name] for name, new in names.items()}
+        file |= {"other.2.running_mean": tensors["conv2b-1"], "many": ("F64", [96], bytes(768))}
+        Path("file").write_bytes(save(file))
+        expected = {name: names.get(name) for name in tensors}
+        found = self.call("weights", "names", NET, "file", stderr="facezoo: names to be checked, found 2 by "
+                          "name, 2 by shape alone, 0 by order among equal shapes, 15 not at all\n")
+        self.assertEqual([*expected.items()], [*json.loads(found).items()])
+        Path("names").write_text(found)
+        shapes = {name: shape for name, (_, shape, _) in tensors.items()}
+        self.convert("import", "file", "--names", "names", unused=["other.2.running_mean", "many"], faults=[
+            f"{name}: expected the name of a tensor of shape {shapes[name]}, found null"
+            for name, tensor in expected.items() if tensor is None])
+        none = self.call("weights", "names", NET, "--prefix", "up/")
+        self.assertEqual({"up/" + name: None for name in tensors}, json.loads(none))
+
+    def test_shows_tensors(self):
+        wide = struct.pack("<6000e", 7, -3, math.inf, *[0] * 5997)
+        Path("file").write_bytes(save({"steps": ("I64", [], bytes(8)), "a.b": ("F16", [2, 3000], wide)}))
+        self.assertEqual([
+            ["name", "type", "shape", "elements", "min", "mean", "max"], ["steps", "I64", "[]", "1"],
+            [*"a.b F16 [2, 3000] 6000 -3".split(), f"{4 / 5999:g}", *"7 and 1 NaN or infinite".split()]],
+            [line.split() for line in self.call("weights", "show", "file").splitlines()])
+
     def test_refuses_safetensors(self):
         def entry(dtype="U8", shape=(4,), data_offsets=(0, 4)):
             return dict(dtype=dtype, shape=shape, data_offsets=data_offsets)

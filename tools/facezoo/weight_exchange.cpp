@@ -34,13 +34,9 @@ std::vector<Shape> acceptedShapes(const LayerRow& layer, WeightRole role) {
 std::string describeFault(const StoredTensor& tensor, std::size_t elements, const LayerRow& layer,
                           WeightRole role) {
   if (!holdsFloats(tensor)) return "expected F32, F16 or BF16, found " + tensor.type;
-  const std::vector<Shape> accepted = acceptedShapes(layer, role);
-  const auto fits = [&](const Shape& shape) {
-    return withoutOnes(shape) == withoutOnes(tensor.shape);
-  };
-  if (std::none_of(accepted.begin(), accepted.end(), fits)) {
+  if (!fits(tensor, layer, role)) {
     std::string shapes;
-    for (const Shape& shape : accepted)
+    for (const Shape& shape : acceptedShapes(layer, role))
       shapes += (shapes.empty() ? "" : " or ") + describeShape(shape);
     return "expected shape " + shapes + ", found " + describeShape(tensor.shape);
   }
@@ -52,7 +48,7 @@ std::string describeFault(const StoredTensor& tensor, std::size_t elements, cons
 /// Empty if there is none.
 std::string describeFault(const std::string& weight, bool known, const nlohmann::json& tensor) {
   if (!known) return "expected names of the network's weights, found " + weight;
-  if (!tensor.is_string())
+  if (!tensor.is_string() && !tensor.is_null())
     return weight + ": expected the name of a tensor, found " + tensor.type_name();
   return {};
 }
@@ -69,6 +65,32 @@ bool haveEqualFloats(const StoredTensor& written, std::string_view readBack) {
 
 }  // namespace
 
+FloatSummary summarize(const StoredTensor& tensor) {
+  FloatSummary all;
+  double sum = 0;
+  readFloats(tensor, [&](std::string_view floats) {
+    const FloatSummary part = summarize(floats);
+    const std::size_t finite = part.count - part.notFinite;
+    const bool isFirst = all.count == all.notFinite;
+    if (finite > 0) {
+      all.min = isFirst ? part.min : std::min(all.min, part.min);
+      all.max = isFirst ? part.max : std::max(all.max, part.max);
+      sum += part.mean * static_cast<double>(finite);
+    }
+    all.count += part.count;
+    all.notFinite += part.notFinite;
+  });
+  if (all.count > all.notFinite) all.mean = sum / static_cast<double>(all.count - all.notFinite);
+  return all;
+}
+
+bool fits(const StoredTensor& tensor, const LayerRow& layer, WeightRole role) {
+  const std::vector<Shape> accepted = acceptedShapes(layer, role);
+  const Shape shape = withoutOnes(tensor.shape);
+  return std::any_of(accepted.begin(), accepted.end(),
+                     [&](const Shape& each) { return withoutOnes(each) == shape; });
+}
+
 TensorNames readTensorNames(const std::string& path, const NetworkTable& network,
                             const std::string& prefix) {
   const facezoo::FileBytes bytes = readFile(path);
@@ -83,16 +105,19 @@ TensorNames readTensorNames(const std::string& path, const NetworkTable& network
   std::unordered_set<std::string> weights;
   facezoo::forEachWeight(network.layers, prefix,
                          [&](const std::string& name, auto&&...) { weights.insert(name); });
+  constexpr std::size_t kMost = 5;
   TensorNames names;
   std::string faults;
+  std::size_t count = 0;
   for (const auto& [weight, tensor] : document.items()) {
     const std::string fault = describeFault(weight, weights.count(weight) > 0, tensor);
     if (fault.empty()) {
-      names.emplace(weight, tensor);
-    } else {
+      names[weight] = tensor.is_null() ? std::nullopt : std::optional<std::string>(tensor);
+    } else if (++count <= kMost) {
       faults += (faults.empty() ? "" : "; ") + fault;
     }
   }
+  if (count > kMost) faults += "; and " + std::to_string(count - kMost) + " more";
   if (!faults.empty()) throw Failure(path + ": " + faults);
   return names;
 }
@@ -109,10 +134,14 @@ TensorSelection selectTensors(const std::vector<StoredTensor>& tensors, const Ne
       [&](const std::string& weight, std::size_t elements, const LayerRow& layer, WeightRole role) {
         ++selection.findings.expected;
         const auto renamed = names.find(weight);
-        const std::string& name = renamed == names.end() ? weight : renamed->second;
+        const std::string& name =
+            renamed == names.end() ? weight : renamed->second.value_or(weight);
         const auto found = byName.find(name);
         std::string fault;
-        if (found == byName.end()) {
+        if (renamed != names.end() && !renamed->second) {
+          fault = "expected the name of a tensor of shape " +
+                  describeShape(weightShape(layer, role)) + ", found null";
+        } else if (found == byName.end()) {
           fault = "expected shape " + describeShape(weightShape(layer, role)) + ", found none";
         } else if (const auto [user, isFirst] = users.emplace(found->second, weight); !isFirst) {
           fault = "expected a tensor of its own, found that of " + user->second;

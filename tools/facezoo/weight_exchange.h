@@ -5,12 +5,19 @@
 #include "safetensors.h"
 #include "weight_document.h"
 
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-/// Name of a weight to the name of its tensor, where they differ.
-using TensorNames = std::unordered_map<std::string, std::string>;
+/// Of the values, in pieces. @pre `holdsFloats`
+FloatSummary summarize(const StoredTensor& tensor);
+
+/// Whether the tensor has the elements of the weight in the same order.
+bool fits(const StoredTensor& tensor, const facezoo::LayerRow& layer, facezoo::WeightRole role);
+
+/// Name of a weight to the name of its tensor, where they differ; none if that is yet to be named.
+using TensorNames = std::unordered_map<std::string, std::optional<std::string>>;
 
 /// Reads a JSON object of them.
 /// @throws Failure if it is not, or names a weight that the network does not have

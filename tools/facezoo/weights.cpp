@@ -3,18 +3,21 @@
 #include "failure.h"
 #include "file_kind.h"
 #include "files.h"
+#include "json_text.h"
 #include "networks.h"
 #include "rows.h"
 #include "standard_output.h"
 #include "synthesis.h"
 #include "weight_document.h"
 #include "weight_exchange.h"
+#include "weight_names.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <memory>
+#include <optional>
 
 namespace {
 
@@ -105,7 +108,66 @@ void exportWeights(const Options& options) {
       [&](const std::string& path) { requireEqual(arrays, TensorFile(path).tensors()); });
 }
 
+/// Writes a JSON object, for `import` to take when it has been checked.
+void writeNames(const Options& options) {
+  const facezoo::NetworkTable& network = *findNetwork(options.network).table;
+  std::optional<TensorFile> source;
+  if (!options.file.empty()) {
+    expectSafetensors(options.file);
+    source.emplace(options.file);
+  }
+  const auto& [names, byName, byShape, byOrder] = proposeNames(
+      source ? source->tensors() : std::vector<StoredTensor>(), network, options.prefix);
+  std::string text;
+  for (const auto& [weight, tensor] : names) {
+    text += (text.empty() ? "{\n  " : ",\n  ") + toJsonString(weight) + ": ";
+    text += tensor ? toJsonString(*tensor) : "null";
+  }
+  text += "\n}\n";
+  const std::string counts =
+      std::to_string(byName) + " by name, " + std::to_string(byShape) + " by shape alone, " +
+      std::to_string(byOrder) + " by order among equal shapes, " +
+      std::to_string(names.size() - byName - byShape - byOrder) + " not at all";
+  if (!options.output.empty()) {
+    NewFile file(options.output);
+    file.stream() << text;
+    file.keep();
+    print("%s: %zu names of %s, to be checked: %s\n", printable(options.output).c_str(),
+          names.size(), options.network.c_str(), counts.c_str());
+  } else {
+    print("%s", text.c_str());
+    if (source) warn("names to be checked, found " + counts);
+  }
+}
+
+void printFloats(const FloatSummary& floats) {
+  print(" %10zu %13.6g %13.6g %13.6g", floats.count, floats.min, floats.mean, floats.max);
+  if (floats.notFinite > 0) print("  and %zu NaN or infinite", floats.notFinite);
+}
+
+void showTensors(const std::string& path) {
+  const TensorFile file(path);
+  std::size_t nameWidth = 4, shapeWidth = 5;
+  for (const StoredTensor& tensor : file.tensors()) {
+    nameWidth = std::max(nameWidth, widthOf(tensor.name));
+    shapeWidth = std::max(shapeWidth, describeShape(tensor.shape).size());
+  }
+  print("%s  type     %s   elements           min          mean           max\n",
+        padded("name", nameWidth).c_str(), padded("shape", shapeWidth).c_str());
+  for (const StoredTensor& tensor : file.tensors()) {
+    print("%s  %-7s  %s", padded(printable(tensor.name), nameWidth).c_str(), tensor.type.c_str(),
+          padded(describeShape(tensor.shape), shapeWidth).c_str());
+    if (holdsFloats(tensor)) {
+      printFloats(summarize(tensor));
+    } else {
+      print(" %10zu", tensor.elements());
+    }
+    print("\n");
+  }
+}
+
 void show(const Options& options) {
+  if (isSafetensors(options.file)) return showTensors(options.file);
   expectWeightFile(options.file);
   const WeightDocument document(options.file);
   std::size_t width = 4;
@@ -117,10 +179,8 @@ void show(const Options& options) {
     const WeightArray array = document[i];
     print("%s  %-5s", padded(printable(std::string(array.name)), width).c_str(), array.type);
     if (array.payload.data() != nullptr) {
-      const FloatSummary floats = summarize(array.payload);
-      print(" %10zu %10zu %13.6g %13.6g %13.6g", array.payload.size(), floats.count, floats.min,
-            floats.mean, floats.max);
-      if (floats.notFinite > 0) print("  and %zu NaN or infinite", floats.notFinite);
+      print(" %10zu", array.payload.size());
+      printFloats(summarize(array.payload));
       if (array.payload.size() % sizeof(float) != 0) print("  not whole floats");
     }
     print("\n");
@@ -144,9 +204,9 @@ void addWeights(CLI::App& tool) {
   const auto addFile = [&](CLI::App& sub, const char* what) {
     sub.add_option("FILE", options->file, what)->required();
   };
-  const auto addOutput = [&](CLI::App& sub) {
+  const auto addOutput = [&](CLI::App& sub, bool required = true) {
     sub.add_option("-o,--output", options->output, "File to write, complete or not at all")
-        ->required()
+        ->required(required)
         ->type_name("FILE");
   };
 
@@ -176,7 +236,7 @@ void addWeights(CLI::App& tool) {
           "LCNN29 model.safetensors -o lcnn.msgpack --names names.json",
           "\nTensors are F32, F16 or BF16, which widen exactly, of shape [out, in, row, column] or"
           "\n[out, in]; sizes of 1 make no difference. Each is named as in the weight file, prefix"
-          "\nincluded; MAP is for other names:"
+          "\nincluded; MAP is for other names, and `weights names` begins one:"
           "\n  {\"conv1-0\": \"features.0.weight\", \"conv1-1\": \"features.0.bias\"}");
   addNetworkArgument(*imported, options->network);
   addFile(*imported, "Safetensors file");
@@ -184,6 +244,17 @@ void addWeights(CLI::App& tool) {
   imported->add_option("--names", options->names, "JSON object of weight names to tensor names")
       ->type_name("MAP");
   addPrefixOption(*imported, options->prefix);
+
+  CLI::App* named = add(
+      "names", "Propose which tensors of a safetensors file a network's weights are", writeNames,
+      "LCNN29 model.safetensors -o proposed.json",
+      "\nWrites a JSON object, MAP of `weights import`, of every weight of the network:"
+      "\nto the tensor that is called like it, or that alone has its shape; of equal ones, in"
+      "\ntheir order. Check these. null is a weight without a tensor, as all are without FILE.");
+  addNetworkArgument(*named, options->network);
+  named->add_option("FILE", options->file, "Safetensors file");
+  addOutput(*named, false);
+  addPrefixOption(*named, options->prefix);
 
   CLI::App* exported =
       add("export", "Write the safetensors file of a network's weights", exportWeights,
@@ -195,6 +266,7 @@ void addWeights(CLI::App& tool) {
   addOutput(*exported);
   addPrefixOption(*exported, options->prefix);
 
-  CLI::App* shown = add("show", "List what a weight file holds", show, "weights.msgpack");
-  addFile(*shown, "Weight file");
+  CLI::App* shown =
+      add("show", "List what a weight file or a safetensors file holds", show, "weights.msgpack");
+  addFile(*shown, "Weight file or safetensors file");
 }
