@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <tuple>
 
@@ -88,6 +91,20 @@ const NetworkCase networks[] = {
      "residual:9; residual:10; conv:conv5_1 256; mfm; conv:conv5_2 256 3; mfm; max: 2 2 0; norm;"
      "flat; conv:fc1 512"}};
 
+/// The arrays of a weight file.
+Chain::Weights weightsOf(const char* path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+  const msgpack::unpacked document = msgpack::unpack(bytes.data(), bytes.size());
+  Chain::Weights weights;
+  for (const auto& [name, array] : document.get().as<std::map<std::string, msgpack::object>>()) {
+    std::vector<float>& values = weights[name];
+    values.resize(array.via.str.size / sizeof(float));
+    std::memcpy(values.data(), array.via.str.ptr, values.size() * sizeof(float));
+  }
+  return weights;
+}
+
 class NetworkTest : public DeviceTest, public testing::WithParamInterface<NetworkCase> {};
 
 TEST_P(NetworkTest, MatchesDoublePrecision) {
@@ -100,6 +117,8 @@ TEST_P(NetworkTest, MatchesDoublePrecision) {
   images.resize(3 * bytes, 255);
   const DeviceArray<std::uint8_t> input(images);
   Chain chain;
+  if (const char* const path = std::getenv("FACEZOO_NETWORK_WEIGHTS"))
+    chain.weights = weightsOf(path);
   chain.weights.seed = seed;
   const Image4 expected =
       chain.run(net.steps, {3, net.size, net.size, net.channels, {images.begin(), images.end()}});
