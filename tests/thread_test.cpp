@@ -16,6 +16,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -256,6 +258,29 @@ TEST_F(ThreadTest, AreNotWaitedForAfterAFork) {
   EXPECT_EQ(child, waitpid(child, &status, 0));
   EXPECT_EQ(0, status);
   EXPECT_EQ(expected, call.results(*network, 1));
+}
+
+/// Where nothing has used the library: whether a child works, though its parent has had a team of
+/// OpenMP's threads.
+bool forksBesideATeam() {
+  std::atomic<int> team{0};
+#pragma omp parallel num_threads(2)
+  ++team;
+  const char* const file = seededFile(networkKinds[0].table);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(30);
+    const std::unique_ptr<Network> network(networkKinds[0].construct(file, 1));
+    ForwardCall{networkKinds[0].table, 1}(*network, 1);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = -1;
+  return waitpid(child, &status, 0) == child && status == 0 && team == 2;
+}
+
+TEST(ForkDeathTest, ThreadsThatAChildHasNotAreNotWaitedFor) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";  // a fresh process
+  EXPECT_EXIT(std::exit(forksBesideATeam() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 #endif

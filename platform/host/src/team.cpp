@@ -2,6 +2,7 @@
 
 #include <omp.h>
 #include <pthread.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <mutex>
@@ -28,9 +29,27 @@ int startable(int wanted) {
   return static_cast<int>(started.size()) + 1;
 }
 
+/// Whether this process was forked by one of several threads. Those are gone, but OpenMP's runtime
+/// would wait for them for ever if they were a team of the host's own.
+bool lostThreads = false;
+
+bool hasOtherThreads() {
+  struct stat threads = {};
+  constexpr nlink_t kOwnAndParentOfFolder = 2;
+  return stat("/proc/self/task", &threads) != 0 || threads.st_nlink > kOwnAndParentOfFolder + 1;
+}
+
+thread_local bool forksAmongThreads = false;
+void noteFork() { forksAmongThreads = hasOtherThreads(); }
+void noteLoss() { lostThreads = lostThreads || forksAmongThreads; }
+
+/// From the time when the library is loaded on: a host may fork before its first call.
+[[maybe_unused]] const int forksAreNoted = pthread_atfork(noteFork, nullptr, noteLoss);
+
 }  // namespace
 
 int teamSize() {
+  if (lostThreads) return 1;
   // Each thread of a host that makes calls has a team of its own.
   thread_local int tried = 1, possible = 1;
   const int wanted = std::min(omp_get_max_threads(), omp_get_num_procs());
