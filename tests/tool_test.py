@@ -566,6 +566,21 @@ class ToolTest(ToolCase):
                 (_, expected), (_, found) = self.results("-w", "good", "face.jpg", name)
                 self.assertEqual(expected, found)
 
+    def peak(self, *args):
+        """How many MiB a run takes at most; none under AddressSanitizer, which takes its own. What
+        starts a process counts in, so that it is a small one."""
+        start = ("import resource, subprocess, sys\n"
+                 "subprocess.run(sys.argv[1:], check=True, stdout=subprocess.DEVNULL, timeout=60)\n"
+                 "print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss >> 10)")
+        run = sys.executable, "-c", start, TOOL, "run", NET, "-w", "good", *args
+        most = int(subprocess.run(run, check=True, stdout=subprocess.PIPE).stdout)
+        return 0 if b"__asan_init" in Path(TOOL).read_bytes() else most
+
+    def test_takes_little_memory_for_hostile_pictures(self):
+        photo = Path(PORTRAIT).read_bytes()
+        Path("segments").write_bytes(photo[:2] + b"\xff\xe1\0\2" * (1 << 20) + photo[2:])
+        self.assertLess(self.peak("segments"), 64)
+
     def test_turns_pictures_upright(self):
         stored = [bytes((x * 7 + y * y) % 256 for x in range(30)) for y in range(20)]
         mirrored = lambda rows: [row[::-1] for row in rows]

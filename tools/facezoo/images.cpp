@@ -93,7 +93,7 @@ Picture decodeJpeg(std::string_view file, int channels, bool orient) {
   JpegReader reader(file);
   const bool inks = reader.hasInks();
   const int decoded = inks ? 4 : channels;
-  const int tag = orient ? orientationOf(reader.exif()) : 1;  // gone once the pixels are decoded
+  const int tag = orient ? orientationOf(reader.exif()) : 1;
   Picture picture = allocate(file, reader.width(), reader.height(), decoded);
   reader.decode(inks ? JCS_CMYK : channels == 1 ? JCS_GRAYSCALE : JCS_RGB, picture.pixels.get());
   if (inks) {

@@ -65,6 +65,23 @@ void JpegReader::limitScans(j_common_ptr state) {
   std::longjmp(reader->failed_, 1);
 }
 
+/// Takes note of a segment where it stands: libjpeg would copy each, and there may be many.
+boolean JpegReader::findExif(j_decompress_ptr state) {
+  auto* reader = static_cast<JpegReader*>(state->client_data);
+  jpeg_source_mgr& source = *state->src;
+  const std::string_view left(reinterpret_cast<const char*>(source.next_input_byte),
+                              source.bytes_in_buffer);
+  constexpr std::size_t kLength = 2;
+  if (left.size() < kLength) ERREXIT(state, JERR_INPUT_EOF);
+  const std::size_t length =
+      std::size_t{source.next_input_byte[0]} << 8 | source.next_input_byte[1];
+  if (length < kLength) ERREXIT(state, JERR_BAD_LENGTH);
+  const std::string_view segment = left.substr(kLength, length - kLength);
+  if (reader->exif_.empty() && segment.substr(0, kExif.size()) == kExif) reader->exif_ = segment;
+  source.skip_input_data(state, static_cast<long>(length));
+  return TRUE;
+}
+
 JpegReader::JpegReader(std::string_view file) {
   state_.err = jpeg_std_error(&errors_);
   state_.client_data = this;
@@ -76,7 +93,7 @@ JpegReader::JpegReader(std::string_view file) {
       jpeg_create_decompress(&state_);
       state_.progress = &progress_;
       jpeg_mem_src(&state_, reinterpret_cast<const unsigned char*>(file.data()), file.size());
-      jpeg_save_markers(&state_, JPEG_APP0 + 1, 0xFFFF);
+      jpeg_set_marker_processor(&state_, JPEG_APP0 + 1, findExif);
       jpeg_read_header(&state_, TRUE);
     });
   } catch (const Failure&) {
@@ -89,15 +106,6 @@ JpegReader::~JpegReader() { jpeg_destroy_decompress(&state_); }
 
 bool JpegReader::hasInks() const {
   return state_.jpeg_color_space == JCS_CMYK || state_.jpeg_color_space == JCS_YCCK;
-}
-
-std::string_view JpegReader::exif() const {
-  for (const auto* marker = state_.marker_list; marker != nullptr; marker = marker->next) {
-    const std::string_view segment(reinterpret_cast<const char*>(marker->data),
-                                   marker->data_length);
-    if (segment.substr(0, kExif.size()) == kExif) return segment;
-  }
-  return {};
 }
 
 void JpegReader::decode(J_COLOR_SPACE space, unsigned char* pixels) {

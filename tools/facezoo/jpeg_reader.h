@@ -26,7 +26,7 @@ class JpegReader {
   /// Whether the samples are of four inks, which decode as JCS_CMYK only.
   bool hasInks() const;
   /// The Exif segment from its identifier on; empty if there is none.
-  std::string_view exif() const;
+  std::string_view exif() const { return exif_; }
 
   /// Decodes to width × height interleaved pixels of `space`. To be called once. @throws Failure
   void decode(J_COLOR_SPACE space, unsigned char* pixels);
@@ -39,10 +39,12 @@ class JpegReader {
   [[noreturn]] static void fail(j_common_ptr state);
   static void judgeWarning(j_common_ptr state, int level);
   static void limitScans(j_common_ptr state);
+  static boolean findExif(j_decompress_ptr state);
 
   jpeg_decompress_struct state_ = {};
   jpeg_error_mgr errors_ = {};
   jpeg_progress_mgr progress_ = {};
+  std::string_view exif_;
   std::jmp_buf failed_ = {};
   char message_[JMSG_LENGTH_MAX] = {};
 };
