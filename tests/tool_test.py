@@ -577,7 +577,14 @@ class ToolTest(ToolCase):
         return 0 if b"__asan_init" in Path(TOOL).read_bytes() else most
 
     def test_takes_little_memory_for_hostile_pictures(self):
-        photo = Path(PORTRAIT).read_bytes()
+        packed, photo = zlib.compress(bytes(64 << 20), 1), Path(PORTRAIT).read_bytes()
+        for name, chunks in dict(dot=[], ztxt=[(b"zTXt", b"a\0\0" + packed)], many=[(b"tEXt", b"a\0b")] * 3000,
+                                 itxt=[(b"iTXt", b"a\0\1\0\0\0" + packed)] * 3,
+                                 iccp=[(b"iCCP", b"a\0\0" + packed)]).items():
+            png(name, b"\x5a", 1, 1, extra=chunks)
+            self.assertLess(self.peak(name), 64, name)
+        names = "dot", "ztxt", "many", "itxt", "iccp"
+        self.assertEqual(1, len({str(values) for _, values in self.results("-w", "good", *names)}))
         Path("segments").write_bytes(photo[:2] + b"\xff\xe1\0\2" * (1 << 20) + photo[2:])
         self.assertLess(self.peak("segments"), 64)
 

@@ -4,8 +4,8 @@
 #include "files.h"
 #include "jpeg_reader.h"
 #include "orientation.h"
+#include "png_reader.h"
 
-#include <spng.h>
 #include <stb_image_resize.h>
 
 #include <algorithm>
@@ -66,27 +66,12 @@ Picture turn(Picture picture, int tag) {
   return upright;
 }
 
-/// The Exif metadata as it stands in a JPEG file; empty if there is none, or if it is broken.
-std::string exifOf(spng_ctx* decoder) {
-  spng_exif exif = {};
-  if (spng_get_exif(decoder, &exif) != SPNG_OK) return {};
-  return std::string("Exif\0\0", 6).append(exif.data, exif.length);
-}
-
 Picture decodePng(std::string_view file, int channels, bool orient) {
-  const auto check = [](int status) {
-    if (status != SPNG_OK) throw Failure(spng_strerror(status));
-  };
-  const std::unique_ptr<spng_ctx, void (*)(spng_ctx*)> decoder(spng_ctx_new(0), spng_ctx_free);
-  spng_ihdr header = {};
-  check(spng_set_png_buffer(decoder.get(), file.data(), file.size()));
-  check(spng_get_ihdr(decoder.get(), &header));
-  Picture picture = allocate(file, header.width, header.height, 3);
-  check(spng_decode_image(decoder.get(), picture.pixels.get(),
-                          std::size_t{3} * header.width * header.height, SPNG_FMT_RGB8, 0));
+  PngReader reader(file);
+  Picture picture = allocate(file, reader.width(), reader.height(), 3);
+  reader.decode(picture.pixels.get());
   if (channels == 1) convertPixels(picture, 3, 1, makeGrey);
-  return orient ? turn(std::move(picture), orientationOf(exifOf(decoder.get())))
-                : std::move(picture);
+  return orient ? turn(std::move(picture), orientationOf(reader.exif())) : std::move(picture);
 }
 
 Picture decodeJpeg(std::string_view file, int channels, bool orient) {
