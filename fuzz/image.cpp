@@ -6,11 +6,12 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static facezoo::fuzz::MemoryFile file;
+  static PictureLimits limits;
   constexpr int kEdge = 8;
   unsigned char pixels[kEdge * kEdge * 3];
   const int channels = size % 2 == 0 ? 1 : 3;
   try {
-    loadImage(file.fill(data, size), {channels, kEdge, kEdge}, {}, pixels);
+    loadImage(file.fill(data, size), {channels, kEdge, kEdge}, {}, limits, pixels);
   } catch (const Failure&) {  // as documented
   }
   return 0;

@@ -125,6 +125,7 @@ class ToolTest(ToolCase):
             (run + " --format xml", 2, "xml"), (run + " --norm", 2, f"--norm: {NET} gives no norm"),
             *((f"{run} --batch {n}", 2, f"--batch.* {n}\\b") for n in (0, -1, 700, "x", "0x8", 2**64 + 1)),
             *((f"{run} --threads {n}", 2, f"--threads.* {n}\\b") for n in (0, -1, 257)),
+            *((f"{run} --max-pixels {n}", 2, f"--max-pixels.* {n}\\b") for n in (0, -1, 1.5, 1 << 30, "x")),
             (run + " --draw to --layout xyxy", 2, f"--draw: .*landmarks, found {NET}"),
             (run + " --layout xyxy", 2, "--layout requires --draw"), (run + " --scale 2", 2, "--scale"),
             ("run FANet -w good face.jpg --draw to", 2, "--draw: expected --layout"),
@@ -587,6 +588,9 @@ class ToolTest(ToolCase):
         self.assertEqual(1, len({str(values) for _, values in self.results("-w", "good", *names)}))
         Path("segments").write_bytes(photo[:2] + b"\xff\xe1\0\2" * (1 << 20) + photo[2:])
         self.assertLess(self.peak("segments"), 64)
+        png("large", bytes(3400), 3400, 1)  # 33 MiB, of 92 that eight bytes a pixel are
+        crowd = "--threads", "16", "--max-pixels", "12000000", *["large"] * 16
+        self.assertLess(self.peak(*crowd), 192)
 
     def test_turns_pictures_upright(self):
         stored = [bytes((x * 7 + y * y) % 256 for x in range(30)) for y in range(20)]
@@ -623,14 +627,17 @@ class ToolTest(ToolCase):
         png("whole", bytes(range(256)) * 3, 256, 3)
         png("vast", b"", 1, 3, (60000, 60000))
         png("hollow", b"", 1, 3, (9000, 9000))
-        progressive = Path(__file__).parent.parent / "fuzz/corpus/image/greyprog.jpg"
-        image, photo, good, scans = (
-            Path(name).read_bytes() for name in ("whole", PORTRAIT, "good", progressive))
+        corpus = Path(__file__).parent.parent / "fuzz/corpus/image"
+        image, photo, good, scans, inks = (Path(name).read_bytes() for name in (
+            "whole", PORTRAIT, "good", corpus / "greyprog.jpg", corpus / "cmyk.jpg"))
+        many, frame = (scans[127:136] + b"\0" + scans[137:140]) * 600, inks.index(b"\xff\xc0")
         for name, data in dict(
                 empty=b"", text=b"no such data\n", cutpng=image[:-400], cutjpg=photo[:9999],
                 noend=photo[:-2], hole=photo[:9500] + bytes(16) + photo[9516:],
                 shift=photo[:5000] + bytes(16) + photo[5016:],
-                bomb=scans[:127] + (scans[127:136] + b"\0" + scans[137:140]) * 600 + scans[-2:],
+                bomb=scans[:127] + many + scans[-2:],
+                kept=inks[:frame] + struct.pack(">2sHBHH", b"\xff\xc2", 20, 8, 3000, 3000)
+                + inks[frame + 9:] + bytes(9999),
                 short=good[:-1], array=b"\x91" + good, claim=b"\x81\xa1a\xdb\xff\xff\xff\xff12", half=good[:9999],
                 level=b"\x81\xa1a" + b"\x91" * 31 + b"1", deep=b"\x81\xa1a" + b"\x91" * 32 + b"1",
                 entries=b"\xdf\xff\xff\xff\xff\xa1a\xc0").items():
@@ -641,6 +648,9 @@ class ToolTest(ToolCase):
             ("cutjpg", "cutjpg: .*JPEG.*end"), ("noend", "noend: .*end of JPEG"),
             ("hole", "hole: .*premature end"), ("shift", "shift: .*extraneous"),
             ("bomb", "bomb: .*at most 500 scans"), ("vast", "vast: .*60000 x 60000"),
+            ("bomb --max-pixels 187", "bomb: .*at most 16 scans of 17 x 11 pixels"),
+            ("kept --max-pixels 9000000", "kept: .*at most 69 MiB .*--max-pixels.* found 104 MiB"),
+            ("whole --max-pixels 65535", "whole: .*at most 65535 pixels.*--max-pixels.* 256 x 256"),
             ("hollow", "hollow: .*9000 x 9000 pixels.*bytes"))])
         self.fail_all([(f"{command} {name}", 1, f"{re.escape(name)}: .*{line}") for name, line in (
             ("nobody", "No such"), ("empty", "empty"), (".", "directory"), ("short", "end missing"),

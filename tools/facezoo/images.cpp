@@ -10,26 +10,31 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace {
 
-constexpr std::size_t kMostPixels = std::size_t{1} << 28;
 /// No byte of a file can stand for more: deflate makes up to 1032 bytes of one, each of 8 pixels of
 /// one bit. A small file that claims more is refused before it gets the memory.
 constexpr std::size_t kMostPixelsPerByte = std::size_t{8} * 1032;
+/// How often all pixels of the largest picture may be gone over. Photographs have up to 18 scans,
+/// and those with so many take too much memory to be of the largest.
+constexpr std::size_t kMostPasses = 16;
 
-/// Room for a picture whose size a file claims.
-Picture allocate(std::string_view file, std::size_t width, std::size_t height, int channels) {
+/// Refuses what a file claims before it takes memory or time.
+void requireSize(std::string_view file, std::size_t width, std::size_t height,
+                 const PictureLimits& limits) {
   const std::string claim = std::to_string(width) + " x " + std::to_string(height);
-  if (width * height > kMostPixels)
-    throw Failure("expected at most " + std::to_string(kMostPixels) + " pixels, found " + claim);
+  if (width * height > limits.pixels) {
+    throw Failure("expected at most " + std::to_string(limits.pixels) +
+                  " pixels (--max-pixels raises the limit), found " + claim);
+  }
   if (width * height / kMostPixelsPerByte > file.size())
     throw Failure("expected " + claim + " pixels, found no more than " +
                   std::to_string(file.size()) + " bytes");
-  return {static_cast<int>(width), static_cast<int>(height), channels,
-          std::unique_ptr<unsigned char[]>(new unsigned char[width * height * channels])};
 }
 
 /// Makes pixels of `to` channels out of those of `from`, no fewer, where they are.
@@ -52,7 +57,10 @@ Picture turn(Picture picture, int tag) {
   const Orientation from(tag);
   const int width = picture.width, height = picture.height, channels = picture.channels;
   Picture upright = {
-      from.transposed ? height : width, from.transposed ? width : height, channels,
+      from.transposed ? height : width,
+      from.transposed ? width : height,
+      channels,
+      {},
       std::unique_ptr<unsigned char[]>(new unsigned char[std::size_t(width) * height * channels])};
   unsigned char* pixel = upright.pixels.get();
   for (int row = 0; row < upright.height; ++row) {
@@ -66,20 +74,39 @@ Picture turn(Picture picture, int tag) {
   return upright;
 }
 
-Picture decodePng(std::string_view file, int channels, bool orient) {
+/// Room for the pixels of the picture in `file`, once all that decoding takes is set aside.
+/// @param turned whether there will be a copy of `channels` channels, after the decoder's end
+/// @throws MemoryBudget::Busy
+template <class Reader>
+Picture allocate(std::string_view file, Reader& reader, int decodedChannels, bool turned,
+                 int channels, MemoryBudget::Share& memory) {
+  const std::size_t pixels = reader.width() * reader.height();
+  memory.grow(file.size() + pixels * decodedChannels +
+              std::max(reader.workingMemory(), turned ? pixels * channels : 0));
+  return {static_cast<int>(reader.width()),
+          static_cast<int>(reader.height()),
+          decodedChannels,
+          {},
+          std::unique_ptr<unsigned char[]>(new unsigned char[pixels * decodedChannels])};
+}
+
+Picture decodePng(std::string_view file, int channels, bool orient, const PictureLimits& limits,
+                  MemoryBudget::Share& memory) {
   PngReader reader(file);
-  Picture picture = allocate(file, reader.width(), reader.height(), 3);
+  requireSize(file, reader.width(), reader.height(), limits);
+  Picture picture = allocate(file, reader, 3, orient && reader.mayHaveExif(), channels, memory);
   reader.decode(picture.pixels.get());
   if (channels == 1) convertPixels(picture, 3, 1, makeGrey);
   return orient ? turn(std::move(picture), orientationOf(reader.exif())) : std::move(picture);
 }
 
-Picture decodeJpeg(std::string_view file, int channels, bool orient) {
-  JpegReader reader(file);
+Picture decodeJpeg(std::string_view file, int channels, bool orient, const PictureLimits& limits,
+                   MemoryBudget::Share& memory) {
+  JpegReader reader(file, limits.pixels * kMostPasses);
+  requireSize(file, reader.width(), reader.height(), limits);
   const bool inks = reader.hasInks();
-  const int decoded = inks ? 4 : channels;
   const int tag = orient ? orientationOf(reader.exif()) : 1;
-  Picture picture = allocate(file, reader.width(), reader.height(), decoded);
+  Picture picture = allocate(file, reader, inks ? 4 : channels, tag != 1, channels, memory);
   reader.decode(inks ? JCS_CMYK : channels == 1 ? JCS_GRAYSCALE : JCS_RGB, picture.pixels.get());
   if (inks) {
     convertPixels(picture, 4, 3, [](const unsigned char* cmyk, unsigned char* rgb) {
@@ -92,9 +119,9 @@ Picture decodeJpeg(std::string_view file, int channels, bool orient) {
   return turn(std::move(picture), tag);
 }
 
-}  // namespace
-
-Picture readPicture(const std::string& path, int channels, bool orient) {
+/// @throws MemoryBudget::Busy if `memory` has to be larger than it can be made now
+Picture readWithin(MemoryBudget::Share memory, const std::string& path, int channels, bool orient,
+                   const PictureLimits& limits) {
   const facezoo::FileBytes bytes = readFile(path);
   const std::string_view file(bytes.data.get(), bytes.size);
   if (file.empty()) throw Failure(path + ": expected a PNG or JPEG image, found an empty file");
@@ -102,10 +129,28 @@ Picture readPicture(const std::string& path, int channels, bool orient) {
   if (!jpeg && file.substr(0, 8) != "\x89PNG\r\n\x1A\n")
     throw Failure(path + ": expected a PNG or JPEG image, found something else");
   try {
-    return jpeg ? decodeJpeg(file, channels, orient) : decodePng(file, channels, orient);
+    Picture picture = jpeg ? decodeJpeg(file, channels, orient, limits, memory)
+                           : decodePng(file, channels, orient, limits, memory);
+    picture.memory = std::move(memory);
+    return picture;
   } catch (const Failure& failure) {
     throw Failure(path + ": cannot be decoded as " + (jpeg ? "JPEG" : "PNG") + ": " +
                   failure.what());
+  }
+}
+
+}  // namespace
+
+Picture readPicture(const std::string& path, int channels, bool orient, PictureLimits& limits) {
+  std::error_code unknown;
+  std::size_t bytes = std::filesystem::file_size(path, unknown);
+  if (unknown) bytes = 0;  // reading says why
+  while (true) {
+    try {
+      return readWithin(limits.memory.reserve(path, bytes), path, channels, orient, limits);
+    } catch (const MemoryBudget::Busy& busy) {
+      bytes = busy.needed;
+    }
   }
 }
 
@@ -121,9 +166,9 @@ Crop centreCrop(const Picture& picture, int width, int height) {
 }
 
 void loadImage(const std::string& path, const facezoo::InputGeometry& geometry,
-               const PictureReading& reading, unsigned char* pixels) {
+               const PictureReading& reading, PictureLimits& limits, unsigned char* pixels) {
   const auto [channels, width, height] = geometry;
-  const Picture picture = readPicture(path, channels, reading.orient);
+  const Picture picture = readPicture(path, channels, reading.orient, limits);
   const Crop crop = centreCrop(picture, width, height);
   const int stride = picture.width * channels;
   const unsigned char* corner =

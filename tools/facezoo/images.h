@@ -2,6 +2,7 @@
 #pragma once
 
 #include "network_table.h"
+#include "picture_limits.h"
 
 #include <memory>
 #include <string>
@@ -9,6 +10,7 @@
 /// Interleaved 8-bit samples, rows from the top.
 struct Picture {
   int width, height, channels;
+  MemoryBudget::Share memory;  ///< that the pixels are part of
   std::unique_ptr<unsigned char[]> pixels;
 };
 
@@ -25,14 +27,15 @@ struct PictureReading {
 
 /// Decodes a PNG or JPEG file, turned grey if `channels` is 1.
 /// @param orient whether to turn it as its Exif orientation says; what of that is broken is ignored
-/// @throws Failure if the file is not a complete image
-Picture readPicture(const std::string& path, int channels, bool orient);
+/// @param limits waits until so much of their memory is free
+/// @throws Failure if the file is not a complete image, or one beyond the limits
+Picture readPicture(const std::string& path, int channels, bool orient, PictureLimits& limits);
 
 /// The largest part around the centre with the aspect ratio of `width` × `height`.
 Crop centreCrop(const Picture& picture, int width, int height);
 
 /// Decodes a PNG or JPEG file into height × width × channels interleaved bytes at `pixels`: its
 /// centre crop, resampled unless it has that size already.
-/// @throws Failure if the file is not a complete image
+/// @throws Failure as `readPicture`
 void loadImage(const std::string& path, const facezoo::InputGeometry& geometry,
-               const PictureReading& reading, unsigned char* pixels);
+               const PictureReading& reading, PictureLimits& limits, unsigned char* pixels);

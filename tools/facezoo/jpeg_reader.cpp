@@ -9,7 +9,7 @@
 namespace {
 
 /// Each scan of a progressive file costs a pass over all of its pixels, however small the scan is.
-constexpr int kMostScans = 500;
+constexpr std::size_t kMostScans = 500;
 constexpr std::string_view kExif("Exif\0\0", 6);
 
 /// Whether bytes that libjpeg has skipped in search of a marker were nobody's pixels. Before the
@@ -59,9 +59,12 @@ void JpegReader::judgeWarning(j_common_ptr state, int level) {
 
 void JpegReader::limitScans(j_common_ptr state) {
   auto* reader = static_cast<JpegReader*>(state->client_data);
-  if (reader->state_.input_scan_number <= kMostScans) return;
-  std::snprintf(reader->message_, sizeof reader->message_, "expected at most %d scans, found more",
-                kMostScans);
+  const std::size_t most =
+      std::min(kMostScans, reader->mostWork_ / (reader->width() * reader->height()));
+  if (static_cast<std::size_t>(reader->state_.input_scan_number) <= most) return;
+  std::snprintf(reader->message_, sizeof reader->message_,
+                "expected at most %zu scans of %zu x %zu pixels, found more", most, reader->width(),
+                reader->height());
   std::longjmp(reader->failed_, 1);
 }
 
@@ -82,7 +85,7 @@ boolean JpegReader::findExif(j_decompress_ptr state) {
   return TRUE;
 }
 
-JpegReader::JpegReader(std::string_view file) {
+JpegReader::JpegReader(std::string_view file, std::size_t mostWork) : mostWork_(mostWork) {
   state_.err = jpeg_std_error(&errors_);
   state_.client_data = this;
   errors_.error_exit = fail;
@@ -106,6 +109,23 @@ JpegReader::~JpegReader() { jpeg_destroy_decompress(&state_); }
 
 bool JpegReader::hasInks() const {
   return state_.jpeg_color_space == JCS_CMYK || state_.jpeg_color_space == JCS_YCCK;
+}
+
+std::size_t JpegReader::workingMemory() {
+  // No more rows of samples than these stand between the steps of decoding.
+  constexpr std::size_t kRows = 48;
+  const int components = state_.num_components;
+  std::size_t bytes = kRows * components * width();
+  if (jpeg_has_multiple_scans(&state_) == FALSE) return bytes;
+  // All coefficients, as each scan only adds to them.
+  const auto roundedUp = [](std::size_t count, int multiple) {
+    return (count + multiple - 1) / multiple * multiple;
+  };
+  for (const auto* c = state_.comp_info; c != state_.comp_info + components; ++c) {
+    bytes += roundedUp(c->width_in_blocks, c->h_samp_factor) *
+             roundedUp(c->height_in_blocks, c->v_samp_factor) * sizeof(JBLOCK);
+  }
+  return bytes;
 }
 
 void JpegReader::decode(J_COLOR_SPACE space, unsigned char* pixels) {

@@ -15,18 +15,21 @@ class JpegReader {
  public:
   /// Reads what stands before the first scan.
   /// @param file has to outlive the reader
+  /// @param mostWork of how many pixels the scans may be, together
   /// @throws Failure
-  explicit JpegReader(std::string_view file);
+  JpegReader(std::string_view file, std::size_t mostWork);
   JpegReader(const JpegReader&) = delete;
   JpegReader& operator=(const JpegReader&) = delete;
   ~JpegReader();
 
-  int width() const { return static_cast<int>(state_.image_width); }
-  int height() const { return static_cast<int>(state_.image_height); }
+  std::size_t width() const { return state_.image_width; }
+  std::size_t height() const { return state_.image_height; }
   /// Whether the samples are of four inks, which decode as JCS_CMYK only.
   bool hasInks() const;
   /// The Exif segment from its identifier on; empty if there is none.
   std::string_view exif() const { return exif_; }
+  /// How many bytes the decoder takes beside the pixels.
+  std::size_t workingMemory();
 
   /// Decodes to width × height interleaved pixels of `space`. To be called once. @throws Failure
   void decode(J_COLOR_SPACE space, unsigned char* pixels);
@@ -45,6 +48,7 @@ class JpegReader {
   jpeg_error_mgr errors_ = {};
   jpeg_progress_mgr progress_ = {};
   std::string_view exif_;
+  const std::size_t mostWork_;
   std::jmp_buf failed_ = {};
   char message_[JMSG_LENGTH_MAX] = {};
 };

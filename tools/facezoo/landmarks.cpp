@@ -40,8 +40,9 @@ void drawDot(const Picture& picture, Point centre, float radius) {
 }  // namespace
 
 int drawLandmarks(const std::string& path, const float* values, const LandmarkReading& reading,
-                  const facezoo::InputGeometry& geometry, const std::string& drawing) {
-  const Picture picture = readPicture(path, kChannels, reading.orient);
+                  const facezoo::InputGeometry& geometry, PictureLimits& limits,
+                  const std::string& drawing) {
+  const Picture picture = readPicture(path, kChannels, reading.orient, limits);
   const Crop crop = centreCrop(picture, geometry.width, geometry.height);
   const float across = static_cast<float>(crop.width) / static_cast<float>(geometry.width);
   const float down = static_cast<float>(crop.height) / static_cast<float>(geometry.height);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "network_table.h"
+#include "picture_limits.h"
 
 #include <string>
 
@@ -17,4 +18,5 @@ struct LandmarkReading {
 /// @return how many of the landmarks lie outside of the picture
 /// @throws Failure if the one cannot be read or the other not be written
 int drawLandmarks(const std::string& path, const float* values, const LandmarkReading& reading,
-                  const facezoo::InputGeometry& geometry, const std::string& drawing);
+                  const facezoo::InputGeometry& geometry, PictureLimits& limits,
+                  const std::string& drawing);

@@ -6,8 +6,8 @@
 
 PictureStream::PictureStream(const std::vector<std::string>& paths,
                              const facezoo::InputGeometry& geometry, const PictureReading& reading,
-                             int threads, std::size_t ahead)
-    : paths_(paths), geometry_(geometry), reading_(reading), ahead_(ahead) {
+                             PictureLimits& limits, int threads, std::size_t ahead)
+    : paths_(paths), geometry_(geometry), reading_(reading), limits_(limits), ahead_(ahead) {
   try {
     for (int i = 0; i < threads; ++i) workers_.emplace_back([this] { work(); });
   } catch (...) {
@@ -55,7 +55,7 @@ PictureStream::Decoded PictureStream::decode(const std::string& path) const {
   Decoded decoded;
   try {
     decoded.pixels.resize(std::size_t(geometry_.channels) * geometry_.width * geometry_.height);
-    loadImage(path, geometry_, reading_, decoded.pixels.data());
+    loadImage(path, geometry_, reading_, limits_, decoded.pixels.data());
   } catch (const Failure& failure) {
     decoded.fault = failure.what();
   } catch (...) {

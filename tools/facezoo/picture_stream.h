@@ -20,9 +20,11 @@ class PictureStream {
     std::string fault;  ///< why there are no pixels; empty if there are
   };
 
+  /// @param limits what decoding may take on all threads, and elsewhere, together
   /// @param ahead how many pictures may wait to be taken; bounds the memory
   PictureStream(const std::vector<std::string>& paths, const facezoo::InputGeometry& geometry,
-                const PictureReading& reading, int threads, std::size_t ahead);
+                const PictureReading& reading, PictureLimits& limits, int threads,
+                std::size_t ahead);
   PictureStream(const PictureStream&) = delete;
   PictureStream& operator=(const PictureStream&) = delete;
   ~PictureStream();
@@ -38,6 +40,7 @@ class PictureStream {
   const std::vector<std::string>& paths_;
   const facezoo::InputGeometry geometry_;
   const PictureReading reading_;
+  PictureLimits& limits_;
   const std::size_t ahead_;
   std::mutex mutex_;
   std::condition_variable changed_;

@@ -107,9 +107,10 @@ std::vector<std::string> without(const std::vector<std::string>& earlier,
 /// Takes the pictures through a network in full batches. @return how many could not be read
 std::size_t process(const RunOptions& options, const NetworkTable& table, Network& network,
                     const std::vector<std::string>& pictures, int capacity, bool strict,
-                    const std::vector<std::unique_ptr<Sink>>& sinks, ResultFiles& files) {
+                    const std::vector<std::unique_ptr<Sink>>& sinks, ResultFiles& files,
+                    PictureLimits& limits) {
   Batch batch(table, capacity, options.norm);
-  PictureStream stream(pictures, table, readingOf(options), options.threads,
+  PictureStream stream(pictures, table, readingOf(options), limits, options.threads,
                        capacity + options.threads);
   const bool scrolls = (printsLines(options) || !options.gallery.empty()) &&
                        options.output.empty() && isatty(STDOUT_FILENO) != 0;
@@ -161,8 +162,9 @@ void run(const RunOptions& options) {
   const std::unique_ptr<ResultFiles> files =
       options.resume ? resumableFiles(paths, describeRun(options, table)) : wholeFiles(paths);
   const std::vector<std::string> left = without(files->earlier(), pictures);
+  PictureLimits limits(options.maxPixels);
   const std::vector<std::unique_ptr<Sink>> sinks =
-      sinksFor(options, table, pictures, found.places, *files);
+      sinksFor(options, table, pictures, found.places, *files, limits);
   chosenDevice(listDevices());
 
   const int batch = static_cast<int>(std::min<std::size_t>(options.batch, pictures.size()));
@@ -175,7 +177,7 @@ void run(const RunOptions& options) {
     const GPU gpu;
     withCheckedNetwork(known, options.weights, batch, options.prefix, [&](Network& network) {
       const Timer timer;
-      unreadable = process(options, table, network, left, batch, strict, sinks, *files);
+      unreadable = process(options, table, network, left, batch, strict, sinks, *files, limits);
       seconds = timer.milliseconds() / 1000;
     });
   } catch (const Failure&) {
@@ -239,6 +241,13 @@ void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequi
   command
       .add_flag("--no-orient", options.noOrient,
                 "Ignore the Exif orientation: take pictures as they are stored")
+      ->group(inputs);
+  command
+      .add_option("--max-pixels", options.maxPixels,
+                  "Refuse pictures of more pixels; all threads together decode in 8 bytes for each")
+      ->check(CLI::Range(1, PictureLimits::kLargestPixels))
+      ->type_name("N")
+      ->capture_default_str()
       ->group(inputs);
   command
       .add_flag("--strict", options.strict,

@@ -136,9 +136,10 @@ class Drawings : public Sink {
  public:
   Drawings(const RunOptions& options, const NetworkTable& table,
            const std::vector<std::string>& pictures,
-           const std::map<std::string, std::string>& places)
+           const std::map<std::string, std::string>& places, PictureLimits& limits)
       : reading_{options.layout == "xyxy", options.scale, readingOf(options).orient},
-        geometry_(table) {
+        geometry_(table),
+        limits_(limits) {
     std::map<std::string, std::string> pictureOf;
     std::set<std::optional<std::pair<dev_t, ino_t>>> read;
     for (const std::string& picture : pictures) {
@@ -168,8 +169,8 @@ class Drawings : public Sink {
   }
 
   void take(const std::string& picture, const Batch& batch, int index) override {
-    const int outside =
-        drawLandmarks(picture, batch.values(index), reading_, geometry_, drawingOf_.at(picture));
+    const int outside = drawLandmarks(picture, batch.values(index), reading_, geometry_, limits_,
+                                      drawingOf_.at(picture));
     if (outside > 0) {
       warn(picture + ": " + std::to_string(outside) +
            " of 68 landmarks lie outside the picture: do --layout and --scale fit the weights?");
@@ -189,6 +190,7 @@ class Drawings : public Sink {
 
   LandmarkReading reading_;
   facezoo::InputGeometry geometry_;
+  PictureLimits& limits_;
   std::map<std::string, std::string> drawingOf_;
 };
 
@@ -274,12 +276,13 @@ bool printsLines(const RunOptions& options) {
 std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options, const NetworkTable& table,
                                             const std::vector<std::string>& pictures,
                                             const std::map<std::string, std::string>& places,
-                                            ResultFiles& files) {
+                                            ResultFiles& files, PictureLimits& limits) {
   std::vector<std::unique_ptr<Sink>> sinks;
   if (!options.compared.empty()) sinks.emplace_back(new Comparison(options, pictures, files));
   if (!options.gallery.empty()) sinks.push_back(neighbours(options, table, files));
   if (!options.features.empty()) sinks.emplace_back(new Array(options, table, files));
-  if (!options.drawings.empty()) sinks.emplace_back(new Drawings(options, table, pictures, places));
+  if (!options.drawings.empty())
+    sinks.emplace_back(new Drawings(options, table, pictures, places, limits));
   if (printsLines(options)) sinks.emplace_back(new Lines(options, table, pictures, files));
   sinks.emplace_back(new FiniteCheck(options.norm));
   return sinks;

@@ -16,7 +16,7 @@
 struct RunOptions {
   std::string network, weights, prefix, format, output, features, list, drawings, layout, gallery,
       channels;
-  int batch = 8, threads = 0, nearest = 1;
+  int batch = 8, threads = 0, nearest = 1, maxPixels = PictureLimits::kDefaultPixels;
   float scale = 1;
   bool norm = false, strict = false, resume = false, null = false, noOrient = false;
   std::vector<std::string> images, compared;
@@ -55,4 +55,4 @@ std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options,
                                             const facezoo::NetworkTable& table,
                                             const std::vector<std::string>& pictures,
                                             const std::map<std::string, std::string>& places,
-                                            ResultFiles& files);
+                                            ResultFiles& files, PictureLimits& limits);
