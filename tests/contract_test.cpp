@@ -96,8 +96,8 @@ TEST_F(ContractTest, WhoListensHearsInPlaceOfTheStreams) {
     EXPECT_EQ(0, construct("nowhere", ""));
     EXPECT_EQ(1U, outer.lines.size());
     const Listener silent;
-    EXPECT_EQ(1, construct(seededFile(smallNetwork).c_str(), "up/"));
-    const SmallNetwork net(seededFile(smallNetwork).c_str(), 1, "");
+    EXPECT_EQ(1, construct(seededFile(smallNetwork), "up/"));
+    const SmallNetwork net(seededFile(smallNetwork), 1, "");
   }
   EXPECT_EQ("", testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr());
 }

@@ -83,7 +83,7 @@ void forEachValue(const Json& row, const Visit& visit) {
 
 }  // namespace
 
-std::size_t widthOf(const std::string& text) {
+std::size_t widthOf(std::string_view text) {
   return std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; });
 }
 

@@ -27,7 +27,7 @@ struct Column {
 inline constexpr std::size_t widestColumn = 60;
 
 /// Characters of a UTF-8 text, which is the width it takes.
-std::size_t widthOf(const std::string& text);
+std::size_t widthOf(std::string_view text);
 
 /// `text` and the blanks that make it `width` characters, or `widestColumn` of them.
 std::string padded(const std::string& text, std::size_t width, bool onLeft = true);
