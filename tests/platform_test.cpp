@@ -176,6 +176,7 @@ TEST_F(PlatformTest, EveryAlgorithmInEveryInstructionSetAndWorkspace) {
                   static_cast<int>(set));
       continue;
     }
+    ASSERT_EQ(set, host_device::instructionSet());
     for (const auto& t : cases) {
       const int taps = t.c * t.kernel * t.kernel, pad = t.padded != 0 ? t.kernel / 2 : 0;
       const auto filter = seededValues(static_cast<std::size_t>(t.outputs) * taps, 1);
@@ -263,7 +264,8 @@ TEST(ReadAhead, VisitsEveryValueOnceInOrder) {
       std::vector<float> values(offset + count);
       std::iota(values.begin(), values.end(), 0.0F);
       std::vector<float> visited(values.begin(), values.begin() + offset);
-      inOrder(values.data() + offset, count, [&](float value) { visited.push_back(value); });
+      device_code::inOrder(values.data() + offset, count,
+                           [&](float value) { visited.push_back(value); });
       EXPECT_EQ(values, visited) << offset << ", " << count;
     }
 }

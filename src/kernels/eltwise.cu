@@ -5,6 +5,9 @@
 namespace facezoo {
 namespace {
 
+using device_code::launch;
+using device_code::overGrid;
+
 // One row of blocks for each row of elements.
 constexpr unsigned kBlock = 1024;
 

@@ -7,6 +7,10 @@
 namespace facezoo {
 namespace {
 
+using device_code::inOrder;
+using device_code::launch;
+using device_code::overGrid;
+
 // One thread for each sample.
 constexpr int kBlock = 128;
 

@@ -4,8 +4,8 @@
 
 namespace {
 
-using facezoo::launch;
-using facezoo::overGrid;
+using device_code::launch;
+using device_code::overGrid;
 
 constexpr unsigned kBlockEdge = 32;
 

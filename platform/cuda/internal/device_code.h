@@ -9,7 +9,7 @@
 
 #include <cuda_runtime.h>
 
-namespace facezoo {
+namespace device_code {
 
 /// Launches `kernel` on the default stream; the status is not looked at, it surfaces in the next
 /// checked call.
@@ -27,4 +27,4 @@ __device__ void overGrid(int width, int height, int /*work*/, const Body& body) 
   if (x < width && y < height) body(x, y);
 }
 
-}  // namespace facezoo
+}  // namespace device_code

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-namespace facezoo {
+namespace device_code {
 namespace detail {
 
 // A thread that has one chain of multiply-adds has nothing else to wait with. While it works off
@@ -59,4 +59,4 @@ __device__ void inOrder(const float* in, int count, const Body& body) {
   for (; in != end; ++in) body(*in);
 }
 
-}  // namespace facezoo
+}  // namespace device_code

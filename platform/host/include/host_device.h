@@ -71,9 +71,12 @@ void poisonFreshMemory(bool on);
 /// and after the fork. Otherwise every call in it fails, as on a card.
 void keepAfterFork(bool on);
 
-/// What convolutions and matrix products are computed with. At load it is the best set of this
-/// machine: AVX2 stands for AVX2 and FMA, AVX-512 for its foundation.
+/// What everything is computed with, the library's own kernels included. The baseline is what all
+/// processors of a family have: SSE2 (x86-64) or NEON (AArch64). AVX2 stands for AVX2 and FMA,
+/// AVX-512 for its foundation and its byte and word instructions.
 enum class InstructionSet { baseline, avx2, avx512 };
+/// The one in use; at load the best that this machine has.
+InstructionSet instructionSet();
 /// Changes it for the calls that follow. False, and nothing changed, if this machine lacks it.
 bool useInstructionSet(InstructionSet set);
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cuda_runtime.h>
+#include <host_device.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -14,7 +15,7 @@
 
 #include "team.h"
 
-namespace facezoo {
+namespace host_device {
 
 /// Grid and block of the launch that is running on this thread.
 struct LaunchGeometry {
@@ -22,7 +23,12 @@ struct LaunchGeometry {
 };
 const LaunchGeometry& currentLaunch();
 
+}  // namespace host_device
+
+namespace device_code {
+
 namespace detail {
+
 template <class... P, std::size_t... I>
 void callKernel(void** arguments, std::index_sequence<I...>) {
   using Kernel = void (*)(P...);
@@ -32,6 +38,38 @@ template <class... P>
 void kernelEntry(void** arguments) {
   callKernel<P...>(arguments, std::index_sequence_for<P...>{});
 }
+
+/// The calls of one piece of a row, for each instruction set; `body` becomes part of each.
+template <class Body>
+[[gnu::always_inline]] inline void visit(const Body& body, int y, int begin, int end) {
+#pragma omp simd
+  for (int x = begin; x < end; ++x) body(x, y);
+}
+template <class Body>
+void visitBaseline(const Body& body, int y, int begin, int end) {
+  visit<Body>(body, y, begin, end);
+}
+#ifdef __x86_64__
+template <class Body>
+[[gnu::target("avx2,fma")]] void visitAvx2(const Body& body, int y, int begin, int end) {
+  visit<Body>(body, y, begin, end);
+}
+template <class Body>
+[[gnu::target("avx512f,avx512bw")]] void visitAvx512(const Body& body, int y, int begin, int end) {
+  visit<Body>(body, y, begin, end);
+}
+#endif
+
+template <class Body>
+auto visitIn(host_device::InstructionSet set) {
+#ifdef __x86_64__
+  if (set == host_device::InstructionSet::avx512) return visitAvx512<Body>;
+  if (set == host_device::InstructionSet::avx2) return visitAvx2<Body>;
+#endif
+  static_cast<void>(set);
+  return visitBaseline<Body>;
+}
+
 }  // namespace detail
 
 /// Launches `kernel` on the default stream; as on a device, the status is not looked at.
@@ -47,50 +85,17 @@ void launch(void (*kernel)(P...), dim3 grid, dim3 block, A... values) {
       parameters);
 }
 
-namespace detail {
-
-/// The calls of one piece of a row. A clone for each instruction set; `body` becomes part of each.
-template <class Body>
-[[gnu::always_inline]] inline void visit(const Body& body, int y, int begin, int end) {
-#pragma omp simd
-  for (int x = begin; x < end; ++x) body(x, y);
-}
-template <class Body>
-[[gnu::target("avx512f,avx512bw")]] void visitAvx512(const Body& body, int y, int begin, int end) {
-  visit<Body>(body, y, begin, end);
-}
-template <class Body>
-[[gnu::target("avx2,fma")]] void visitAvx2(const Body& body, int y, int begin, int end) {
-  visit<Body>(body, y, begin, end);
-}
-template <class Body>
-void visitAny(const Body& body, int y, int begin, int end) {
-  visit<Body>(body, y, begin, end);
-}
-
-/// target_clones would do this for a function that is not a template.
-template <class Body>
-auto bestVisit() {
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")) {
-    return visitAvx512<Body>;
-  }
-  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return visitAvx2<Body>;
-  return visitAny<Body>;
-}
-
-}  // namespace detail
-
 /// Calls body(x, y) for every 0 <= x < width, 0 <= y < height that the running launch covers.
 /// The calls must be independent of each other; each handles about `work` values.
 template <class Body>
 void overGrid(int width, int height, int work, const Body& body) {
   constexpr int pieceWork = 8192;
-  const LaunchGeometry& launch = currentLaunch();
+  const host_device::LaunchGeometry& launch = host_device::currentLaunch();
   const int columns = std::min(width, static_cast<int>(launch.grid.x * launch.block.x));
   const int rows = std::min(height, static_cast<int>(launch.grid.y * launch.block.y));
   const int piece = std::max(1, pieceWork / std::max(1, work));
   const int pieces = (columns + piece - 1) / piece;
-  const auto visit = detail::bestVisit<Body>();
+  const auto visit = detail::visitIn<Body>(host_device::instructionSet());
   const bool pays = std::int64_t{1} * columns * rows >= 2 * piece;
 #pragma omp parallel for num_threads(host_device::teamSize()) schedule(static) collapse(2) if (pays)
   for (int y = 0; y < rows; ++y) {
@@ -106,4 +111,4 @@ template <class Body>
   for (int i = 0; i < count; ++i) body(in[i]);
 }
 
-}  // namespace facezoo
+}  // namespace device_code

@@ -7,20 +7,20 @@
 
 #include <algorithm>
 
-#include "convolution.h"
+#include "algorithm.h"
 
 namespace host_device {
-namespace detail {
 namespace {
 
-/// A transformed panel of more bytes would not stay in a core's own cache next to what passes by.
+/// A transformed panel of more bytes would not stay in a core's own cache beside filter and
+/// products.
 constexpr std::size_t kPanelBytes = std::size_t{704} << 10;
 /// A filter of more bytes does not stay in a cache from panel to panel.
 constexpr std::size_t kFilterBytes = std::size_t{8} << 20;
 /// Transformed tiles of more bytes would not stay in any cache.
 constexpr std::size_t kChunkBytes = std::size_t{16} << 20;
 
-/// Which of the vector code's two transforms fits the filter.
+/// Which of the two transforms fits the filter.
 int sizeIndex(const Problem& problem) { return problem.vertical.kernel == 3 ? 0 : 1; }
 int outputsOf(const Problem& problem) { return kWinogradSizes[sizeIndex(problem)]; }
 
@@ -53,7 +53,7 @@ void packWinograd(const Problem& problem, const float* w, float* packed) {
   }
   transform[kTile - 1][kernel - 1] = 1;
 
-  const int rows = vectorCode().rows;
+  const int rows = kernels().products.rows;
   const std::size_t groups = problem.rowGroups();
   const std::size_t frequency = groups * problem.c * rows;
 #pragma omp parallel for num_threads(teamSize()) schedule(static)
@@ -156,9 +156,10 @@ void scatter(const Problem& problem, const Tiles& tiles, const Strip& strip, con
   const Axis &v = problem.vertical, &h = problem.horizontal;
   const int outputs = tiles.outputs;
   const int y = strip.tileRow * outputs, x = strip.tileColumn * outputs;
-  vectorCode().store(rows + strip.to * outputs, panelTiles * outputs,
-                     std::min(outputs, v.output - y), std::min(strip.count * outputs, h.output - x),
-                     bias, 0, plane + std::size_t{1} * y * h.output + x, h.output);
+  kernels().products.store(rows + strip.to * outputs, panelTiles * outputs,
+                           std::min(outputs, v.output - y),
+                           std::min(strip.count * outputs, h.output - x), bias, 0,
+                           plane + std::size_t{1} * y * h.output + x, h.output);
 }
 
 /// The work on a batch: panels of up to three vectors of tiles are transformed, multiplied by the
@@ -176,7 +177,7 @@ class Pass {
         filter_(filter),
         tiles_(problem),
         groups_(problem.rowGroups()),
-        vectors_(dividedUp(tiles_.count, code_.lanes)),
+        vectors_(dividedUp(tiles_.count, kernels_.products.lanes)),
         threads_(teamSize()) {
     Scratch scratch(operands);
     const std::size_t room = scratch.floatsLeft(), panelFloats = inputFloats(problem, 1);
@@ -202,14 +203,14 @@ class Pass {
   }
 
   static std::size_t filterFloats(const Problem& problem) {
-    return kFrequencies * problem.rowGroups() * problem.c * vectorCode().rows;
+    return kFrequencies * problem.rowGroups() * problem.c * kernels().products.rows;
   }
 
   /// Floats of workspace for a chunk of `vectors` vectors of tiles that threads share.
   static std::size_t sharedFloats(const Problem& problem, std::size_t vectors) {
-    const VectorCode& code = vectorCode();
-    return inputFloats(problem, vectors) +
-           kFrequencies * problem.rowGroups() * code.rows * vectors * code.lanes;
+    return inputFloats(problem, vectors) + kFrequencies * problem.rowGroups() *
+                                               kernels().products.rows * vectors *
+                                               kernels().products.lanes;
   }
 
   void run() const {
@@ -235,9 +236,9 @@ class Pass {
   }
 
  private:
-  /// Fewer vectors of tiles for each thread are better shared.
+  /// With fewer vectors of tiles for each thread, threads had better share chunks.
   static constexpr std::size_t kVectorsApart = 8;
-  /// Groups of rows whose products with one panel stay near.
+  /// Groups of rows whose products with one panel are transformed back from the cache.
   static constexpr std::size_t kGroupsAtOnce = 2;
 
   struct Panel {
@@ -248,18 +249,20 @@ class Pass {
 
   /// Cache lines of one frequency of `vectors` vectors of tiles.
   static std::size_t linesOf(const Problem& problem, std::size_t vectors) {
-    return vectors * dividedUp(std::size_t{1} * vectorCode().lanes * problem.c, Scratch::line);
+    return vectors *
+           dividedUp(std::size_t{1} * kernels().products.lanes * problem.c, Scratch::line);
   }
   /// One line more than needed allows for an odd distance between frequencies.
   static std::size_t inputFloats(const Problem& problem, std::size_t vectors) {
     return kFrequencies * (linesOf(problem, vectors) + 1) * Scratch::line;
   }
 
-  /// The products of one panel that a thread of its own has at a time.
+  /// The products that a thread has at a time of a panel of its own.
   static std::size_t productFloats() {
-    return kGroupsAtOnce * vectorCode().rows * kFrequencies * kWidest * vectorCode().lanes;
+    return kGroupsAtOnce * kernels().products.rows * kFrequencies * kWidest *
+           kernels().products.lanes;
   }
-  /// What a thread needs for panels of its own.
+  /// What a thread needs for panels of its own, `vectors` wide.
   static std::size_t apartFloats(const Problem& problem, std::size_t vectors) {
     return inputFloats(problem, vectors) + productFloats();
   }
@@ -267,7 +270,7 @@ class Pass {
   std::size_t panelCount(Range chunk) const { return dividedUp(chunk.end - chunk.begin, widest_); }
   Panel panel(Range chunk, std::size_t index) const {
     const Range own = part(chunk.end - chunk.begin, index, panelCount(chunk));
-    const std::size_t lanes = code_.lanes, vectors = own.end - own.begin;
+    const std::size_t lanes = kernels_.products.lanes, vectors = own.end - own.begin;
     return {static_cast<int>(vectors), vectors * lanes, (chunk.begin + own.begin) * lanes,
             own.begin * lanes};
   }
@@ -300,7 +303,7 @@ class Pass {
       for (std::size_t p = 0; p < panelCount(chunk); ++p) {
         const Panel at = panel(chunk, p);
         multiply(at, static_cast<int>(frequency), own, inputs_,
-                 productsOf(at) + own.begin * code_.rows * kFrequencies * at.tiles);
+                 productsOf(at) + own.begin * kernels_.products.rows * kFrequencies * at.tiles);
       }
     });
   }
@@ -325,15 +328,16 @@ class Pass {
   }
 
   float* productsOf(const Panel& at) const {
-    return products_ + at.start * kFrequencies * groups_ * code_.rows;
+    return products_ + at.start * kFrequencies * groups_ * kernels_.products.rows;
   }
   Range rowsOf(Range groups) const {
-    return {groups.begin * code_.rows, std::min<std::size_t>(groups.end * code_.rows, problem_.k)};
+    return {groups.begin * kernels_.products.rows,
+            std::min<std::size_t>(groups.end * kernels_.products.rows, problem_.k)};
   }
 
-  /// Some channels of a panel, to the place of its chunk.
+  /// Those channels of a panel, to their place in the chunk.
   void transform(const Panel& at, Range channels, float* inputs) const {
-    // Two groups of 4 columns, or three of 2. Tiles that are none stay zero.
+    // Two groups of 4 columns, or three of 2. Tiles beyond the last one stay zero.
     alignas(64) float rows[2 * kTile * 4 * kWidest * kMostLanes] = {};
     for (std::size_t c = channels.begin; c < channels.end; ++c) {
       forStrips(at, [&](const Strip& strip) {
@@ -341,30 +345,31 @@ class Pass {
         gather(problem_, tiles_, strip, operands_.x + plane * problem_.inputPlane(), at.tiles,
                rows);
       });
-      code_.winogradInput[sizeIndex(problem_)](
+      kernels_.winograd.input[sizeIndex(problem_)](
           rows, at.vectors, inputs + at.start * problem_.c + c * at.tiles, frequencyStride_);
     }
   }
 
-  /// One frequency of some groups of rows. The products are those of the first group on.
+  /// One frequency of those groups of rows; `products` starts with the first of them.
   void multiply(const Panel& at, int frequency, Range groups, const float* inputs,
                 float* products) const {
-    const std::size_t groupFloats = std::size_t{1} * problem_.c * code_.rows;
+    const std::size_t groupFloats = std::size_t{1} * problem_.c * kernels_.products.rows;
     const float* const input = inputs + frequency * frequencyStride_ + at.start * problem_.c;
     const float* filter = filter_ + (frequency * groups_ + groups.begin) * groupFloats;
     float* to = products + frequency * at.tiles;
     for (std::size_t group = groups.begin; group < groups.end; ++group) {
-      code_.multiply[at.vectors - 1](problem_.c, filter, input, to, kFrequencies * at.tiles);
+      kernels_.products.multiply[at.vectors - 1](problem_.c, filter, input, to,
+                                                 kFrequencies * at.tiles);
       filter += groupFloats;
-      to += code_.rows * kFrequencies * at.tiles;
+      to += kernels_.products.rows * kFrequencies * at.tiles;
     }
   }
 
-  /// Some output channels of a panel. The products are those of the first on.
+  /// Those output channels of a panel; `products` starts with the first of them.
   void transformBack(const Panel& at, Range channels, const float* products) const {
     alignas(64) float rows[4 * 4 * kWidest * kMostLanes];
     for (std::size_t k = channels.begin; k < channels.end; ++k) {
-      code_.winogradOutput[sizeIndex(problem_)](products, at.vectors, rows);
+      kernels_.winograd.output[sizeIndex(problem_)](products, at.vectors, rows);
       products += kFrequencies * at.tiles;
       forStrips(at, [&](const Strip& strip) {
         const std::size_t plane = std::size_t{1} * strip.image * problem_.k + k;
@@ -378,7 +383,7 @@ class Pass {
   const Problem& problem_;
   const Operands& operands_;
   const float* filter_;
-  const VectorCode& code_ = vectorCode();
+  const Kernels& kernels_ = kernels();
   const Tiles tiles_;
   const std::size_t groups_, vectors_, threads_;
   bool apart_;
@@ -393,7 +398,7 @@ std::size_t winogradWorkspace(const Problem& problem) {
 void runWinograd(const Problem& problem, const Operands& operands) {
   const auto filter =
       packedFilter(winograd.id, problem, operands.w, Pass::filterFloats(problem), packWinograd);
-  Pass(problem, operands, filter->data()).run();
+  Pass(problem, operands, filter.get()).run();
 }
 
 }  // namespace
@@ -401,5 +406,4 @@ void runWinograd(const Problem& problem, const Operands& operands) {
 const Algorithm winograd = {CUDNN_CONVOLUTION_FWD_ALGO_WINOGRAD_NONFUSED, supportsWinograd,
                             winogradPays, winogradWorkspace, runWinograd};
 
-}  // namespace detail
 }  // namespace host_device

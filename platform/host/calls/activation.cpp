@@ -2,62 +2,41 @@
 /// Element-wise calls and softmax.
 #include <cudnn.h>
 
-#include <cmath>
-
-#include "compute.h"
 #include "instrumentation.h"
+#include "kernels/kernels.h"
+#include "kernels/parallel.h"
+#include "operands.h"
 
-using namespace host_device::detail;
+using namespace host_device;
 
 namespace {
 
-// Not std::max: the operand that a comparison with NaN picks is the whole difference between the
-// two functions.
-HOST_DEVICE_CLONES void rectifyKeepingNan(const float* x, float* y, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) y[i] = x[i] < 0.0f ? 0.0f : x[i];
-}
-
-HOST_DEVICE_CLONES void rectifyDroppingNan(const float* x, float* y, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) y[i] = x[i] > 0.0f ? x[i] : 0.0f;
-}
-
-void softmax(const cudnnTensorStruct& shape, const float* x, float* y) {
+void softmaxTensor(const cudnnTensorStruct& shape, const float* x, float* y) {
   const std::size_t plane = std::size_t{1} * shape.h * shape.w;
   const std::size_t image = plane * shape.c;
+  const auto softmax = kernels().elements.softmax;
   forRanges(shape.n * plane, shape.c, [&](std::size_t first, std::size_t last) {
     for (; first < last; ++first) {
-      const std::size_t begin = first / plane * image + first % plane, end = begin + image;
-      float sum = 0.0f;
-      for (std::size_t i = begin; i < end; i += plane) sum += y[i] = std::exp(x[i]);
-      for (std::size_t i = begin; i < end; i += plane) y[i] /= sum;
+      const std::size_t begin = first / plane * image + first % plane;
+      softmax(shape.c, plane, x + begin, y + begin);
     }
   });
 }
 
-/// c = alpha · a + beta · c over a run of c in which a either advances with c or stands still.
-struct Run {
+/// A run of c in which a either advances with c or stands still.
+struct AddedRun {
   std::size_t count = 1;
   bool standsStill = false;
 };
 
-HOST_DEVICE_CLONES void addRun(Run run, float alpha, const float* __restrict a, float beta,
-                               float* __restrict c) {
-  // What c holds must not count when beta is 0, not even a NaN.
-  if (beta == 0.0f) std::fill_n(c, run.count, 0.0f);
-  if (run.standsStill) {
-    for (std::size_t i = 0; i < run.count; ++i) c[i] = alpha * a[0] + beta * c[i];
-  } else {
-    for (std::size_t i = 0; i < run.count; ++i) c[i] = alpha * a[i] + beta * c[i];
-  }
-}
-
+/// c = alpha · a + beta · c.
 void addTensor(float alpha, const cudnnTensorStruct& aShape, const float* a, float beta,
                const cudnnTensorStruct& cShape, float* c) {
   const int aExtents[] = {aShape.n, aShape.c, aShape.h, aShape.w};
   const int cExtents[] = {cShape.n, cShape.c, cShape.h, cShape.w};
 
   // The longest run: the innermost dimensions up to where a changes between advancing and not.
-  Run run;
+  AddedRun run;
   int outer = 4;
   for (; outer > 0; --outer) {
     const int extent = cExtents[outer - 1];
@@ -67,6 +46,7 @@ void addTensor(float alpha, const cudnnTensorStruct& aShape, const float* a, flo
     run.count *= extent;
   }
 
+  const auto add = kernels().elements.add;
   forRanges(cShape.elements() / run.count, run.count, [&](std::size_t first, std::size_t last) {
     for (std::size_t r = first; r < last; ++r) {
       std::size_t offset = 0, stride = run.standsStill ? 1 : run.count, rest = r;
@@ -74,7 +54,7 @@ void addTensor(float alpha, const cudnnTensorStruct& aShape, const float* a, flo
         if (aExtents[d] > 1) offset += rest % cExtents[d] * stride;
         stride *= aExtents[d];
       }
-      addRun(run, alpha, a + offset, beta, c + r * run.count);
+      add(run.count, run.standsStill, alpha, a + offset, beta, c + r * run.count);
     }
   });
 }
@@ -112,11 +92,12 @@ cudnnStatus_t cudnnActivationForward(cudnnHandle_t handle, cudnnActivationDescri
     }
     if (const auto status = checkPlain(alpha, beta)) return status;
     writeDevice(y, yDesc->bytes());
-    const auto rectify =
-        activation->nan == CUDNN_PROPAGATE_NAN ? rectifyKeepingNan : rectifyDroppingNan;
+    const Elements& elements = kernels().elements;
+    const auto rectify = activation->nan == CUDNN_PROPAGATE_NAN ? elements.rectifyKeepingNan
+                                                                : elements.rectifyDroppingNan;
     const auto* from = static_cast<const float*>(x);
     auto* to = static_cast<float*>(y);
-    forPieces(xDesc->elements(), [&](std::size_t begin, std::size_t end) {
+    forRanges(xDesc->elements(), 1, [&](std::size_t begin, std::size_t end) {
       rectify(from + begin, to + begin, end - begin);
     });
     return CUDNN_STATUS_SUCCESS;
@@ -138,7 +119,7 @@ cudnnStatus_t cudnnSoftmaxForward(cudnnHandle_t handle, cudnnSoftmaxAlgorithm_t 
           return CUDNN_STATUS_NOT_SUPPORTED;
         }
         writeDevice(y, yDesc->bytes());
-        softmax(*xDesc, static_cast<const float*>(x), static_cast<float*>(y));
+        softmaxTensor(*xDesc, static_cast<const float*>(x), static_cast<float*>(y));
         return CUDNN_STATUS_SUCCESS;
       });
 }

@@ -1,92 +1,15 @@
 /// @file
-/// The convolution calls, the rules that choose an algorithm, and the last resort among them.
-#include "convolution.h"
+/// The convolution calls, and the choice of an algorithm.
+#include "convolution/algorithm.h"
 
 #include <cudnn.h>
 
 #include <limits>
-#include <new>
-#include <utility>
 
 #include "instrumentation.h"
+#include "operands.h"
 
-namespace host_device {
-namespace detail {
-
-std::size_t Problem::rowGroups() const { return dividedUp(k, vectorCode().rows); }
-
-PackedFilter::PackedFilter(std::size_t floats) : data_(allocateBlock(floats * sizeof(float))) {
-  if (!data_) throw std::bad_alloc();
-}
-
-std::shared_ptr<PackedFilter> packedFilter(cudnnConvolutionFwdAlgo_t id, const Problem& problem,
-                                           const float* w, std::size_t floats,
-                                           void (*pack)(const Problem&, const float*, float*)) {
-  const DerivedKey key = {address(w),
-                          id,
-                          vectorCode().lanes,
-                          problem.c,
-                          problem.k,
-                          problem.vertical.kernel,
-                          problem.horizontal.kernel};
-  if (auto found = findDerived(w, key)) return std::static_pointer_cast<PackedFilter>(found);
-  auto made = std::make_shared<PackedFilter>(floats);
-  pack(problem, w, made->data());
-  storeDerived(w, key, made);
-  return made;
-}
-
-namespace {
-
-/// The outputs [first, second) of an axis that meet the input under the kernel's element `u`.
-HOST_DEVICE_INLINE std::pair<int, int> outputsUnder(const Axis& axis, int u) {
-  const int offset = axis.pad - u;
-  const int first = offset > 0 ? (offset + axis.stride - 1) / axis.stride : 0;
-  const int last = axis.input - 1 + offset;
-  return {first, last < 0 ? 0 : std::min(axis.output, last / axis.stride + 1)};
-}
-
-/// Computes one output plane; x is its image, w the filter of its channel.
-HOST_DEVICE_CLONES void convolvePlane(const Problem& problem, const float* x, const float* w,
-                                      float* __restrict y) {
-  const Axis &v = problem.vertical, &h = problem.horizontal;
-  std::fill_n(y, problem.outputPlane(), 0.0f);
-  for (int c = 0; c < problem.c; ++c, x += problem.inputPlane()) {
-    for (int u = 0; u < v.kernel; ++u) {
-      const auto [firstRow, endRow] = outputsUnder(v, u);
-      for (int t = 0; t < h.kernel; ++t) {
-        const auto [first, end] = outputsUnder(h, t);
-        const float weight = *w++;
-        for (int i = firstRow; i < endRow; ++i) {
-          const std::ptrdiff_t row = std::ptrdiff_t{i} * v.stride - v.pad + u;
-          const float* __restrict from = x + row * h.input;
-          float* __restrict to = y + std::ptrdiff_t{i} * h.output;
-          for (int j = first; j < end; ++j) to[j] += weight * from[j * h.stride - h.pad + t];
-        }
-      }
-    }
-  }
-}
-
-void runLoops(const Problem& problem, const Operands& operands) {
-  const std::size_t plane = problem.outputPlane();
-#pragma omp parallel for num_threads(teamSize()) schedule(static) collapse(2)
-  for (int n = 0; n < problem.n; ++n) {
-    for (int k = 0; k < problem.k; ++k) {
-      float* y = operands.y + (std::size_t{1} * n * problem.k + k) * plane;
-      convolvePlane(problem, operands.x + n * problem.c * problem.inputPlane(),
-                    operands.w + k * problem.depth(), y);
-      if (operands.bias) vectorCode().store(y, plane, 1, plane, operands.bias + k, 0, y, plane);
-    }
-  }
-}
-
-std::size_t noWorkspace(const Problem&) { return 0; }
-
-}  // namespace
-
-const Algorithm loops = {CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM, always, always, noWorkspace,
-                         runLoops};
+using namespace host_device;
 
 namespace {
 
@@ -146,10 +69,6 @@ cudnnStatus_t convolve(cudnnConvolutionFwdAlgo_t id, const Problem& problem,
 }
 
 }  // namespace
-}  // namespace detail
-}  // namespace host_device
-
-using namespace host_device::detail;
 
 cudnnStatus_t cudnnGetConvolution2dForwardOutputDim(cudnnConvolutionDescriptor_t convolution,
                                                     cudnnTensorDescriptor_t input,

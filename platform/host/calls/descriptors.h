@@ -15,10 +15,10 @@ struct HostObject {
   HostObject* nextSpare = nullptr;  ///< of a destroyed object: another one of its type
 };
 
-/// Keeps for the next call what a call works with; as with the real library, one thread at a time
+/// Keeps the scratch memory of a call for the next; as with the real library, one thread at a time
 /// uses a handle.
 struct cudnnContext : HostObject {
-  std::vector<float> poolingScratch, columnCounts;
+  std::vector<float> poolingScratch, windowCounts;
 };
 struct cublasContext : HostObject {};
 
@@ -50,7 +50,6 @@ struct cudnnActivationStruct : HostObject {
 };
 
 namespace host_device {
-namespace detail {
 
 /// Whether `object` was created and not yet destroyed, and is of its pointer's type. Every call
 /// checks its handles and descriptors with this before it looks into them.
@@ -62,5 +61,4 @@ bool allLive(const T*... objects) {
                   dynamic_cast<const T*>(static_cast<const HostObject*>(objects)) != nullptr));
 }
 
-}  // namespace detail
 }  // namespace host_device

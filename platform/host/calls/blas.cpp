@@ -2,11 +2,15 @@
 /// The matrix products of cuBLAS.
 #include <cublas_v2.h>
 
-#include "compute.h"
-#include "instrumentation.h"
-#include "vector_code.h"
+#include <algorithm>
+#include <utility>
 
-using namespace host_device::detail;
+#include "instrumentation.h"
+#include "kernels/kernels.h"
+#include "kernels/parallel.h"
+#include "operands.h"
+
+using namespace host_device;
 
 namespace {
 
@@ -24,20 +28,22 @@ struct Product {
 };
 
 /// Threads share the rows of the taller factor, since it is what takes the time to read.
-void multiply(const Product& product) {
+void multiplyMatrices(const Product& product) {
   constexpr std::size_t tallest = 6, columns = 32;
-  const std::size_t block = product.rows < 64 ? 1 : tallest;  // something for each thread
-  const std::size_t blocks = dividedUp(product.rows, block);
-#pragma omp parallel for num_threads(host_device::teamSize()) \
+  // Few rows go one by one, lest a thread have none.
+  const std::size_t atOnce = product.rows < 64 ? 1 : tallest;
+  const std::size_t strips = dividedUp(product.rows, atOnce);
+  const auto dotProducts = kernels().products.dotProducts;
+#pragma omp parallel for num_threads(teamSize()) \
     schedule(static) if (product.rows * product.columns * product.size > 4096)
-  for (std::size_t i = 0; i < blocks; ++i) {
-    const std::size_t first = i * block, count = std::min(block, product.rows - first);
+  for (std::size_t i = 0; i < strips; ++i) {
+    const std::size_t first = i * atOnce, count = std::min(atOnce, product.rows - first);
     for (std::size_t j = 0; j < product.columns; j += columns) {
       float sums[tallest * columns];
       const std::size_t wide = std::min(columns, product.columns - j);
-      vectorCode().dotProducts(product.size, product.a + first * product.aStride, product.aStride,
-                               static_cast<int>(count), product.b + j * product.bStride,
-                               product.bStride, static_cast<int>(wide), sums, columns);
+      dotProducts(product.size, product.a + first * product.aStride, product.aStride,
+                  static_cast<int>(count), product.b + j * product.bStride, product.bStride,
+                  static_cast<int>(wide), sums, columns);
       for (std::size_t r = 0; r < count; ++r) {
         for (std::size_t s = 0; s < wide; ++s) {
           float& to = product.c[(j + s) * product.cStride + first + r];
@@ -79,8 +85,8 @@ cublasStatus_t cublasSgemv_v2(cublasHandle_t handle, cublasOperation_t trans, in
       return CUBLAS_STATUS_INVALID_VALUE;
     }
     writeDevice(y, n * sizeof(float));
-    multiply({std::size_t{1} * n, 1, std::size_t{1} * m, *alpha, *beta, A, std::size_t{1} * lda, x,
-              std::size_t{1} * m, y, std::size_t{1} * n});
+    multiplyMatrices({std::size_t{1} * n, 1, std::size_t{1} * m, *alpha, *beta, A,
+                      std::size_t{1} * lda, x, std::size_t{1} * m, y, std::size_t{1} * n});
     return CUBLAS_STATUS_SUCCESS;
   });
 }
@@ -99,8 +105,8 @@ cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
     if (transa != CUBLAS_OP_T || transb != CUBLAS_OP_N) return CUBLAS_STATUS_NOT_SUPPORTED;
     writeDevice(C, (std::size_t{1} * ldc * (n - 1) + m) * sizeof(float));
     // A column-major matrix is a row-major one transposed.
-    multiply({std::size_t{1} * m, std::size_t{1} * n, std::size_t{1} * k, *alpha, *beta, A,
-              std::size_t{1} * lda, B, std::size_t{1} * ldb, C, std::size_t{1} * ldc});
+    multiplyMatrices({std::size_t{1} * m, std::size_t{1} * n, std::size_t{1} * k, *alpha, *beta, A,
+                      std::size_t{1} * lda, B, std::size_t{1} * ldb, C, std::size_t{1} * ldc});
     return CUBLAS_STATUS_SUCCESS;
   });
 }

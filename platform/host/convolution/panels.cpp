@@ -6,19 +6,18 @@
 
 #include <algorithm>
 
-#include "convolution.h"
+#include "algorithm.h"
 
 namespace host_device {
-namespace detail {
 namespace {
 
-/// Panels are gathered in blocks that stay in the second cache.
-constexpr std::size_t kBlockBytes = std::size_t{128} << 10;
+/// A thread gathers as many panels at once as stay in its second cache.
+constexpr std::size_t kAtOnceBytes = std::size_t{128} << 10;
 constexpr std::size_t kMostPanels = 8;
 
 /// Packed as [row group][depth][row].
 void packPanels(const Problem& problem, const float* w, float* packed) {
-  const std::size_t rows = vectorCode().rows, depth = problem.depth();
+  const std::size_t rows = kernels().products.rows, depth = problem.depth();
 #pragma omp parallel for num_threads(teamSize()) schedule(static)
   for (std::size_t group = 0; group < problem.rowGroups(); ++group) {
     float* to = packed + group * depth * rows;
@@ -106,10 +105,10 @@ class Product {
     const std::size_t perImage = imageFloats(problem);
     const std::size_t room = scratch.floatsLeft() - fixedFloats;
     threads_ = teamSize();
-    blockPanels_ =
-        std::clamp<std::size_t>(kBlockBytes / sizeof(float) / panelFloats(problem), 1, kMostPanels);
-    if (room < perImage + threads_ * threadFloats(problem, blockPanels_)) blockPanels_ = 1;
-    perThread_ = threadFloats(problem, blockPanels_);
+    panelsAtOnce_ = std::clamp<std::size_t>(kAtOnceBytes / sizeof(float) / panelFloats(problem), 1,
+                                            kMostPanels);
+    if (room < perImage + threads_ * threadFloats(problem, panelsAtOnce_)) panelsAtOnce_ = 1;
+    perThread_ = threadFloats(problem, panelsAtOnce_);
     threads_ = std::clamp<std::size_t>((room - perImage) / perThread_, 1, threads_);
     images_ = problem.n;
     if (perImage > 0) {
@@ -132,7 +131,7 @@ class Product {
       float* const y = operands_.y + first * problem_.k * problem_.outputPlane();
       const std::size_t groups = problem_.rowGroups();
       const std::size_t vectors = vectorsIn(outputs);
-      const Grid grid(threads_, std::max<std::size_t>(vectors, 1), groups, code_.rows);
+      const Grid grid(threads_, std::max<std::size_t>(vectors, 1), groups, products_.rows);
 #pragma omp parallel num_threads(team)
       {
         const std::size_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
@@ -147,9 +146,9 @@ class Product {
         for (std::size_t place = thread; place < grid.columns * grid.rows; place += threads) {
           const std::size_t column = place % grid.columns;
           const Range own = part(vectors, column, grid.columns);
-          const std::size_t end = std::min(outputs, own.end * code_.lanes);
+          const std::size_t end = std::min(outputs, own.end * products_.lanes);
           multiply(pointwise_ ? x : copy_, y,
-                   {own.begin * code_.lanes, column + 1 == grid.columns ? outputs : end},
+                   {own.begin * products_.lanes, column + 1 == grid.columns ? outputs : end},
                    part(groups, place / grid.columns, grid.rows), panels_ + thread * perThread_);
         }
       }
@@ -158,7 +157,7 @@ class Product {
 
  private:
   static constexpr std::size_t widest = std::size_t{1} * kWidest * kMostLanes;
-  /// What may be read past the end of the copy.
+  /// A vector may be read past the end of the copy.
   static constexpr std::size_t fixedFloats = kMostLanes;
 
   struct Panel {
@@ -171,33 +170,33 @@ class Product {
   static std::size_t imageFloats(const Problem& problem) {
     return isPointwise(problem) ? 0 : problem.c * Phases(problem).plane;
   }
-  /// With what may be written past its end.
+  /// A vector may be written past its end.
   static std::size_t panelFloats(const Problem& problem) {
-    return problem.depth() * kWidest * vectorCode().lanes + kMostLanes;
+    return problem.depth() * kWidest * kernels().products.lanes + kMostLanes;
   }
-  /// A block of panels and a tile of results.
-  static std::size_t threadFloats(const Problem& problem, std::size_t blockPanels) {
-    return Scratch::lines(panelFloats(problem) * blockPanels) + kMostRows * widest;
+  /// Panels and a tile of results.
+  static std::size_t threadFloats(const Problem& problem, std::size_t panelsAtOnce) {
+    return Scratch::lines(panelFloats(problem) * panelsAtOnce) + kMostRows * widest;
   }
 
   /// A few columns that are left get a panel of their own, which is narrower than a vector.
   std::size_t vectorsIn(std::size_t columns) const {
-    return columns / code_.lanes + (columns % code_.lanes > kNarrow ? 1 : 0);
+    return columns / products_.lanes + (columns % products_.lanes > kNarrow ? 1 : 0);
   }
 
   void multiply(const float* x, float* y, Range columns, Range groups, float* scratch) const {
     const std::size_t depth = problem_.depth(), plane = problem_.outputPlane();
     float* const tile = scratch + perThread_ - kMostRows * widest;
-    const std::size_t lanes = code_.lanes, count = columns.end - columns.begin;
+    const std::size_t lanes = products_.lanes, count = columns.end - columns.begin;
     const std::size_t vectors = vectorsIn(count), wide = dividedUp(vectors, kWidest);
     const std::size_t all = wide + (count > vectors * lanes ? 1 : 0);
-    const std::size_t blocks = dividedUp(all, blockPanels_);
-    for (std::size_t b = 0; b < blocks; ++b) {
+    const std::size_t rounds = dividedUp(all, panelsAtOnce_);
+    for (std::size_t round = 0; round < rounds; ++round) {
       Panel panels[kMostPanels];
       float* data = scratch;
       std::size_t filled = 0;
-      const Range inBlock = part(all, b, blocks);
-      for (std::size_t p = inBlock.begin; p < inBlock.end; ++p) {
+      const Range inRound = part(all, round, rounds);
+      for (std::size_t p = inRound.begin; p < inRound.end; ++p) {
         const Range own = p < wide ? part(vectors, p, wide) : Range{vectors, vectors};
         Panel& panel = panels[filled++];
         panel.width = p < wide ? (own.end - own.begin) * lanes : kNarrow;
@@ -209,26 +208,26 @@ class Product {
       gather(x, panels, filled);
       for (std::size_t p = 0; p < filled; ++p) {
         const Panel& panel = panels[p];
-        const auto product =
-            panel.width < lanes ? code_.multiplyNarrow : code_.multiply[panel.width / lanes - 1];
+        const auto product = panel.width < lanes ? products_.multiplyNarrow
+                                                 : products_.multiply[panel.width / lanes - 1];
         for (std::size_t group = groups.begin; group < groups.end; ++group) {
-          const std::size_t k = group * code_.rows;
-          const int rows = static_cast<int>(std::min<std::size_t>(code_.rows, problem_.k - k));
+          const std::size_t k = group * products_.rows;
+          const int rows = static_cast<int>(std::min<std::size_t>(products_.rows, problem_.k - k));
           fetchOutputs(panel, y + k * plane, rows);
-          product(depth, filter_ + group * depth * code_.rows, panel.data, tile, panel.width);
+          product(depth, filter_ + group * depth * products_.rows, panel.data, tile, panel.width);
           for (int i = 0; i < panel.outputRuns; ++i) {
             const Run& run = panel.outputs[i];
-            code_.store(tile + run.to, panel.width, rows, run.count,
-                        operands_.bias ? operands_.bias + k : nullptr, 1, y + run.from + k * plane,
-                        plane);
+            products_.store(tile + run.to, panel.width, rows, run.count,
+                            operands_.bias ? operands_.bias + k : nullptr, 1,
+                            y + run.from + k * plane, plane);
           }
         }
       }
     }
   }
 
-  /// What is about to be written has left the cache since a tensor was last there. It is on its way
-  /// while the product is computed.
+  /// Fetches what will be written into the cache while the product is computed, instead of waiting
+  /// for it then.
   void fetchOutputs(const Panel& panel, const float* y, int rows) const {
     for (int i = 0; i < panel.outputRuns; ++i) {
       const float* row = y + panel.outputs[i].from;
@@ -267,8 +266,8 @@ class Product {
     return count;
   }
 
-  /// Row (c, u, t) of a panel holds for each output the input under that element of the filter. The
-  /// panels of a block are filled some rows at a time, as these come from neighbouring memory.
+  /// Row (c, u, t) of a panel holds for each output the input under that element of the filter. All
+  /// panels are filled a few rows at a time, as these come from neighbouring memory.
   void gather(const float* x, Panel* panels, std::size_t count) const {
     constexpr int atOnce = 16;
     const Axis &v = problem_.vertical, &h = problem_.horizontal;
@@ -286,8 +285,8 @@ class Product {
         ++c;
       }
       for (std::size_t p = 0; p < count; ++p) {
-        code_.gather(x, offsets, rows, panels[p].inputs, panels[p].inputRuns,
-                     panels[p].data + d * panels[p].width, panels[p].width, !pointwise_);
+        products_.gather(x, offsets, rows, panels[p].inputs, panels[p].inputRuns,
+                         panels[p].data + d * panels[p].width, panels[p].width, !pointwise_);
       }
     }
   }
@@ -295,10 +294,10 @@ class Product {
   const Problem& problem_;
   const Operands& operands_;
   const float* filter_;
-  const VectorCode& code_ = vectorCode();
+  const Products& products_ = kernels().products;
   const Phases phases_;
   const bool pointwise_;
-  std::size_t threads_, images_, blockPanels_, perThread_;
+  std::size_t threads_, images_, panelsAtOnce_, perThread_;
   float *panels_, *copy_;
 };
 
@@ -307,9 +306,9 @@ std::size_t panelsWorkspace(const Problem& problem) {
 }
 
 void runPanels(const Problem& problem, const Operands& operands) {
-  const std::size_t floats = problem.rowGroups() * problem.depth() * vectorCode().rows;
+  const std::size_t floats = problem.rowGroups() * problem.depth() * kernels().products.rows;
   const auto filter = packedFilter(panels.id, problem, operands.w, floats, packPanels);
-  Product(problem, operands, filter->data()).run();
+  Product(problem, operands, filter.get()).run();
 }
 
 }  // namespace
@@ -317,5 +316,4 @@ void runPanels(const Problem& problem, const Operands& operands) {
 const Algorithm panels = {CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM, always, always,
                           panelsWorkspace, runPanels};
 
-}  // namespace detail
 }  // namespace host_device

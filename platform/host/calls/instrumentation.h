@@ -1,6 +1,6 @@
 /// @file
-/// The one door of the host platform: every call of its interface enters here, where observers see
-/// it and planned failures happen. When nobody observes, that costs one predictable branch.
+/// Every call of the interface runs inside `enter`, where observers see it and planned failures
+/// happen. When nobody observes, that costs one predictable branch.
 #pragma once
 
 #include <cublas_v2.h>
@@ -13,7 +13,6 @@
 #include <new>
 
 namespace host_device {
-namespace detail {
 
 /// Statuses of one planned failure, one for each library.
 struct InjectedStatus {
@@ -80,5 +79,4 @@ auto enter(const char* name, std::initializer_list<std::int64_t> arguments, cons
   return status;
 }
 
-}  // namespace detail
 }  // namespace host_device

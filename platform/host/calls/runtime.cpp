@@ -1,8 +1,9 @@
-#include "compute.h"
 #include "device_code.h"
-#include "device_memory.h"
 #include "host_device.h"
 #include "instrumentation.h"
+#include "kernels/parallel.h"
+#include "memory/device_memory.h"
+#include "operands.h"
 #include "simulated_devices.h"
 
 #include <unistd.h>
@@ -33,17 +34,12 @@ DeviceTable& table() {
 
 thread_local std::size_t current = 0;
 thread_local cudaError_t lastError = cudaSuccess;
-thread_local facezoo::LaunchGeometry runningLaunch;
+thread_local LaunchGeometry runningLaunch;
 
 int deviceCount() {
   const std::lock_guard<std::mutex> lock(table().mutex);
   return static_cast<int>(table().devices.size());
 }
-
-using detail::enter;
-using detail::isDevice;
-using detail::touchesDevice;
-using detail::writeDevice;
 
 bool fromDevice(cudaMemcpyKind kind) {
   return kind == cudaMemcpyDeviceToHost || kind == cudaMemcpyDeviceToDevice;
@@ -67,22 +63,19 @@ bool mayCopy(void* destination, const void* source, std::size_t bytes, cudaMemcp
 void copyRows(void* destination, std::size_t destinationPitch, const void* source,
               std::size_t sourcePitch, std::size_t width, std::size_t height) {
   constexpr std::size_t piece = 65536;
-  const std::size_t pieces = detail::dividedUp(width, piece);
-  detail::forRanges(pieces * height, std::min(width, piece) / sizeof(float),
-                    [&](std::size_t begin, std::size_t end) {
-                      for (std::size_t i = begin; i < end; ++i) {
-                        const std::size_t row = i / pieces, start = i % pieces * piece;
-                        std::memcpy(
-                            static_cast<char*>(destination) + row * destinationPitch + start,
+  const std::size_t pieces = dividedUp(width, piece);
+  forRanges(pieces * height, std::min(width, piece) / sizeof(float),
+            [&](std::size_t begin, std::size_t end) {
+              for (std::size_t i = begin; i < end; ++i) {
+                const std::size_t row = i / pieces, start = i % pieces * piece;
+                std::memcpy(static_cast<char*>(destination) + row * destinationPitch + start,
                             static_cast<const char*>(source) + row * sourcePitch + start,
                             std::min(piece, width - start));
-                      }
-                    });
+              }
+            });
 }
 
 }  // namespace
-
-namespace detail {
 
 std::size_t currentDevice() { return current; }
 
@@ -93,8 +86,6 @@ std::size_t deviceMemory(std::size_t device) {
 
 void setLastError(cudaError_t status) { lastError = status; }
 
-}  // namespace detail
-
 void setDevices(std::vector<SimulatedDevice> devices) {
   const std::lock_guard<std::mutex> lock(table().mutex);
   table().devices = std::move(devices);
@@ -103,13 +94,11 @@ void setDevices(std::vector<SimulatedDevice> devices) {
 
 void restoreDefaultDevices() { setDevices({thisMachine()}); }
 
+const LaunchGeometry& currentLaunch() { return runningLaunch; }
+
 }  // namespace host_device
 
-namespace facezoo {
-const LaunchGeometry& currentLaunch() { return host_device::runningLaunch; }
-}  // namespace facezoo
-
-using namespace host_device;  // NOLINT(google-build-using-namespace)
+using namespace host_device;
 
 cudaError_t cudaGetDeviceCount(int* count) {
   return enter("cudaGetDeviceCount", {}, [&] {
@@ -153,27 +142,27 @@ cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
 }
 
 cudaError_t cudaRuntimeGetVersion(int* version) {
-  detail::recordReport("cudaRuntimeGetVersion");
+  recordReport("cudaRuntimeGetVersion");
   if (version == nullptr) return cudaErrorInvalidValue;
   *version = 10010;
   return cudaSuccess;
 }
 
-// No driver is the real call's 0.
+// The real call says 0 where there is no driver.
 cudaError_t cudaDriverGetVersion(int* version) {
-  detail::recordReport("cudaDriverGetVersion");
+  recordReport("cudaDriverGetVersion");
   if (version == nullptr) return cudaErrorInvalidValue;
   *version = 0;
   return cudaSuccess;
 }
 
 cudaError_t cudaGetLastError() {
-  detail::recordReport("cudaGetLastError");
+  recordReport("cudaGetLastError");
   return std::exchange(lastError, cudaSuccess);
 }
 
 const char* cudaGetErrorString(cudaError_t status) {
-  detail::recordReport("cudaGetErrorString");
+  recordReport("cudaGetErrorString");
   switch (status) {
     case cudaSuccess:
       return "no error";
@@ -201,18 +190,18 @@ const char* cudaGetErrorString(cudaError_t status) {
 
 cudaError_t cudaMalloc(void** pointer, size_t bytes) {
   return enter("cudaMalloc", {static_cast<std::int64_t>(bytes)},
-               [&] { return detail::allocateDevice(pointer, bytes); });
+               [&] { return allocateDevice(pointer, bytes); });
 }
 
 cudaError_t cudaFree(void* pointer) {
-  return enter("cudaFree", {}, [&] { return detail::freeDevice(pointer); });
+  return enter("cudaFree", {}, [&] { return freeDevice(pointer); });
 }
 
 cudaError_t cudaMemGetInfo(size_t* free, size_t* total) {
   return enter("cudaMemGetInfo", {}, [&] {
     if (free == nullptr || total == nullptr) return cudaErrorInvalidValue;
-    *total = detail::deviceMemory(current);
-    *free = *total - std::min(*total, detail::usedMemory(current));
+    *total = deviceMemory(current);
+    *free = *total - std::min(*total, usedMemory(current));
     return cudaSuccess;
   });
 }
@@ -220,14 +209,13 @@ cudaError_t cudaMemGetInfo(size_t* free, size_t* total) {
 cudaError_t cudaMemset(void* pointer, int value, size_t bytes) {
   return enter("cudaMemset", {value, static_cast<std::int64_t>(bytes)}, [&] {
     if (!writeDevice(pointer, bytes)) return cudaErrorInvalidValue;
-    // Fresh memory takes longer to touch than to fill, and threads can share that.
+    // The first touch of fresh memory takes longer than filling it, and threads can share it.
     constexpr std::size_t piece = std::size_t{256} << 10;
     auto* const start = static_cast<char*>(pointer);
-    detail::forRanges(detail::dividedUp(bytes, piece), piece / sizeof(float),
-                      [=](std::size_t begin, std::size_t end) {
-                        std::memset(start + begin * piece, value,
-                                    std::min(bytes, end * piece) - begin * piece);
-                      });
+    forRanges(
+        dividedUp(bytes, piece), piece / sizeof(float), [=](std::size_t begin, std::size_t end) {
+          std::memset(start + begin * piece, value, std::min(bytes, end * piece) - begin * piece);
+        });
     return cudaSuccess;
   });
 }
@@ -236,7 +224,7 @@ cudaError_t cudaMemcpy(void* destination, const void* source, size_t bytes, cuda
   return enter("cudaMemcpy", {static_cast<std::int64_t>(bytes), kind}, [&] {
     if (bytes == 0) return cudaSuccess;
     if (!mayCopy(destination, source, bytes, kind)) return cudaErrorInvalidValue;
-    if (detail::overlap(destination, bytes, source, bytes)) {
+    if (overlap(destination, bytes, source, bytes)) {
       std::memmove(destination, source, bytes);
     } else {
       copyRows(destination, bytes, source, bytes, bytes, 1);

@@ -1,16 +1,15 @@
 #include "descriptors.h"
 
-#include "device_memory.h"
 #include "host_device.h"
 #include "instrumentation.h"
+#include "memory/device_memory.h"
 
 #include <limits>
 #include <mutex>
 #include <unordered_map>
 #include <utility>
 
-using host_device::detail::allLive;
-using host_device::detail::enter;
+using namespace host_device;
 
 namespace {
 
@@ -31,8 +30,8 @@ Objects& objects() {
   return instance;
 }
 
-/// The destroyed objects of a type, which is all that its next ones are made from: layers create
-/// and destroy descriptors in every call. Guarded by the mutex.
+/// A list of destroyed objects of a type, which are used again: layers create and destroy
+/// descriptors in every call, which should not allocate. Guarded by the mutex.
 template <class T>
 HostObject* spares = nullptr;
 
@@ -94,16 +93,14 @@ bool validExtents(int a, int b, int c, int d) {
 
 namespace host_device {
 
-namespace detail {
 bool isLive(const HostObject* object) {
   const std::lock_guard<std::mutex> lock(objects().mutex);
   const auto found = objects().states.find(object);
   return found != objects().states.end() && found->second.live;
 }
-}  // namespace detail
 
 Live live() {
-  const detail::AllocationCount memory = detail::liveAllocations();
+  const AllocationCount memory = liveAllocations();
   Live count{memory.allocations, memory.bytes, 0, 0};
   const std::lock_guard<std::mutex> lock(objects().mutex);
   for (const auto& [object, state] : objects().states) {
@@ -115,12 +112,12 @@ Live live() {
 }  // namespace host_device
 
 size_t cudnnGetVersion() {
-  host_device::detail::recordReport("cudnnGetVersion");
+  recordReport("cudnnGetVersion");
   return 7000;
 }
 
 const char* cudnnGetErrorString(cudnnStatus_t status) {
-  host_device::detail::recordReport("cudnnGetErrorString");
+  recordReport("cudnnGetErrorString");
   switch (status) {
     case CUDNN_STATUS_SUCCESS:
       return "CUDNN_STATUS_SUCCESS";
@@ -169,7 +166,7 @@ cublasStatus_t cublasDestroy_v2(cublasHandle_t handle) {
 }
 
 cublasStatus_t cublasGetProperty(libraryPropertyType type, int* value) {
-  host_device::detail::recordReport("cublasGetProperty");
+  recordReport("cublasGetProperty");
   if (value == nullptr) return CUBLAS_STATUS_INVALID_VALUE;
   *value = type == MAJOR_VERSION ? 10 : 0;
   return CUBLAS_STATUS_SUCCESS;

@@ -2,18 +2,16 @@
 /// One convolution, and the algorithms that can compute it.
 #pragma once
 
-#include <cstddef>
-#include <memory>
+#include <cudnn.h>
 
-#include "compute.h"
-#include "vector_code.h"
+#include <cstddef>
+#include <cstdint>
+
+#include "kernels/kernels.h"
+#include "kernels/parallel.h"
+#include "memory/device_memory.h"
 
 namespace host_device {
-namespace detail {
-
-struct Axis {
-  int input, kernel, pad, stride, output;
-};
 
 struct Problem {
   int n, c, k;
@@ -23,8 +21,8 @@ struct Problem {
   std::size_t outputPlane() const { return std::size_t{1} * vertical.output * horizontal.output; }
   /// Products that add up to one output.
   std::size_t depth() const { return std::size_t{1} * c * vertical.kernel * horizontal.kernel; }
-  /// Filters of all output channels, in panels as high as a tile of the vector code.
-  std::size_t rowGroups() const;
+  /// Groups of as many output channels as a panel of the packed filter has rows.
+  std::size_t rowGroups() const { return dividedUp(k, kernels().products.rows); }
 };
 
 /// The bias is null in a plain convolution; with one, the result is rectified.
@@ -57,28 +55,20 @@ extern const Algorithm panels;
 /// Plain loops, which need nothing: the last resort.
 extern const Algorithm loops;
 
-/// A filter rearranged for an algorithm. It lives with the allocation that it was made from.
-struct PackedFilter : Derived {
-  explicit PackedFilter(std::size_t floats);
-  float* data() const { return static_cast<float*>(data_.get()); }
-
- private:
-  Block data_;
-};
-
 /// The filter of `problem` as `pack` rearranges it; packed by the first call.
-std::shared_ptr<PackedFilter> packedFilter(cudnnConvolutionFwdAlgo_t id, const Problem& problem,
-                                           const float* w, std::size_t floats,
-                                           void (*pack)(const Problem&, const float*, float*));
+PackedFilter packedFilter(cudnnConvolutionFwdAlgo_t id, const Problem& problem, const float* w,
+                          std::size_t floats, void (*pack)(const Problem&, const float*, float*));
 
 /// Deals out a workspace, from the first cache line in it.
 class Scratch {
  public:
-  static constexpr std::size_t line = 64 / sizeof(float);
+  static constexpr std::size_t lineBytes = 64;
+  static constexpr std::size_t line = lineBytes / sizeof(float);
 
   explicit Scratch(const Operands& operands) {
     auto* const start = static_cast<char*>(operands.workspace);
-    next_ = reinterpret_cast<float*>(start + (dividedUp(address(start), 64) * 64 - address(start)));
+    const auto offset = reinterpret_cast<std::uintptr_t>(start) % lineBytes;
+    next_ = reinterpret_cast<float*>(offset > 0 ? start + lineBytes - offset : start);
     end_ = reinterpret_cast<float*>(start + operands.workspaceBytes);
   }
 
@@ -96,5 +86,4 @@ class Scratch {
   float *next_, *end_;
 };
 
-}  // namespace detail
 }  // namespace host_device

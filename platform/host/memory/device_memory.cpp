@@ -1,7 +1,7 @@
 #include "device_memory.h"
 
+#include "calls/simulated_devices.h"
 #include "host_device.h"
-#include "simulated_devices.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -19,8 +19,8 @@ namespace {
 /// Wide enough for any vector load; also what the real runtime promises.
 constexpr std::size_t kAlignment = 256;
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
-/// From this size on a block has pages of its own, as by default in the heap. Sanitizers watch the
-/// heap only, so that they have all blocks there.
+/// From this size on memory has pages of its own, as by default in the heap. Sanitizers watch the
+/// heap only, so that for them all of it comes from there.
 #ifdef FACEZOO_SANITIZED
 constexpr std::size_t kSmallestMapped = std::numeric_limits<std::size_t>::max();
 #else
@@ -28,10 +28,10 @@ constexpr std::size_t kSmallestMapped = std::size_t{128} << 10;
 #endif
 
 struct Allocation {
-  detail::Block block;
+  HostMemory memory;
   std::size_t bytes;
   std::size_t device;
-  std::map<detail::DerivedKey, std::shared_ptr<detail::Derived>> derived;
+  std::map<PackedFilterKey, PackedFilter> packed;
 };
 
 struct Registry {
@@ -65,7 +65,7 @@ std::size_t roundedUp(std::size_t bytes, std::size_t unit) {
   return (bytes + unit - 1) / unit * unit;
 }
 
-/// The size of the pages that a block has for itself; 0 if it is part of the heap.
+/// The size of the pages that so many bytes have for themselves; 0 if they are part of the heap.
 std::size_t ownPages(std::size_t bytes) {
   static const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   if (bytes < kSmallestMapped) return 0;
@@ -74,43 +74,41 @@ std::size_t ownPages(std::size_t bytes) {
 
 /// `bytes` that start at a page of that size; null if there are none.
 void* mapPages(std::size_t bytes, std::size_t page) {
-  // Touching small pages one by one would take longer than having all at once.
+  // To get small pages all at once is faster than one by one, as they are touched.
   const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (page == kHugePage ? 0 : MAP_POPULATE);
   // More than is needed, to cut an aligned range from.
   void* const mapped = mmap(nullptr, bytes + page, PROT_READ | PROT_WRITE, flags, -1, 0);
   if (mapped == MAP_FAILED) return nullptr;
   const std::size_t before = roundedUp(address(mapped), page) - address(mapped);
-  char* const block = static_cast<char*>(mapped) + before;
+  char* const start = static_cast<char*>(mapped) + before;
   if (before > 0) munmap(mapped, before);
-  munmap(block + bytes, page - before);
-  if (page == kHugePage) madvise(block, bytes, MADV_HUGEPAGE);
-  return block;
+  munmap(start + bytes, page - before);
+  if (page == kHugePage) madvise(start, bytes, MADV_HUGEPAGE);
+  return start;
 }
 
-void fillWithSignallingNaN(void* block, std::size_t bytes) {
+void fillWithSignallingNaN(void* memory, std::size_t bytes) {
   const float nan = std::numeric_limits<float>::signaling_NaN();
   std::uint32_t pattern;
   std::copy_n(reinterpret_cast<const char*>(&nan), sizeof nan, reinterpret_cast<char*>(&pattern));
-  std::fill_n(static_cast<std::uint32_t*>(block), (bytes + 3) / 4, pattern);
+  std::fill_n(static_cast<std::uint32_t*>(memory), (bytes + 3) / 4, pattern);
 }
 
 }  // namespace
 
-namespace detail {
-
-void BlockRelease::operator()(void* block) const {
+void HostMemoryRelease::operator()(void* memory) const {
   if (const std::size_t page = ownPages(bytes); page > 0) {
-    munmap(block, roundedUp(bytes, page));
+    munmap(memory, roundedUp(bytes, page));
   } else {
-    std::free(block);
+    std::free(memory);
   }
 }
 
-Block allocateBlock(std::size_t bytes) {
+HostMemory allocateHost(std::size_t bytes) {
   const std::size_t page = ownPages(bytes);
-  void* const block = page > 0 ? mapPages(roundedUp(bytes, page), page)
-                               : std::aligned_alloc(kAlignment, roundedUp(bytes, kAlignment));
-  return {block, BlockRelease{bytes}};
+  void* const memory = page > 0 ? mapPages(roundedUp(bytes, page), page)
+                                : std::aligned_alloc(kAlignment, roundedUp(bytes, kAlignment));
+  return {memory, HostMemoryRelease{bytes}};
 }
 
 cudaError_t allocateDevice(void** pointer, std::size_t bytes) {
@@ -123,10 +121,10 @@ cudaError_t allocateDevice(void** pointer, std::size_t bytes) {
   const std::size_t total = deviceMemory(device);
   std::size_t& used = r.usedBytes[device];
   if (used > total || bytes > total - used) return cudaErrorMemoryAllocation;
-  Block block = allocateBlock(bytes);
-  void* const start = block.get();
+  HostMemory memory = allocateHost(bytes);
+  void* const start = memory.get();
   if (start == nullptr) return cudaErrorMemoryAllocation;
-  r.allocations.emplace(address(start), Allocation{std::move(block), bytes, device, {}});
+  r.allocations.emplace(address(start), Allocation{std::move(memory), bytes, device, {}});
   if (r.poison) fillWithSignallingNaN(start, bytes);
   used += bytes;
   *pointer = start;
@@ -159,29 +157,29 @@ bool touchesDevice(const void* pointer, std::size_t bytes) {
 }
 
 bool writeDevice(void* pointer, std::size_t bytes) {
-  std::map<DerivedKey, std::shared_ptr<Derived>> stale;  // outlives the lock
+  std::map<PackedFilterKey, PackedFilter> stale;  // outlives the lock
   Registry& r = registry();
   const std::lock_guard<std::mutex> lock(r.mutex);
   const Entry entry = holder(r, pointer, bytes);
   if (entry == r.allocations.end()) return false;
-  stale.swap(entry->second.derived);
+  stale.swap(entry->second.packed);
   return true;
 }
 
-std::shared_ptr<Derived> findDerived(const void* pointer, const DerivedKey& key) {
+PackedFilter findPacked(const void* pointer, const PackedFilterKey& key) {
   Registry& r = registry();
   const std::lock_guard<std::mutex> lock(r.mutex);
   const Entry entry = holder(r, pointer, 1);
   if (entry == r.allocations.end()) return nullptr;
-  const auto found = entry->second.derived.find(key);
-  return found == entry->second.derived.end() ? nullptr : found->second;
+  const auto found = entry->second.packed.find(key);
+  return found == entry->second.packed.end() ? nullptr : found->second;
 }
 
-void storeDerived(const void* pointer, const DerivedKey& key, std::shared_ptr<Derived> value) {
+void keepPacked(const void* pointer, const PackedFilterKey& key, PackedFilter filter) {
   Registry& r = registry();
   const std::lock_guard<std::mutex> lock(r.mutex);
   const Entry entry = holder(r, pointer, 1);
-  if (entry != r.allocations.end()) entry->second.derived[key] = std::move(value);
+  if (entry != r.allocations.end()) entry->second.packed[key] = std::move(filter);
 }
 
 AllocationCount liveAllocations() {
@@ -197,8 +195,6 @@ std::size_t usedMemory(std::size_t device) {
   const std::lock_guard<std::mutex> lock(r.mutex);
   return r.usedBytes[device];
 }
-
-}  // namespace detail
 
 void poisonFreshMemory(bool on) {
   Registry& r = registry();

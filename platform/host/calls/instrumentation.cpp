@@ -17,7 +17,7 @@ struct Watch {
   Fault fault;
   std::size_t counted = 0;
   std::vector<const char*> raised;
-  detail::InjectedStatus injected{};
+  InjectedStatus injected{};
 };
 
 /// Never destroyed: calls may still come while the process ends.
@@ -26,16 +26,17 @@ Watch& watch() {
   return instance;
 }
 
-/// What a forked process hears of every call if the platform was in use before the fork: it has the
-/// memory, but neither the threads nor the state of the locks. A card's runtime answers the same.
-constexpr detail::InjectedStatus kForked = {
-    cudaErrorInitializationError, CUDNN_STATUS_NOT_INITIALIZED, CUBLAS_STATUS_NOT_INITIALIZED};
+/// The status of every call in a forked process, if the platform was in use before the fork: the
+/// process has its memory, but not its threads, and a lock may be held by one of them. A card's
+/// runtime answers the same.
+constexpr InjectedStatus kForked = {cudaErrorInitializationError, CUDNN_STATUS_NOT_INITIALIZED,
+                                    CUBLAS_STATUS_NOT_INITIALIZED};
 std::atomic<bool> forked{false}, expectsForks{false}, keepsAfterFork{false};
 
 void noteFork() {
   if (keepsAfterFork) return;
   forked = true;
-  detail::instrumented = true;
+  instrumented = true;
 }
 
 /// Called under the lock.
@@ -45,9 +46,7 @@ void expectForks() {
   expectsForks = true;
 }
 
-void refresh(const Watch& w) {
-  detail::instrumented = !expectsForks || forked || w.faulty || w.observer;
-}
+void refresh(const Watch& w) { instrumented = !expectsForks || forked || w.faulty || w.observer; }
 
 thread_local bool insideObserver = false;
 
@@ -64,8 +63,6 @@ void tell(const Watch& w, const char* name, std::initializer_list<std::int64_t> 
 }
 
 }  // namespace
-
-namespace detail {
 
 std::atomic<bool> instrumented{true};  // until the first call has prepared for forks
 
@@ -93,8 +90,6 @@ void recordReport(const char* name) {
   const std::lock_guard<std::recursive_mutex> lock(w.mutex);
   tell(w, name, {});
 }
-
-}  // namespace detail
 
 void setObserver(std::function<void(const Call&)> observer) {
   Watch& w = watch();

@@ -5,12 +5,10 @@
 #include <cstddef>
 
 namespace host_device {
-namespace detail {
 
 /// The device current on this thread.
 std::size_t currentDevice();
 /// Its memory in bytes; 0 if the table has no such device.
 std::size_t deviceMemory(std::size_t device);
 
-}  // namespace detail
 }  // namespace host_device

@@ -1,0 +1,55 @@
+/// @file
+/// What the algorithms share, and the last resort among them.
+#include "algorithm.h"
+
+#include <new>
+#include <utility>
+
+namespace host_device {
+
+PackedFilter packedFilter(cudnnConvolutionFwdAlgo_t id, const Problem& problem, const float* w,
+                          std::size_t floats, void (*pack)(const Problem&, const float*, float*)) {
+  const PackedFilterKey key = {reinterpret_cast<std::intptr_t>(w),
+                               id,
+                               kernels().products.lanes,
+                               problem.c,
+                               problem.k,
+                               problem.vertical.kernel,
+                               problem.horizontal.kernel};
+  if (PackedFilter found = findPacked(w, key)) return found;
+  HostMemory memory = allocateHost(floats * sizeof(float));
+  if (!memory) throw std::bad_alloc();
+  auto* const packed = static_cast<float*>(memory.get());
+  pack(problem, w, packed);
+  PackedFilter made(std::shared_ptr<void>(std::move(memory)), packed);
+  keepPacked(w, key, made);
+  return made;
+}
+
+namespace {
+
+void runLoops(const Problem& problem, const Operands& operands) {
+  const std::size_t plane = problem.outputPlane();
+  const Kernels& kernel = kernels();
+#pragma omp parallel for num_threads(teamSize()) schedule(static) collapse(2)
+  for (int n = 0; n < problem.n; ++n) {
+    for (int k = 0; k < problem.k; ++k) {
+      float* y = operands.y + (std::size_t{1} * n * problem.k + k) * plane;
+      kernel.loops.convolvePlane(problem.vertical, problem.horizontal, problem.c,
+                                 operands.x + n * problem.c * problem.inputPlane(),
+                                 operands.w + k * problem.depth(), y);
+      if (operands.bias) {
+        kernel.products.store(y, plane, 1, static_cast<int>(plane), operands.bias + k, 0, y, plane);
+      }
+    }
+  }
+}
+
+std::size_t noWorkspace(const Problem&) { return 0; }
+
+}  // namespace
+
+const Algorithm loops = {CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_GEMM, always, always, noWorkspace,
+                         runLoops};
+
+}  // namespace host_device

@@ -1,0 +1,65 @@
+/// @file
+/// Which instruction set is in use, for all that computes.
+#include "host_device.h"
+#include "kernels.h"
+
+#include <atomic>
+
+namespace host_device {
+
+namespace baseline {
+extern const Kernels kernels;
+}
+namespace avx2 {
+extern const Kernels kernels;
+}
+namespace avx512 {
+extern const Kernels kernels;
+}
+
+namespace {
+
+struct Candidate {
+  InstructionSet set;
+  const Kernels& kernels;
+  bool (*isThere)();
+};
+
+/// The sets that there is code for, the best first.
+const Candidate candidates[] = {
+#ifdef __x86_64__
+    {InstructionSet::avx512, avx512::kernels,
+     [] { return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw"); }},
+    {InstructionSet::avx2, avx2::kernels,
+     [] { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"); }},
+#endif
+    {InstructionSet::baseline, baseline::kernels, [] { return true; }},
+};
+
+const Candidate* best() {
+  const Candidate* candidate = candidates;
+  while (!candidate->isThere()) ++candidate;
+  return candidate;
+}
+
+std::atomic<const Candidate*>& current() {
+  static std::atomic<const Candidate*> candidate{best()};
+  return candidate;
+}
+
+}  // namespace
+
+const Kernels& kernels() { return current().load()->kernels; }
+
+InstructionSet instructionSet() { return current().load()->set; }
+
+bool useInstructionSet(InstructionSet set) {
+  for (const Candidate& candidate : candidates) {
+    if (candidate.set != set || !candidate.isThere()) continue;
+    current() = &candidate;
+    return true;
+  }
+  return false;
+}
+
+}  // namespace host_device

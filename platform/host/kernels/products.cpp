@@ -1,0 +1,143 @@
+/// @file
+/// Matrix products, and what convolutions do around them.
+#include "kernels.h"
+#include "vectors.h"
+
+namespace host_device {
+namespace {
+
+template <int Width>
+void multiply(std::size_t depth, const float* __restrict a, const float* __restrict b,
+              float* __restrict c, std::size_t stride) {
+  Vector sum[kRows][Width] = {};
+  for (std::size_t d = 0; d < depth; ++d, a += kRows, b += Width * kLanes) {
+    Vector column[Width];
+    for (int j = 0; j < Width; ++j) load(b + j * kLanes, column[j]);
+    for (int r = 0; r < kRows; ++r) {
+      for (int j = 0; j < Width; ++j) sum[r][j] += a[r] * column[j];
+    }
+  }
+  for (int r = 0; r < kRows; ++r) {
+    for (int j = 0; j < Width; ++j) store(sum[r][j], c + r * stride + j * kLanes);
+  }
+}
+
+/// Vectors run along the rows here, as the columns would fill but a part of one.
+void multiplyNarrow(std::size_t depth, const float* __restrict a, const float* __restrict b,
+                    float* __restrict c, std::size_t stride) {
+  using Column = typename VectorOf<kRows * 4>::unaligned;
+  Column sum[kNarrow] = {};
+  for (std::size_t d = 0; d < depth; ++d, a += kRows, b += kNarrow) {
+    const Column column = *reinterpret_cast<const Column*>(a);
+    for (int j = 0; j < kNarrow; ++j) sum[j] += column * b[j];
+  }
+  for (int r = 0; r < kRows; ++r) {
+    for (int j = 0; j < kNarrow; ++j) c[r * stride + j] = sum[j][r];
+  }
+}
+
+void gather(const float* x, const std::size_t* offsets, int rows, const Run* runs, int count,
+            float* panel, std::size_t width, bool slack) {
+  for (int r = 0; r < rows; ++r, panel += width) {
+    for (int i = 0; i < count; ++i) {
+      const float* from = x + offsets[r] + runs[i].from;
+      float* to = panel + runs[i].to;
+      int left = runs[i].count;
+      Vector vector;
+      for (; left >= kLanes; left -= kLanes, from += kLanes, to += kLanes) {
+        load(from, vector);
+        store(vector, to);
+      }
+      if (left > 0 && slack) {
+        load(from, vector);
+        store(vector, to);
+      } else {
+        for (int j = 0; j < left; ++j) to[j] = from[j];
+      }
+    }
+  }
+}
+
+void storeRows(const float* tile, std::size_t tileStride, int rows, int count, const float* bias,
+               int biasStep, float* y, std::size_t yStride) {
+  const Vector zero = {};
+  for (int r = 0; r < rows; ++r, tile += tileStride, y += yStride) {
+    const float added = bias ? bias[r * biasStep] : 0.0f;
+    int j = 0;
+    for (; j + kLanes <= count; j += kLanes) {
+      Vector value;
+      load(tile + j, value);
+      if (bias) {
+        value += added;
+        value = value > zero ? value : zero;
+      }
+      store(value, y + j);
+    }
+    for (; j < count; ++j) {
+      const float value = tile[j] + added;
+      y[j] = bias && !(value > 0.0f) ? 0.0f : value;
+    }
+  }
+}
+
+template <int A, int B>
+inline void dotTile(std::size_t size, const float* a, std::size_t aStride, const float* b,
+                    std::size_t bStride, float* sums, std::size_t stride) {
+  Vector sum[A][B] = {};
+  float rest[A][B] = {};
+  std::size_t d = 0;
+  for (; d + kLanes <= size; d += kLanes) {
+    Vector right[B];
+    for (int j = 0; j < B; ++j) load(b + j * bStride + d, right[j]);
+    for (int i = 0; i < A; ++i) {
+      Vector left;
+      load(a + i * aStride + d, left);
+      for (int j = 0; j < B; ++j) sum[i][j] += left * right[j];
+    }
+  }
+  for (; d < size; ++d) {
+    for (int i = 0; i < A; ++i) {
+      for (int j = 0; j < B; ++j) rest[i][j] += a[i * aStride + d] * b[j * bStride + d];
+    }
+  }
+  for (int i = 0; i < A; ++i) {
+    for (int j = 0; j < B; ++j) {
+      for (int lane = 0; lane < kLanes; ++lane) rest[i][j] += sum[i][j][lane];
+      sums[i * stride + j] = rest[i][j];
+    }
+  }
+}
+
+template <int A>
+inline void dotRows(std::size_t size, const float* a, std::size_t aStride, const float* b,
+                    std::size_t bStride, int bCount, float* sums, std::size_t stride) {
+  int j = 0;
+  for (; j + 4 <= bCount; j += 4) {
+    dotTile<A, 4>(size, a, aStride, b + j * bStride, bStride, sums + j, stride);
+  }
+  for (; j < bCount; ++j) {
+    dotTile<A, 1>(size, a, aStride, b + j * bStride, bStride, sums + j, stride);
+  }
+}
+
+/// In tiles of a height whose sums fit the registers, four wide.
+void dotProducts(std::size_t size, const float* a, std::size_t aStride, int aCount, const float* b,
+                 std::size_t bStride, int bCount, float* sums, std::size_t stride) {
+  constexpr int height = kRows * kWidest / 4;
+  int i = 0;
+  for (; i + height <= aCount; i += height) {
+    dotRows<height>(size, a + i * aStride, aStride, b, bStride, bCount, sums + i * stride, stride);
+  }
+  for (; i < aCount; ++i) {
+    dotRows<1>(size, a + i * aStride, aStride, b, bStride, bCount, sums + i * stride, stride);
+  }
+}
+
+}  // namespace
+
+const Products HOST_DEVICE_SET::products = {
+    kLanes, kRows,     {multiply<1>, multiply<2>, multiply<3>}, multiplyNarrow, dotProducts,
+    gather, storeRows,
+};
+
+}  // namespace host_device
