@@ -27,7 +27,7 @@ struct Lifetimes : ContractTest, testing::WithParamInterface<NetworkKind> {};
 
 TEST_P(Lifetimes, LeaveMemoryAsItWas) {
   const NetworkTable& table = GetParam().table;
-  const int cycles = repetitions("FACEZOO_CYCLES", &table == &smallNetwork ? kSmallCycles : 2);
+  const int cycles = numberFrom("FACEZOO_CYCLES", &table == &smallNetwork ? kSmallCycles : 2);
   host_device::poisonFreshMemory(false);  // takes too long
   const char* const file = seededFile(table);
   ForwardCall forward{table, 1};

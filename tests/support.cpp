@@ -116,7 +116,7 @@ std::vector<std::uint8_t> seededBytes(std::size_t count, unsigned seed, int low,
   return bytes;
 }
 
-int repetitions(const char* variable, int otherwise) {
+int numberFrom(const char* variable, int otherwise) {
   const char* const wanted = std::getenv(variable);
   return wanted ? std::atoi(wanted) : otherwise;
 }
@@ -143,6 +143,10 @@ void DeviceTest::SetUp() {
 #if FACEZOO_SIMULATED
   host_device::poisonFreshMemory(true);
   before = live();
+  static const int set = numberFrom("FACEZOO_INSTRUCTION_SET", -1);
+  if (set >= 0 && !host_device::useInstructionSet(static_cast<host_device::InstructionSet>(set))) {
+    GTEST_SKIP() << "this machine lacks instruction set " << set;
+  }
 #endif
 }
 

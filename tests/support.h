@@ -59,8 +59,8 @@ std::vector<float> seededValues(std::size_t count, unsigned seed, double low = -
 std::vector<std::uint8_t> seededBytes(std::size_t count, unsigned seed, int low = 0,
                                       int high = 256);
 
-/// How often to repeat, if the environment says so in `variable`.
-int repetitions(const char* variable, int otherwise);
+/// A number, such as how often to repeat, if the environment says it in `variable`.
+int numberFrom(const char* variable, int otherwise);
 
 /// Device memory outside the pool, as a host application holds its images.
 template <class T>

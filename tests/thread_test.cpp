@@ -93,7 +93,7 @@ TEST_F(ThreadTest, GetFromSmallNetworksWhatOneThreadGets) {
 TEST_F(ThreadTest, GetFromLargeNetworksWhatOneThreadGets) {
   std::vector<Served> networks;
   for (const int i : {0, 2, 4, 7}) networks.push_back({networkKinds[i], 2});
-  callFromEightThreads(std::move(networks), repetitions("FACEZOO_THREAD_CALLS", 4));
+  callFromEightThreads(std::move(networks), numberFrom("FACEZOO_THREAD_CALLS", 4));
 }
 
 /// The result of one layer, of a kind that spreads its work over threads, on a tensor of its own.
