@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need and that this machine lacks.
-#   scripts/setup.sh [--tests] [--bench] [--valgrind]    also what ./test.sh, bench/run.sh and
-#                                                         scripts/valgrind.sh need
+#   scripts/setup.sh [--tests] [--bench] [--valgrind] [--aarch64]
+#                          also what ./test.sh, bench/run.sh, scripts/{valgrind,aarch64-check}.sh need
 set -euo pipefail
 
 packages=(
@@ -31,6 +31,10 @@ for group in "$@"; do
       packages+=("libbenchmark-dev:benchmarks of layers" "python3-venv:comparison with other engines")
       ;;
     --valgrind) packages+=("valgrind:sees reads of memory that nobody wrote") ;;
+    --aarch64)
+      packages+=("g++-aarch64-linux-gnu:cross compiler" "googletest:tests, to be compiled"
+        "qemu-user:runs programs for another processor")
+      ;;
     *)
       echo "unknown group: $group" >&2
       exit 2

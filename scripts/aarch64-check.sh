@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Builds the library and its tests for AArch64 with Debian's cross compiler and runs under qemu what
+# computes: every layer, every algorithm, special numbers, and the smaller networks against double
+# precision.
+#   scripts/aarch64-check.sh [FILTER]      default: the tests above; else those a GoogleTest filter names
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/setup.sh --aarch64
+build=build/aarch64
+# These headers are for any processor, but those beside them are not.
+mkdir -p "$build/msgpack"
+ln -sfn /usr/include/msgpack /usr/include/msgpack.hpp "$build/msgpack"
+cmake -G Ninja -S . -B "$build" --toolchain "$PWD/cmake/aarch64-linux-gnu.cmake" \
+  -DCMAKE_BUILD_TYPE=Release -DFACEZOO_PLATFORM=host -DFACEZOO_TOOL=OFF -DFACEZOO_TESTS=ON \
+  -DFACEZOO_GOOGLETEST_DIR=/usr/src/googletest \
+  -DFACEZOO_MSGPACK_INCLUDE_DIR="$PWD/$build/msgpack" >/dev/null
+nice cmake --build "$build" --target facezoo_tests
+start=$SECONDS
+filter=${1:-LayerTest.*:EdgeNumbers.*:PlatformTest.*:InstructionSets.*:*DoublePrecision/DexpressionNet}
+nice qemu-aarch64 -L /usr/aarch64-linux-gnu "$build/bin/facezoo_tests" --gtest_brief=1 \
+  --gtest_filter="$filter"
+echo "aarch64: ok, $((SECONDS - start)) s under qemu"
