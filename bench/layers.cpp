@@ -201,10 +201,9 @@ void addAlgorithms() {
     const LayerRow row =
         facezoo::fusedConvolution("conv", t.in, t.out, t.kernel, 1, facezoo::samePadding);
     for (const auto& algorithm : algorithms) {
-      const auto create = [t, row, id = algorithm.id]() -> Operation {
+      const auto create = [row, id = algorithm.id]() -> Operation {
         Weights weights(row);
-        const auto layer = std::make_shared<ChosenConvolution>("conv", weights.root(), t.in, t.out,
-                                                               t.kernel, 1, true);
+        const auto layer = std::make_shared<ChosenConvolution>(row, "", weights.root());
         return [layer, id](const Tensor& x) { return layer->with(id, x); };
       };
       std::ostringstream name;

@@ -35,6 +35,7 @@ const char* kindName(LayerKind kind) {
       return "projection";
     case LayerKind::channelMean:
     case LayerKind::noMean:
+    case LayerKind::normalizedConvolution:
     case LayerKind::inceptionV1:
     case LayerKind::inceptionV3_1:
     case LayerKind::inceptionV3_2:

@@ -1,7 +1,7 @@
 #include "GoogLeNetBN.h"
 
 #include "layers/concat.h"
-#include "layers/inception_v3.h"
+#include "layers/normalized_convolution.h"
 #include "layers/pool.h"
 #include "network_table.h"
 

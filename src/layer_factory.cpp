@@ -7,6 +7,7 @@
 #include "layers/inception_v1.h"
 #include "layers/inception_v3.h"
 #include "layers/inner_product.h"
+#include "layers/normalized_convolution.h"
 #include "layers/projection.h"
 #include "layers/transform.h"
 
@@ -14,38 +15,33 @@ namespace facezoo {
 
 LayerBase* createLayer(const LayerRow& row, const std::string& prefix,
                        msgpack::v1::object& weights) {
-  constexpr double kEpsilon = 1e-5;  // of every batch normalization
-  const std::string name = prefix + row.name;
-  const auto& c = row.branches;
   switch (row.kind) {
     case LayerKind::meanImage:
-      return new TransformNHWC2NCHW(name, weights, row.width, row.height, row.in);
     case LayerKind::channelMean:
-      return new TransformNHWC2NCHW(name, row.means);
     case LayerKind::noMean:
-      return new TransformNHWC2NCHW(name);
+      return new TransformNHWC2NCHW(row, prefix, weights);
     case LayerKind::fusedConvolution:
-      return new CBA(name, weights, row.in, row.out, row.kernel, row.stride, row.padded);
+      return new CBA(row, prefix, weights);
     case LayerKind::convolution:
-      return new Convolution2D(name, weights, row.in, row.out, row.kernel, row.stride, row.padded,
-                               !row.hasBias);
+      return new Convolution2D(row, prefix, weights);
     case LayerKind::batchNormalization:
-      return new BatchNormalization(name, weights, row.in, kEpsilon);
+      return new BatchNormalization(row, prefix, weights);
+    case LayerKind::normalizedConvolution:
+      return new NormalizedConvolution(row, prefix, weights);
     case LayerKind::innerProduct:
-      return new InnerProduct(name, weights, row.in, row.out, !row.hasBias);
+      return new InnerProduct(row, prefix, weights);
     case LayerKind::projection:
-      return new Projection(name, weights, row.out);
+      return new Projection(row, prefix, weights);
     case LayerKind::inceptionV1:
-      return new InceptionV1(name, weights, row.in, c[0], c[1], c[2], c[3], c[4], c[5]);
+      return new InceptionV1(row, prefix, weights);
     case LayerKind::inceptionV3_1:
-      return new InceptionV3_1(name, weights, row.in, c[0], c[1], c[2], c[3], c[4], c[5],
-                               row.maxPool);
+      return new InceptionV3_1(row, prefix, weights);
     case LayerKind::inceptionV3_2:
-      return new InceptionV3_2(name, weights, row.in, c[0], c[1], c[2]);
+      return new InceptionV3_2(row, prefix, weights);
     case LayerKind::inceptionMFM:
-      break;  // the last kind is what is left
+      break;  // after the switch, so that every path returns
   }
-  return new InceptionMFM(name, weights, row.in);
+  return new InceptionMFM(row, prefix, weights);
 }
 
 }  // namespace facezoo

@@ -1,6 +1,6 @@
 /// @file
-/// Weighted layers as data: the rows from which networks and blocks are built, and the arrays that
-/// each row reads.
+/// Layers with weights, as data. A row describes one layer: the library creates the layer from it,
+/// and `forEachWeight` lists the arrays that the layer reads from a weight file.
 #pragma once
 
 #include <array>
@@ -17,6 +17,7 @@ enum class LayerKind {
   fusedConvolution,
   convolution,
   batchNormalization,
+  normalizedConvolution,
   innerProduct,
   projection,
   inceptionV1,
@@ -25,7 +26,21 @@ enum class LayerKind {
   inceptionMFM
 };
 
-/// One layer, or one block of layers. Its arrays are named prefix + `name` + suffix.
+/// Output channels of the convolutions in an Inception block, named as in the paper of the block; 0
+/// where the block has no such branch.
+struct InceptionWidths {
+  int conv1x1;
+  int reduce3x3, conv3x3;
+  /// @{
+  /// Of the branch that sees 5 × 5 pixels. With batch normalization, two 3 × 3 convolutions take
+  /// the place of the 5 × 5 one.
+  int reduce5x5, conv5x5;
+  /// @}
+  int poolProjection;
+};
+
+/// One layer, or a block, which is a layer made of layers. The names of its arrays are a prefix
+/// that the network chooses, then `name`, then a suffix that tells the arrays apart.
 struct LayerRow {
   LayerKind kind;
   const char* name;
@@ -33,14 +48,14 @@ struct LayerRow {
   int kernel = 1, stride = 1;
   bool padded = false;  ///< by kernel / 2, so that stride 1 keeps the size
   bool hasBias = false;
-  int width = 0, height = 0;         ///< of a mean image
-  int edge = 1;                      ///< of the feature map that an inner product flattens
-  float means[3] = {};               ///< one per channel
-  std::array<int, 6> branches = {};  ///< channels inside a block, as its constructor takes them
-  bool maxPool = false;              ///< what an `InceptionV3_1` pools with; else the average
+  int width = 0, height = 0;    ///< pixels of a mean image
+  int edge = 1;                 ///< of the feature map that an inner product flattens
+  float means[3] = {};          ///< one for each channel
+  InceptionWidths widths = {};  ///< of an Inception block
+  bool maxPool = false;         ///< an `InceptionV3_1` pools the maximum; else the average
 };
 
-/// Neighbouring elements that something else owns.
+/// A part of an array that lives elsewhere.
 template <class T>
 struct View {
   const T* first;
@@ -87,6 +102,11 @@ constexpr LayerRow convolution(const char* name, int in, int out, int kernel, in
 constexpr LayerRow batchNormalization(const char* name, int channels) {
   return {LayerKind::batchNormalization, name, channels, channels};
 }
+/// A convolution without bias, then batch normalization, then ReLU.
+constexpr LayerRow normalizedConvolution(const char* name, int in, int out, int kernel, int stride,
+                                         bool padded) {
+  return {LayerKind::normalizedConvolution, name, in, out, kernel, stride, padded, noBias};
+}
 constexpr LayerRow innerProduct(const char* name, int in, int out, bool hasBias) {
   return {LayerKind::innerProduct, name, in, out, 1, 1, noPadding, hasBias};
 }
@@ -100,78 +120,70 @@ constexpr LayerRow projection(const char* name, int out) {
   return {LayerKind::projection, name, 2048, out};
 }
 
-/// What a block is made of, in the order of creation.
-constexpr std::array<LayerRow, 6> inceptionV1Layers(int in, int c1, int r3, int c3, int r5, int c5,
-                                                    int cp) {
-  return {{fusedConvolution("1x1", in, c1, 1, 1, noPadding),
-           fusedConvolution("3x3_reduce", in, r3, 1, 1, noPadding),
-           fusedConvolution("3x3", r3, c3, 3, 1, samePadding),
-           fusedConvolution("5x5_reduce", in, r5, 1, 1, noPadding),
-           fusedConvolution("5x5", r5, c5, 5, 1, samePadding),
-           fusedConvolution("pool_proj", in, cp, 1, 1, noPadding)}};
-}
-constexpr std::array<LayerRow, 14> inceptionV3_1Layers(int in, int c1x1, int c3r, int c3, int cd3r,
-                                                       int cd3, int cpool) {
-  return {{convolution("1x1", in, c1x1, 1, 1, noPadding, noBias),
-           batchNormalization("1x1/bn", c1x1),
-           convolution("3x3_reduce", in, c3r, 1, 1, noPadding, noBias),
-           batchNormalization("3x3_reduce/bn", c3r),
-           convolution("3x3", c3r, c3, 3, 1, samePadding, noBias), batchNormalization("3x3/bn", c3),
-           convolution("double3x3_reduce", in, cd3r, 1, 1, noPadding, noBias),
-           batchNormalization("double3x3_reduce/bn", cd3r),
-           convolution("double3x3a", cd3r, cd3, 3, 1, samePadding, noBias),
-           batchNormalization("double3x3a/bn", cd3),
-           convolution("double3x3b", cd3, cd3, 3, 1, samePadding, noBias),
-           batchNormalization("double3x3b/bn", cd3),
-           convolution("pool_proj", in, cpool, 1, 1, noPadding, noBias),
-           batchNormalization("pool_proj/bn", cpool)}};
-}
-constexpr std::array<LayerRow, 10> inceptionV3_2Layers(int in, int c3, int cd3r, int cd3) {
-  constexpr int reduced = 128;
-  return {{convolution("3x3_reduce", in, reduced, 1, 1, noPadding, noBias),
-           batchNormalization("3x3_reduce/bn", reduced),
-           convolution("3x3", reduced, c3, 3, 2, samePadding, noBias),
-           batchNormalization("3x3/bn", c3),
-           convolution("double3x3_reduce", in, cd3r, 1, 1, noPadding, noBias),
-           batchNormalization("double3x3_reduce/bn", cd3r),
-           convolution("double3x3a", cd3r, cd3, 3, 1, samePadding, noBias),
-           batchNormalization("double3x3a/bn", cd3),
-           convolution("double3x3b", cd3, cd3, 3, 2, samePadding, noBias),
-           batchNormalization("double3x3b/bn", cd3)}};
-}
-constexpr std::array<LayerRow, 2> inceptionMFMLayers(int channels) {
-  return {{convolution("_conv1", channels, 2 * channels, 3, 1, samePadding, withBias),
-           convolution("_conv2", channels, 2 * channels, 3, 1, samePadding, withBias)}};
-}
-
-constexpr LayerRow block(LayerKind kind, const char* name, int in,
-                         const std::array<int, 6>& branches) {
+constexpr LayerRow block(LayerKind kind, const char* name, int in, const InceptionWidths& widths) {
   LayerRow row = {kind, name, in, 0};
-  row.branches = branches;
+  row.widths = widths;
   return row;
 }
-constexpr LayerRow inceptionV1(const char* name, int in, int c1, int r3, int c3, int r5, int c5,
-                               int cp) {
-  return block(LayerKind::inceptionV1, name, in, {c1, r3, c3, r5, c5, cp});
+constexpr LayerRow inceptionV1(const char* name, int in, const InceptionWidths& widths) {
+  return block(LayerKind::inceptionV1, name, in, widths);
 }
 inline constexpr bool averagePooled = false;
 inline constexpr bool maxPooled = true;
-constexpr LayerRow inceptionV3_1(const char* name, int in, int c1x1, int c3r, int c3, int cd3r,
-                                 int cd3, int cpool, bool maxPool) {
-  LayerRow row = block(LayerKind::inceptionV3_1, name, in, {c1x1, c3r, c3, cd3r, cd3, cpool});
+constexpr LayerRow inceptionV3_1(const char* name, int in, const InceptionWidths& widths,
+                                 bool maxPool) {
+  LayerRow row = block(LayerKind::inceptionV3_1, name, in, widths);
   row.maxPool = maxPool;
   return row;
 }
-constexpr LayerRow inceptionV3_2(const char* name, int in, int c3, int cd3r, int cd3) {
-  return block(LayerKind::inceptionV3_2, name, in, {c3, cd3r, cd3});
+constexpr LayerRow inceptionV3_2(const char* name, int in, const InceptionWidths& widths) {
+  return block(LayerKind::inceptionV3_2, name, in, widths);
 }
 constexpr LayerRow inceptionMFM(const char* name, int channels) {
   return block(LayerKind::inceptionMFM, name, channels, {});
 }
 
+// The layers that a layer is made of, in the order of creation. Their prefix is the layer's name.
+
+constexpr std::array<LayerRow, 2> layersOfNormalizedConvolution(const LayerRow& row) {
+  return {{convolution("", row.in, row.out, row.kernel, row.stride, row.padded, noBias),
+           batchNormalization("/bn", row.out)}};
+}
+constexpr std::array<LayerRow, 6> layersOfInceptionV1(const LayerRow& block) {
+  const InceptionWidths& w = block.widths;
+  return {{fusedConvolution("1x1", block.in, w.conv1x1, 1, 1, noPadding),
+           fusedConvolution("3x3_reduce", block.in, w.reduce3x3, 1, 1, noPadding),
+           fusedConvolution("3x3", w.reduce3x3, w.conv3x3, 3, 1, samePadding),
+           fusedConvolution("5x5_reduce", block.in, w.reduce5x5, 1, 1, noPadding),
+           fusedConvolution("5x5", w.reduce5x5, w.conv5x5, 5, 1, samePadding),
+           fusedConvolution("pool_proj", block.in, w.poolProjection, 1, 1, noPadding)}};
+}
+constexpr std::array<LayerRow, 7> layersOfInceptionV3_1(const LayerRow& block) {
+  const InceptionWidths& w = block.widths;
+  return {{normalizedConvolution("1x1", block.in, w.conv1x1, 1, 1, noPadding),
+           normalizedConvolution("3x3_reduce", block.in, w.reduce3x3, 1, 1, noPadding),
+           normalizedConvolution("3x3", w.reduce3x3, w.conv3x3, 3, 1, samePadding),
+           normalizedConvolution("double3x3_reduce", block.in, w.reduce5x5, 1, 1, noPadding),
+           normalizedConvolution("double3x3a", w.reduce5x5, w.conv5x5, 3, 1, samePadding),
+           normalizedConvolution("double3x3b", w.conv5x5, w.conv5x5, 3, 1, samePadding),
+           normalizedConvolution("pool_proj", block.in, w.poolProjection, 1, 1, noPadding)}};
+}
+constexpr std::array<LayerRow, 5> layersOfInceptionV3_2(const LayerRow& block) {
+  const InceptionWidths& w = block.widths;
+  return {{normalizedConvolution("3x3_reduce", block.in, w.reduce3x3, 1, 1, noPadding),
+           normalizedConvolution("3x3", w.reduce3x3, w.conv3x3, 3, 2, samePadding),
+           normalizedConvolution("double3x3_reduce", block.in, w.reduce5x5, 1, 1, noPadding),
+           normalizedConvolution("double3x3a", w.reduce5x5, w.conv5x5, 3, 1, samePadding),
+           normalizedConvolution("double3x3b", w.conv5x5, w.conv5x5, 3, 2, samePadding)}};
+}
+constexpr std::array<LayerRow, 2> layersOfInceptionMFM(const LayerRow& block) {
+  return {{convolution("_conv1", block.in, 2 * block.in, 3, 1, samePadding, withBias),
+           convolution("_conv2", block.in, 2 * block.in, 3, 1, samePadding, withBias)}};
+}
+
 enum class WeightRole { mean, filter, bias, scale, shift, variance };
 
-/// Sizes of the array that `row` reads as `role`, outermost first.
+/// Extents of the array that `row` reads as `role`, outermost first.
 inline std::vector<std::size_t> weightShape(const LayerRow& row, WeightRole role) {
   const std::size_t in = row.in, out = row.out, kernel = row.kernel;
   const std::size_t width = row.width, height = row.height;
@@ -182,8 +194,8 @@ inline std::vector<std::size_t> weightShape(const LayerRow& row, WeightRole role
   return {out, in, kernel, kernel};
 }
 
-/// Calls visit(name, elements, row, role) for every array that `rows` read, in order; `row` is the
-/// layer that reads it, inside whatever block.
+/// Calls visit(name, elements, row, role) for every array that `rows` read, in the order in which
+/// they are read. `row` is the layer that reads the array: inside a block, one of the block's.
 template <class Rows, class Visit>
 void forEachWeight(const Rows& rows, const std::string& prefix, const Visit& visit) {
   for (const LayerRow& row : rows) {
@@ -193,7 +205,6 @@ void forEachWeight(const Rows& rows, const std::string& prefix, const Visit& vis
       for (const std::size_t size : weightShape(row, role)) elements *= size;
       visit(name + suffix, elements, row, role);
     };
-    const auto& c = row.branches;
     switch (row.kind) {
       case LayerKind::meanImage:
         array("-0", WeightRole::mean);
@@ -217,17 +228,20 @@ void forEachWeight(const Rows& rows, const std::string& prefix, const Visit& vis
         array("-0", WeightRole::filter);
         array("-1", WeightRole::mean);
         break;
+      case LayerKind::normalizedConvolution:
+        forEachWeight(layersOfNormalizedConvolution(row), name, visit);
+        break;
       case LayerKind::inceptionV1:
-        forEachWeight(inceptionV1Layers(row.in, c[0], c[1], c[2], c[3], c[4], c[5]), name, visit);
+        forEachWeight(layersOfInceptionV1(row), name, visit);
         break;
       case LayerKind::inceptionV3_1:
-        forEachWeight(inceptionV3_1Layers(row.in, c[0], c[1], c[2], c[3], c[4], c[5]), name, visit);
+        forEachWeight(layersOfInceptionV3_1(row), name, visit);
         break;
       case LayerKind::inceptionV3_2:
-        forEachWeight(inceptionV3_2Layers(row.in, c[0], c[1], c[2]), name, visit);
+        forEachWeight(layersOfInceptionV3_2(row), name, visit);
         break;
       case LayerKind::inceptionMFM:
-        forEachWeight(inceptionMFMLayers(row.in), name, visit);
+        forEachWeight(layersOfInceptionMFM(row), name, visit);
         break;
     }
   }

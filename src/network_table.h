@@ -1,14 +1,14 @@
 /// @file
-/// What each network is made of, as data: geometry, pool sizing, the weighted layers in the order
-/// of their creation, and the groups of its results. Constructors build from it; the tool names,
-/// checks and synthesizes weights from it.
+/// What each network is made of, as data: geometry, pool sizing, the layers with weights in the
+/// order of their creation, and the groups of its results. The constructors build from these
+/// tables; the tool checks and synthesizes weights by them.
 #pragma once
 
 #include "layer_table.h"
 
 namespace facezoo {
 
-/// Consecutive values of a network's result for one image.
+/// Values that belong together and follow each other in a network's result for one image.
 struct OutputGroup {
   const char* name;
   int count;
@@ -22,8 +22,9 @@ struct InputGeometry {
   int channels, width, height;
 };
 struct PoolSizing {
-  int perImageBytes;  ///< of a block; at least the largest activation of one image
-  int bufferCount;    ///< blocks; at least as many as `Forward` takes at once
+  int perImageBytes;  ///< size of a pool block for each image of a batch; at least the largest
+                      ///< activation of one image
+  int bufferCount;    ///< number of pool blocks; at least as many as `Forward` takes at once
 };
 struct NetworkTable : InputGeometry, PoolSizing {
   const char* name;
@@ -33,7 +34,7 @@ struct NetworkTable : InputGeometry, PoolSizing {
   Results memory;             ///< of `out1`
   bool hasNorm;               ///< `Forward` can write one norm per image to `out2`
 
-  /// Values per image in `out1`, which for a projected descriptor are fewer than `outputDim`.
+  /// Values per image in `out1`. `outputDim` is more where a projection makes them fewer.
   constexpr int outputCount() const {
     int count = 0;
     for (const OutputGroup& group : outputs) count += group.count;
@@ -89,15 +90,15 @@ constexpr std::array<LayerRow, 13> inceptionV1Trunk(int edge, int channels) {
            fusedConvolution("conv1/7x7_s2", channels, 64, 7, 2, samePadding),
            fusedConvolution("conv2/3x3_reduce", 64, 64, 1, 1, noPadding),
            fusedConvolution("conv2/3x3", 64, 192, 3, 1, samePadding),
-           inceptionV1("inception_3a/", 192, 64, 96, 128, 16, 32, 32),
-           inceptionV1("inception_3b/", 256, 128, 128, 192, 32, 96, 64),
-           inceptionV1("inception_4a/", 480, 192, 96, 208, 16, 48, 64),
-           inceptionV1("inception_4b/", 512, 160, 112, 224, 24, 64, 64),
-           inceptionV1("inception_4c/", 512, 128, 128, 256, 24, 64, 64),
-           inceptionV1("inception_4d/", 512, 112, 144, 288, 32, 64, 64),
-           inceptionV1("inception_4e/", 528, 256, 160, 320, 32, 128, 128),
-           inceptionV1("inception_5a/", 832, 256, 160, 320, 32, 128, 128),
-           inceptionV1("inception_5b/", 832, 384, 192, 384, 48, 128, 128)}};
+           inceptionV1("inception_3a/", 192, {64, 96, 128, 16, 32, 32}),
+           inceptionV1("inception_3b/", 256, {128, 128, 192, 32, 96, 64}),
+           inceptionV1("inception_4a/", 480, {192, 96, 208, 16, 48, 64}),
+           inceptionV1("inception_4b/", 512, {160, 112, 224, 24, 64, 64}),
+           inceptionV1("inception_4c/", 512, {128, 128, 256, 24, 64, 64}),
+           inceptionV1("inception_4d/", 512, {112, 144, 288, 32, 64, 64}),
+           inceptionV1("inception_4e/", 528, {256, 160, 320, 32, 128, 128}),
+           inceptionV1("inception_5a/", 832, {256, 160, 320, 32, 128, 128}),
+           inceptionV1("inception_5b/", 832, {384, 192, 384, 48, 128, 128})}};
 }
 
 inline constexpr LayerRow googLeNetEnd[] = {
@@ -111,7 +112,7 @@ inline constexpr NetworkTable googLeNet = {
     {1, 256, 256},         {64 * 128 * 128 * 4, 10}, "GoogLeNet",       2048,
     view(googLeNetLayers), view(features512),        Results::onDevice, withNorm};
 
-/// Created in this order; the two-head networks give the mouth's results first.
+/// In the order of creation. The results of the two-head networks begin with the mouth's.
 inline constexpr LayerRow eyeAndMouthHeads[] = {
     innerProduct("loss3/classifier_acce_eye", 1024, 3, withBias),
     innerProduct("loss3/classifier_acce_mouth", 1024, 2, withBias),
@@ -190,16 +191,16 @@ inline constexpr LayerRow googLeNetBNLayers[] = {
     batchNormalization("conv2/3x3_reduce/bn", 64),
     convolution("conv2/3x3", 64, 192, 3, 1, samePadding, noBias),
     batchNormalization("conv2/3x3/bn", 192),
-    inceptionV3_1("inception_3a/", 192, 64, 64, 64, 64, 96, 32, averagePooled),
-    inceptionV3_1("inception_3b/", 256, 64, 64, 96, 64, 96, 64, averagePooled),
-    inceptionV3_2("inception_3c/", 320, 160, 64, 96),
-    inceptionV3_1("inception_4a/", 576, 224, 64, 96, 96, 128, 128, averagePooled),
-    inceptionV3_1("inception_4b/", 576, 192, 96, 128, 96, 128, 128, averagePooled),
-    inceptionV3_1("inception_4c/", 576, 160, 128, 160, 128, 160, 96, averagePooled),
-    inceptionV3_1("inception_4d/", 576, 96, 128, 192, 160, 192, 96, averagePooled),
-    inceptionV3_2("inception_4e/", 576, 192, 192, 256),
-    inceptionV3_1("inception_5a/", 1024, 352, 192, 320, 160, 224, 128, averagePooled),
-    inceptionV3_1("inception_5b/", 1024, 352, 192, 320, 192, 224, 128, maxPooled),
+    inceptionV3_1("inception_3a/", 192, {64, 64, 64, 64, 96, 32}, averagePooled),
+    inceptionV3_1("inception_3b/", 256, {64, 64, 96, 64, 96, 64}, averagePooled),
+    inceptionV3_2("inception_3c/", 320, {0, 128, 160, 64, 96, 0}),
+    inceptionV3_1("inception_4a/", 576, {224, 64, 96, 96, 128, 128}, averagePooled),
+    inceptionV3_1("inception_4b/", 576, {192, 96, 128, 96, 128, 128}, averagePooled),
+    inceptionV3_1("inception_4c/", 576, {160, 128, 160, 128, 160, 96}, averagePooled),
+    inceptionV3_1("inception_4d/", 576, {96, 128, 192, 160, 192, 96}, averagePooled),
+    inceptionV3_2("inception_4e/", 576, {0, 128, 192, 192, 256, 0}),
+    inceptionV3_1("inception_5a/", 1024, {352, 192, 320, 160, 224, 128}, averagePooled),
+    inceptionV3_1("inception_5b/", 1024, {352, 192, 320, 192, 224, 128}, maxPooled),
     convolution("loss1/conv", 576, 128, 1, 1, noPadding, noBias),
     batchNormalization("loss1/conv/bn", 128),
     innerProduct("loss1/fc", 128, 4, 1024, noBias),

@@ -123,7 +123,8 @@ TEST_F(CudaTest, ConvolutionsStayInPlainFloat) {
       Document weights;
       weights.add("conv-0", std::vector<float>(std::size_t(in) * out * kernel * kernel));
       weights.add("conv-1", std::vector<float>(out));
-      OpenConvolution layer("conv", weights.root(), in, out, kernel, stride, true);
+      OpenConvolution layer(fusedConvolution("conv", in, out, kernel, stride, samePadding), "",
+                            weights.root());
       layer.configure({batch, in, edge, edge});
       cudnnMathType_t math = CUDNN_DEFAULT_MATH;
       CheckCudnn(cudnnGetConvolutionMathType(layer.convolution_, &math));

@@ -106,8 +106,8 @@ const struct {
              {facezoo::convolution("7x7", 3, 16, 7, 1, samePadding, withBias), 17, notFinite},
              {innerProduct("fc", 99, 16, withBias), 1, notFinite},
              {projection("pca", 7), 1, notFinite},
-             {inceptionV1("v1/", 9, 3, 9, 9, 8, 7, 6), 17, neverNan},
-             {inceptionV3_1("v3/", 9, 3, 9, 9, 8, 7, 6, maxPooled), 17, nanOfNan},
+             {inceptionV1("v1/", 9, {3, 9, 9, 8, 7, 6}), 17, neverNan},
+             {inceptionV3_1("v3/", 9, {3, 9, 9, 8, 7, 6}, maxPooled), 17, nanOfNan},
              {inceptionMFM("residual/", 9), 17, notFinite}};
 
 constexpr int images = 3;

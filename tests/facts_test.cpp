@@ -32,7 +32,8 @@ float lastOf(Layer&& layer, const std::vector<float>& map, Extra... extra) {
 float lastOfConvolution(int kernel, const std::vector<float>& map, float bias) {
   Document weights;
   weights.add("conv-0", std::vector<float>(kernel * kernel, 1)).add("conv-1", {bias});
-  return lastOf(CBA("conv", weights.root(), 1, 1, kernel, 1, true), map);
+  return lastOf(CBA(fusedConvolution("conv", 1, 1, kernel, 1, samePadding), "", weights.root()),
+                map);
 }
 
 float largeSoftmax() { return download(Softmax()(upload<float>({0, 200}, {1, 2, 1, 1}))).back(); }

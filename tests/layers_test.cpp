@@ -1,11 +1,9 @@
+#include "layer_factory.h"
 #include "layers/batch_norm.h"
 #include "layers/cba.h"
 #include "layers/concat.h"
 #include "layers/conv.h"
 #include "layers/eltwise.h"
-#include "layers/inception_mfm.h"
-#include "layers/inception_v1.h"
-#include "layers/inception_v3.h"
 #include "layers/inner_product.h"
 #include "layers/l2_norm.h"
 #include "layers/lrn.h"
@@ -47,7 +45,7 @@ Tensor upload(const Image4& x) {
 }
 
 TEST_F(LayerTest, InputConversion) {
-  const std::vector<float> channelMean = {104, 117, 123};
+  const std::vector<float> means = {104, 117, 123};
   const Shape shapes[] = {{1, 1, 1, 1},   {1, 2, 2, 3},   {5, 1, 33, 3},  // n, h, w, c
                           {2, 33, 31, 1}, {5, 7, 64, 3},  {2, 65, 3, 2},
                           {2, 67, 83, 3}, {1, 2, 8999, 1}};
@@ -55,17 +53,18 @@ TEST_F(LayerTest, InputConversion) {
     SCOPED_TRACE(PrintToString(shape));
     const int n = shape[0], h = shape[1], w = shape[2], c = shape[3];
     const auto bytes = seededBytes(static_cast<std::size_t>(n) * h * w * c, 1);
-    const auto meanImage = seededValues(static_cast<std::size_t>(h) * w * c, 2, 0, 255);
+    const auto image = seededValues(static_cast<std::size_t>(h) * w * c, 2, 0, 255);
     Document weights;
-    weights.add("inMean-0", meanImage);
-    const auto check = [&](TransformNHWC2NCHW&& layer, const std::vector<float>& mean) {
+    weights.add("inMean-0", image);
+    const auto check = [&](const LayerRow& row, const std::vector<float>& mean) {
+      TransformNHWC2NCHW layer(row, "", weights.root());
       freshPool();
       const Image4 expected = convertInput({n, h, w, c, {bytes.begin(), bytes.end()}}, mean);
       expectClose(layer(test::upload(bytes, {n, h, w, c})), expected, expected, epsilon);
     };
-    check(TransformNHWC2NCHW("inMean"), {});
-    check(TransformNHWC2NCHW("inMean", channelMean.data()), {&channelMean[0], &channelMean[0] + c});
-    check(TransformNHWC2NCHW("inMean", weights.root(), w, h, c), meanImage);
+    check(noMean(c), {});
+    check(channelMean(means[0], means[1], means[2]), {&means[0], &means[0] + c});
+    check(meanImage(w, h, c), image);
   }
 }
 
@@ -89,9 +88,11 @@ TEST_F(LayerTest, Convolution) {
     weights.add("biased-0", filter).add("biased-1", bias).add("bare-0", filter);
     auto& root = weights.root();
     const bool pads = padded != 0;
-    CBA fused("biased", root, c, outputs, kernel, stride, pads);
-    Convolution2D biased("biased", root, c, outputs, kernel, stride, pads, false);
-    Convolution2D bare("bare", root, c, outputs, kernel, stride, pads, true);
+    CBA fused(fusedConvolution("biased", c, outputs, kernel, stride, pads), "", root);
+    Convolution2D biased(facezoo::convolution("biased", c, outputs, kernel, stride, pads, withBias),
+                         "", root);
+    Convolution2D bare(facezoo::convolution("bare", c, outputs, kernel, stride, pads, noBias), "",
+                       root);
     // The second batch size makes the layers adapt what they have prepared for the first.
     for (int n : {batch, batch + 1}) {
       const Image4 x = seededImage(n, c, h, w, 3);
@@ -134,13 +135,13 @@ TEST_F(LayerTest, MatrixProducts) {
                   convolutionScale(flat(x), matrix, added, 1, 1, 0), roundings(inputs));
       expectEqual(in, x);
     };
-    check(InnerProduct("fc", weights.root(), inputs, outputs, false), bias);
-    check(InnerProduct("bare", weights.root(), inputs, outputs, true), {});
+    check(InnerProduct(innerProduct("fc", inputs, outputs, withBias), "", weights.root()), bias);
+    check(InnerProduct(innerProduct("bare", inputs, outputs, noBias), "", weights.root()), {});
     // A projection leaves its input without the mean, and takes it away again the next time.
     for (int times = 0; inputs == 2048 && times < 2; ++times) {
       for (std::size_t i = 0; i < x.v.size(); ++i)
         x.v[i] = static_cast<float>(x.v[i] - mean[i % inputs]);
-      check(Projection("pca", weights.root(), outputs), {});
+      check(Projection(projection("pca", outputs), "", weights.root()), {});
     }
   }
 }
@@ -162,8 +163,8 @@ TEST_F(LayerTest, BatchNormalization) {
     weights.add("bn-avg_mean", parameters[2]).add("bn-avg_var", parameters[3]);
     const Tensor in = upload(x);
     const Image4 expected = batchNormalization(x, parameters, added);
-    expectClose(BatchNormalization("bn", weights.root(), x.c, added)(in), expected, expected,
-                roundings(4));
+    BatchNormalization layer(facezoo::batchNormalization("bn", x.c), "", weights.root(), added);
+    expectClose(layer(in), expected, expected, roundings(4));
     expectEqual(in, x);
   }
 }
@@ -272,26 +273,25 @@ TEST_F(LayerTest, L2NormIsTheSequentialLoopBitForBit) {
   }
 }
 
-using Weights = msgpack::v1::object;
-template <class Block, class... Sizes>
-std::function<std::unique_ptr<LayerBase>(Weights&)> block(Sizes... sizes) {
-  return [=](Weights& weights) { return std::make_unique<Block>("b/", weights, sizes...); };
-}
-
 TEST_F(LayerTest, Blocks) {
   const struct {
     const char* step;
     Shape shape;
-    std::function<std::unique_ptr<LayerBase>(Weights&)> create;
+    LayerRow row;
   } cases[] = {
-      {"v1:b/ 3 4 5 2 7 6", {2, 8, 7, 5}, block<InceptionV1>(8, 3, 4, 5, 2, 7, 6)},
-      {"v1:b/ 3 4 5 2 7 6", {5, 8, 1, 1}, block<InceptionV1>(8, 3, 4, 5, 2, 7, 6)},
-      {"v3:b/ 3 4 5 2 7 6 0", {2, 8, 7, 5}, block<InceptionV3_1>(8, 3, 4, 5, 2, 7, 6, false)},
-      {"v3:b/ 3 4 5 2 7 6 1", {2, 8, 7, 5}, block<InceptionV3_1>(8, 3, 4, 5, 2, 7, 6, true)},
-      {"v3:b/ 5 4 3 7 2 6 0", {5, 3, 1, 1}, block<InceptionV3_1>(3, 5, 4, 3, 7, 2, 6, false)},
-      {"v3:b/ 0 128 3 4 5", {2, 8, 6, 10}, block<InceptionV3_2>(8, 3, 4, 5)},
-      {"residual:b/", {2, 6, 7, 5}, block<InceptionMFM>(6)},
-      {"residual:b/", {5, 1, 1, 1}, block<InceptionMFM>(1)}};
+      {"normalized:b/ 5 3 2", {2, 8, 7, 5}, normalizedConvolution("b/", 8, 5, 3, 2, samePadding)},
+      {"v1:b/ 3 4 5 2 7 6", {2, 8, 7, 5}, inceptionV1("b/", 8, {3, 4, 5, 2, 7, 6})},
+      {"v1:b/ 3 4 5 2 7 6", {5, 8, 1, 1}, inceptionV1("b/", 8, {3, 4, 5, 2, 7, 6})},
+      {"v3:b/ 3 4 5 2 7 6 0",
+       {2, 8, 7, 5},
+       inceptionV3_1("b/", 8, {3, 4, 5, 2, 7, 6}, averagePooled)},
+      {"v3:b/ 3 4 5 2 7 6 1", {2, 8, 7, 5}, inceptionV3_1("b/", 8, {3, 4, 5, 2, 7, 6}, maxPooled)},
+      {"v3:b/ 5 4 3 7 2 6 0",
+       {5, 3, 1, 1},
+       inceptionV3_1("b/", 3, {5, 4, 3, 7, 2, 6}, averagePooled)},
+      {"v3:b/ 0 128 3 4 5", {2, 8, 6, 10}, inceptionV3_2("b/", 8, {0, 128, 3, 4, 5, 0})},
+      {"residual:b/", {2, 6, 7, 5}, inceptionMFM("b/", 6)},
+      {"residual:b/", {5, 1, 1, 1}, inceptionMFM("b/", 1)}};
   for (const auto& t : cases) {
     SCOPED_TRACE(testing::Message() << t.step << " on " << PrintToString(t.shape));
     const Image4 x = seededImage(t.shape[0], t.shape[1], t.shape[2], t.shape[3], 1, -60, 60);
@@ -301,7 +301,8 @@ TEST_F(LayerTest, Blocks) {
     for (const auto& [name, values] : chain.weights) weights.add(name, values);
     freshPool();
     const Tensor in = upload(x);
-    expectClose(t.create(weights.root())->operator()(in), expected, largest(expected), 1e-4);
+    const std::unique_ptr<LayerBase> layer(createLayer(t.row, "", weights.root()));
+    expectClose((*layer)(in), expected, largest(expected), 1e-4);
     expectEqual(in, x);
   }
 }
@@ -315,10 +316,9 @@ TEST_F(LayerTest, AnExtensionOfTheRightLengthIsNoWeight) {
 }
 
 TEST_F(LayerTest, AHolderHandsItsLayerOver) {
-  const float mean[3] = {};
+  Document weights;
   Layer source, target;
-  source = new TransformNHWC2NCHW("", mean);
-  target = new TransformNHWC2NCHW("", mean);
+  for (Layer* holder : {&source, &target}) *holder = createLayer(noMean(1), "", weights.root());
   for (const Layer* from : {&source, &target}) target = *from;
   const Tensor in({1, 1, 1, 1});
   EXPECT_EQ(in.base, source(in).base);

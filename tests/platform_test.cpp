@@ -100,7 +100,7 @@ struct OpenConvolution : CBA {
   using CBA::bias_, CBA::convolution_, CBA::filter_, CBA::filterShape_, CBA::input_, CBA::output_;
 
   explicit OpenConvolution(int kernel)
-      : CBA("conv", weights(kernel).root(), 1, 1, kernel, 1, true) {}
+      : CBA(fusedConvolution("conv", 1, 1, kernel, 1, samePadding), "", weights(kernel).root()) {}
 
   static Document& weights(int kernel) {
     static Document document;
@@ -183,8 +183,9 @@ TEST_F(PlatformTest, EveryAlgorithmInEveryInstructionSetAndWorkspace) {
       const auto bias = seededValues(t.outputs, 2);
       Document weights;
       weights.add("conv-0", filter).add("conv-1", bias);
-      ChosenConvolution layer("conv", weights.root(), t.c, t.outputs, t.kernel, t.stride,
-                              t.padded != 0);
+      ChosenConvolution layer(
+          fusedConvolution("conv", t.c, t.outputs, t.kernel, t.stride, t.padded != 0), "",
+          weights.root());
       const Image4 x = seededImage(t.n, t.c, t.h, t.w, 3);
       const Image4 y = relu(convolution(x, filter, bias, t.kernel, t.stride, pad));
       const Image4 scale = convolutionScale(x, filter, bias, t.kernel, t.stride, pad);
@@ -225,7 +226,8 @@ TEST_F(PlatformTest, TransformsOverflowFromAHundredthOfTheLargestFloat) {
   for (const int kernel : {3, 5}) {
     Document weights;
     weights.add("conv-0", std::vector<float>(kernel * kernel, 1e-3F)).add("conv-1", {0.0F});
-    ChosenConvolution layer("conv", weights.root(), 1, 1, kernel, 1, false);
+    ChosenConvolution layer(fusedConvolution("conv", 1, 1, kernel, 1, noPadding), "",
+                            weights.root());
     for (const auto& [algorithm, limit] :
          {std::pair(CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM, 1.0F),
           {CUDNN_CONVOLUTION_FWD_ALGO_WINOGRAD_NONFUSED, 0.01F}}) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "facezoo/layer.h"
+#include "layer_table.h"
 #include "layers/handles.h"
 
 #include <string>
@@ -10,18 +11,18 @@
 /// channel: y = gamma · (x - mean) / sqrt(var + epsilon) + beta. The shape stays.
 class BatchNormalization : public LayerBase {
  public:
-  /// @param name full layer name; reads name + "-gamma", "-beta", "-avg_mean" and "-avg_var", one
-  ///        float per channel each
-  /// @param epsilon at least 1e-5, cuDNN's limit
+  /// Reads name + "-gamma", "-beta", "-avg_mean" and "-avg_var", each with one float per channel.
+  /// @param epsilon at least 1e-5, cuDNN's limit and what every network has
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  BatchNormalization(std::string name, msgpack::v1::object& weights, int channels, double epsilon)
+  BatchNormalization(const facezoo::LayerRow& row, const std::string& prefix,
+                     msgpack::v1::object& weights, double epsilon = 1e-5)
       : epsilon_(epsilon) {
     input_.create();
     output_.create();
     parameters_.create();
     const auto read = [&](facezoo::DeviceBuffer& buffer, const char* suffix) {
-      buffer.allocate(channels);
-      readWeight(weights, name + suffix, channels * 4, buffer.get());
+      buffer.allocate(row.in);
+      readWeight(weights, prefix + row.name + suffix, row.in * 4, buffer.get());
     };
     read(scale_, "-gamma");
     read(shift_, "-beta");
@@ -32,8 +33,6 @@ class BatchNormalization : public LayerBase {
   /// @param in of as many channels as the layer has; not checked
   /// @throws cudnnStatus_t, TensorError 0
   Tensor operator()(const Tensor& in) override {
-    const float one = 1.0F;
-    const float zero = 0.0F;
     const int4 shape = in.base->shape;
     configured_.update(shape, [&] {
       facezoo::describe(input_, shape);
@@ -42,15 +41,15 @@ class BatchNormalization : public LayerBase {
     });
     Tensor out(shape);
     CheckCudnn(cudnnBatchNormalizationForwardInference(
-        handle_, CUDNN_BATCHNORM_SPATIAL, &one, &zero, input_, in.base->data, output_,
-        out.base->data, parameters_, scale_.get(), shift_.get(), mean_.get(), variance_.get(),
-        epsilon_));
+        handle_, CUDNN_BATCHNORM_SPATIAL, &facezoo::kOne, &facezoo::kZero, input_, in.base->data,
+        output_, out.base->data, parameters_, scale_.get(), shift_.get(), mean_.get(),
+        variance_.get(), epsilon_));
     return out;
   }
 
  private:
-  // Destroyed from the last to the first: vectors before descriptors, each in the order of
-  // creation.
+  // Members are destroyed from the last to the first: in the order of their creation, but the
+  // arrays before the descriptors.
   facezoo::TensorDescriptor parameters_;
   facezoo::TensorDescriptor output_;
   facezoo::TensorDescriptor input_;

@@ -1,47 +1,48 @@
 /// @file
-/// What every convolution layer is made of: weights, descriptors, and the configuration that
-/// belongs to the last input shape.
+/// What the convolution layers share: weights, descriptors, and what was configured for the shape
+/// of the last input.
 #pragma once
 
 #include "convolution_query.h"
 #include "facezoo/layer.h"
+#include "layer_table.h"
 #include "layers/handles.h"
 
 #include <string>
 
 namespace facezoo {
 
-/// Base of the convolution layers. Square kernel, equal stride and padding in both directions,
-/// dilation 1, cross-correlation; output size floor((H + 2p - k) / s) + 1.
+/// Base of the convolution layers: a cross-correlation with a square k × k kernel, and equal stride
+/// s and padding p in both directions. p is k / 2, rounded down, in a padded layer, else 0.
+///
+/// (N, C, H, W) -> (N, K, floor((H + 2p - k) / s) + 1, floor((W + 2p - k) / s) + 1).
 class Convolution : public LayerBase {
  public:
-  /// @param name full layer name; reads name + "-0", filter [out][in][k][k], and, with a bias,
-  ///        name + "-1"
-  /// @param padded pads by kernel / 2 (integer division), else not at all
+  /// Reads name + "-0", filter [out][in][k][k], and, with a bias, name + "-1".
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  Convolution(const std::string& name, msgpack::v1::object& weights, int inChannels,
-              int outChannels, int kernel, int stride, bool padded, bool hasBias) {
+  Convolution(const LayerRow& row, const std::string& prefix, msgpack::v1::object& weights) {
+    const std::string name = prefix + row.name;
     input_.create();
     output_.create();
     biasShape_.create();
     filterShape_.create();
     convolution_.create();
-    const int pad = padded ? kernel / 2 : 0;
-    CheckCudnn(cudnnSetConvolution2dDescriptor(convolution_, pad, pad, stride, stride, 1, 1,
+    const int pad = row.padded ? row.kernel / 2 : 0;
+    CheckCudnn(cudnnSetConvolution2dDescriptor(convolution_, pad, pad, row.stride, row.stride, 1, 1,
                                                CUDNN_CROSS_CORRELATION, CUDNN_DATA_FLOAT));
     CheckCudnn(cudnnSetFilter4dDescriptor(filterShape_, CUDNN_DATA_FLOAT, CUDNN_TENSOR_NCHW,
-                                          outChannels, inChannels, kernel, kernel));
-    const int filterFloats = outChannels * inChannels * kernel * kernel;
+                                          row.out, row.in, row.kernel, row.kernel));
+    const int filterFloats = row.out * row.in * row.kernel * row.kernel;
     filter_.allocateZeroed(filterFloats);
     readWeight(weights, name + "-0", filterFloats * 4, filter_.get());
-    if (!hasBias) return;
-    bias_.allocateZeroed(outChannels);
-    readWeight(weights, name + "-1", outChannels * 4, bias_.get());
+    if (!row.hasBias) return;
+    bias_.allocateZeroed(row.out);
+    readWeight(weights, name + "-1", row.out * 4, bias_.get());
   }
 
  protected:
-  /// Brings descriptors, output shape and algorithm up to date with the input's shape; makes no
-  /// call if it is the last one.
+  /// Sets descriptors, output shape and algorithm for an input of that shape; makes no call if the
+  /// last input had the same.
   void configure(int4 shape) {
     configured_.update(shape, [&] {
       describe(input_, shape);
@@ -56,7 +57,8 @@ class Convolution : public LayerBase {
     });
   }
 
-  // Destroyed from the last to the first: weights before descriptors, inputs before the rest.
+  // Members are destroyed from the last to the first: the filter first, then the bias, then the
+  // descriptors.
   ConvolutionDescriptor convolution_;
   FilterDescriptor filterShape_;
   TensorDescriptor biasShape_;

@@ -6,7 +6,7 @@
 
 /// Max feature map (Wu et al., "A light CNN for deep face representation with noisy labels", 2018):
 /// output channel c is the larger of the input's channels c and c + C / 2. A NaN in the first half
-/// gives NaN, one in the second half loses.
+/// gives NaN, one in the second half gives the other value.
 ///
 /// (N, C, H, W) -> (N, C / 2, H, W).
 class SliceEltwiseMax : public LayerBase {
@@ -23,7 +23,7 @@ class SliceEltwiseMax : public LayerBase {
   }
 };
 
-/// The sum of two tensors of equal shape, element by element. With one input it is the identity.
+/// The sum of two tensors of equal shape, element by element.
 class EltwiseSum : public LayerBase {
  public:
   using LayerBase::operator();

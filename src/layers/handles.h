@@ -1,7 +1,7 @@
 /// @file
-/// Owners of what the GPU libraries hand out. Each starts empty and is filled by an explicit call,
-/// so that the order of calls is the code's and a constructor that throws half-way releases what it
-/// had. Releasing in a destructor is unchecked.
+/// Owners of descriptors and device memory. Each starts empty and is filled by an explicit call:
+/// the order of the calls is the order of the code, and a constructor that throws half-way releases
+/// what it had. What a destructor releases is not checked.
 #pragma once
 
 #include "check.h"
@@ -10,6 +10,10 @@
 #include <utility>
 
 namespace facezoo {
+
+/// Factors of a call that overwrites its output y with a result: y = kOne · result + kZero · y.
+inline constexpr float kOne = 1.0F;
+inline constexpr float kZero = 0.0F;
 
 /// Owns one cuDNN descriptor.
 template <class Handle, cudnnStatus_t (*Create)(Handle*), cudnnStatus_t (*Destroy)(Handle)>
@@ -25,11 +29,11 @@ class Descriptor {
     if (handle_) Destroy(handle_);
   }
 
-  /// Creates the descriptor; the owner must be empty. @throws cudnnStatus_t
+  /// Creates the descriptor unless there is one. @throws cudnnStatus_t
   void create(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
-    CheckCudnn(Create(&handle_), file, line);
+    if (!handle_) CheckCudnn(Create(&handle_), file, line);
   }
-  /// Destroys it with the status checked; it is not tried again. @throws cudnnStatus_t
+  /// Destroys it, once, and checks the status. @throws cudnnStatus_t
   void destroy(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
     CheckCudnn(Destroy(std::exchange(handle_, nullptr)), file, line);
   }
@@ -66,8 +70,8 @@ inline void describe(cudnnTensorDescriptor_t descriptor, int4 shape,
 /// Remembers the shape that a layer is configured for.
 class ShapeCache {
  public:
-  /// Calls configure() unless `shape` is the one of the last call. Forgets that one first and
-  /// remembers the new one last: after a failure half-way, the next call starts afresh.
+  /// Calls configure() unless `shape` is that of the last call. While configure() runs, no shape is
+  /// remembered: if it throws, the next call configures again.
   template <class Configure>
   void update(int4 shape, const Configure& configure) {
     const bool same =
@@ -82,8 +86,8 @@ class ShapeCache {
   int4 shape_ = {0, 0, 0, 0};
 };
 
-/// Descriptors that all objects of a stateless layer share. They are made by the first call and
-/// never destroyed, on purpose: no GPU call may run in a static destructor.
+/// Descriptors that all objects of a layer without weights share. They are created once and never
+/// destroyed, because no GPU call may run in a static destructor.
 template <class Descriptors>
 Descriptors& classWide() {
   static Descriptors& descriptors = *new Descriptors;

@@ -1,20 +1,20 @@
 /// @file
 #pragma once
 
-#include "layer_factory.h"
+#include "layers/block.h"
+#include "layers/conv.h"
 #include "layers/eltwise.h"
 
 /// Residual block of max feature maps (the paper of `SliceEltwiseMax`):
 /// x + MFM(conv2(MFM(conv1(x)))), with 3 × 3 convolutions to twice the channels. The shape stays.
 /// Takes two blocks of the pool beside its input.
-class InceptionMFM : public facezoo::Block<2> {
+class InceptionMFM : public facezoo::Block<Convolution2D, 2> {
  public:
-  /// @param name full block name; reads name + "_conv1" and "_conv2", each with "-0" and "-1"
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  InceptionMFM(std::string name, msgpack::v1::object& weights, int channels)
-      : Block(facezoo::inceptionMFMLayers(channels), name, weights) {}
+  InceptionMFM(const facezoo::LayerRow& row, const std::string& prefix,
+               msgpack::v1::object& weights)
+      : Block(facezoo::layersOfInceptionMFM(row), prefix + row.name, weights) {}
 
-  /// @param in (N, C, H, W) with C the channels given
   /// @throws what its layers throw
   Tensor operator()(const Tensor& in) override {
     auto& [conv1, conv2] = layers_;

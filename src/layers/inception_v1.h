@@ -1,29 +1,25 @@
 /// @file
 #pragma once
 
-#include "layer_factory.h"
+#include "layers/block.h"
+#include "layers/cba.h"
 #include "layers/concat.h"
 #include "layers/pool.h"
 
 /// Inception block (Szegedy et al., "Going deeper with convolutions", 2015): four branches over one
 /// input, joined along the channels, every convolution followed by its ReLU.
 ///
-/// (N, C, H, W) -> (N, c1 + c3 + c5 + cp, H, W). Takes six blocks of the pool beside its input.
-class InceptionV1 : public facezoo::Block<6> {
+/// (N, C, H, W) -> (N, conv1x1 + conv3x3 + conv5x5 + poolProjection, H, W), the widths of the row.
+/// Takes six blocks of the pool beside its input.
+class InceptionV1 : public facezoo::Block<CBA, 6> {
  public:
-  /// @param prefix of the block's weight names, ending in a slash
-  /// @param c1 channels of the 1 × 1 branch
-  /// @param r3,c3 of the 3 × 3 branch: reduced to, and out
-  /// @param r5,c5 of the 5 × 5 branch
-  /// @param cp of the pooling branch
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  InceptionV1(std::string prefix, msgpack::v1::object& weights, int inChannels, int c1, int r3,
-              int c3, int r5, int c5, int cp)
-      : Block(facezoo::inceptionV1Layers(inChannels, c1, r3, c3, r5, c5, cp), prefix, weights) {}
+  InceptionV1(const facezoo::LayerRow& row, const std::string& prefix, msgpack::v1::object& weights)
+      : Block(facezoo::layersOfInceptionV1(row), prefix + row.name, weights) {}
 
   /// @throws what its layers throw
   Tensor operator()(const Tensor& in) override {
-    auto& [conv1x1, reduce3x3, conv3x3, reduce5x5, conv5x5, project] = layers_;
+    auto& [conv1x1, reduce3x3, conv3x3, reduce5x5, conv5x5, poolProjection] = layers_;
     MaxPooling maxPool;
     Concat concat;
 
@@ -33,7 +29,7 @@ class InceptionV1 : public facezoo::Block<6> {
     x = reduce5x5(in);
     const Tensor c = conv5x5(x);
     x = maxPool(in, 3, 1, 1);
-    const Tensor d = project(x);
+    const Tensor d = poolProjection(x);
     return concat({a, b, c, d});
   }
 };

@@ -7,11 +7,11 @@
 /// (N, C, H, W) with C·H·W = I -> (N, O, 1, 1).
 class InnerProduct : public facezoo::MatrixProduct {
  public:
-  /// @param name full layer name; reads name + "-0" (weights [o][i]) and, with a bias, "-1"
+  /// Reads name + "-0" (weights [o][i]) and, with a bias, name + "-1".
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  InnerProduct(std::string name, msgpack::v1::object& weights, int inputSize, int outputSize,
-               bool noBias)
-      : MatrixProduct(name, weights, inputSize, outputSize, outputSize, !noBias) {}
+  InnerProduct(const facezoo::LayerRow& row, const std::string& prefix,
+               msgpack::v1::object& weights)
+      : MatrixProduct(row, prefix, weights, row.out, row.hasBias) {}
 
   /// @throws cublasStatus_t, cudnnStatus_t, TensorError 0
   Tensor operator()(const Tensor& in) override {

@@ -4,7 +4,7 @@
 #include "facezoo/layer.h"
 #include "kernels/l2_norm.h"
 
-/// The Euclidean norm of each image's whole activation. Nothing is divided by it; the input stays.
+/// The Euclidean norm of all values of each image. It only measures: nothing is normalized.
 ///
 /// (N, C, H, W) -> (N, 1, 1, 1).
 class L2Norm : public LayerBase {

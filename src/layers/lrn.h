@@ -21,16 +21,14 @@ class LocalResponseNormalization : public LayerBase {
       facezoo::LRNDescriptor lrn;
     };
     auto& shared = facezoo::classWide<Shared>();
-    if (!shared.tensor) shared.tensor.create();
-    if (!shared.lrn) shared.lrn.create();
-    const float one = 1.0F;
-    const float zero = 0.0F;
+    shared.tensor.create();
+    shared.lrn.create();
     Tensor out(in.base->shape);
     CheckCudnn(cudnnSetLRNDescriptor(shared.lrn, n, alpha, beta, k));
     facezoo::describe(shared.tensor, in.base->shape);
-    CheckCudnn(cudnnLRNCrossChannelForward(handle_, shared.lrn, CUDNN_LRN_CROSS_CHANNEL_DIM1, &one,
-                                           shared.tensor, in.base->data, &zero, shared.tensor,
-                                           out.base->data));
+    CheckCudnn(cudnnLRNCrossChannelForward(handle_, shared.lrn, CUDNN_LRN_CROSS_CHANNEL_DIM1,
+                                           &facezoo::kOne, shared.tensor, in.base->data,
+                                           &facezoo::kZero, shared.tensor, out.base->data));
     return out;
   }
 };

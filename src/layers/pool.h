@@ -25,9 +25,9 @@ class Pooling : public LayerBase {
       PoolingDescriptor pooling;
     };
     auto& shared = classWide<Shared>();
-    if (!shared.input) shared.input.create();
-    if (!shared.output) shared.output.create();
-    if (!shared.pooling) shared.pooling.create();
+    shared.input.create();
+    shared.output.create();
+    shared.pooling.create();
     CheckCudnn(cudnnSetPooling2dDescriptor(shared.pooling, Mode, CUDNN_PROPAGATE_NAN, window,
                                            window, pad, pad, stride, stride));
     const int4 shape = in.base->shape;
@@ -37,11 +37,9 @@ class Pooling : public LayerBase {
     };
     const int4 outputShape = {shape.x, shape.y, pooled(shape.z), pooled(shape.w)};
     describe(shared.output, outputShape);
-    const float one = 1.0F;
-    const float zero = 0.0F;
     Tensor out(outputShape);
-    CheckCudnn(cudnnPoolingForward(handle_, shared.pooling, &one, shared.input, in.base->data,
-                                   &zero, shared.output, out.base->data));
+    CheckCudnn(cudnnPoolingForward(handle_, shared.pooling, &kOne, shared.input, in.base->data,
+                                   &kZero, shared.output, out.base->data));
     return out;
   }
 };

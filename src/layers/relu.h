@@ -15,19 +15,18 @@ class Relu : public LayerBase {
       bool set = false;
     };
     auto& shared = facezoo::classWide<Shared>();
-    if (!shared.tensor) shared.tensor.create();
-    if (!shared.relu) shared.relu.create();
+    shared.tensor.create();
+    shared.relu.create();
     if (!shared.set) {
       CheckCudnn(cudnnSetActivationDescriptor(shared.relu, CUDNN_ACTIVATION_RELU,
                                               CUDNN_PROPAGATE_NAN, 0.0));
       shared.set = true;
     }
-    const float one = 1.0F;
-    const float zero = 0.0F;
     Tensor out(in.base->shape);
     facezoo::describe(shared.tensor, in.base->shape);
-    CheckCudnn(cudnnActivationForward(handle_, shared.relu, &one, shared.tensor, in.base->data,
-                                      &zero, shared.tensor, out.base->data));
+    CheckCudnn(cudnnActivationForward(handle_, shared.relu, &facezoo::kOne, shared.tensor,
+                                      in.base->data, &facezoo::kZero, shared.tensor,
+                                      out.base->data));
     return out;
   }
 };

@@ -15,14 +15,12 @@ class Softmax : public LayerBase {
       facezoo::TensorDescriptor tensor;
     };
     auto& shared = facezoo::classWide<Shared>();
-    if (!shared.tensor) shared.tensor.create();
-    const float one = 1.0F;
-    const float zero = 0.0F;
+    shared.tensor.create();
     Tensor out(in.base->shape);
     facezoo::describe(shared.tensor, in.base->shape);
-    CheckCudnn(cudnnSoftmaxForward(handle_, CUDNN_SOFTMAX_FAST, CUDNN_SOFTMAX_MODE_CHANNEL, &one,
-                                   shared.tensor, in.base->data, &zero, shared.tensor,
-                                   out.base->data));
+    CheckCudnn(cudnnSoftmaxForward(handle_, CUDNN_SOFTMAX_FAST, CUDNN_SOFTMAX_MODE_CHANNEL,
+                                   &facezoo::kOne, shared.tensor, in.base->data, &facezoo::kZero,
+                                   shared.tensor, out.base->data));
     return out;
   }
 };

@@ -3,6 +3,7 @@
 
 #include "facezoo/layer.h"
 #include "kernels/transform.h"
+#include "layer_table.h"
 #include "layers/handles.h"
 
 #include <string>
@@ -13,26 +14,22 @@
 /// Bytes (N, H, W, C) -> floats (N, C, H, W): out[n, c, y, x] = in[n, y, x, c] - mean.
 class TransformNHWC2NCHW : public LayerBase {
  public:
-  /// Mean image, interleaved like the input.
-  /// @param name full layer name; reads name + "-0", width × height × channels floats
+  /// A mean image is read from name + "-0", width × height × channels floats, interleaved like the
+  /// input. Means of channels are those of the row and serve inputs of at most 3 channels.
   /// @throws NetworkError 1, cudaError
-  TransformNHWC2NCHW(std::string name, msgpack::v1::object& weights, int width, int height,
-                     int channels)
-      : kind_(facezoo::MeanKind::image) {
-    const int floats = width * height * channels;
-    mean_.allocateZeroed(floats);
-    readWeight(weights, name + "-0", floats * 4, mean_.get());
+  TransformNHWC2NCHW(const facezoo::LayerRow& row, const std::string& prefix,
+                     msgpack::v1::object& weights) {
+    if (row.kind == facezoo::LayerKind::meanImage) {
+      kind_ = facezoo::MeanKind::image;
+      const int floats = row.width * row.height * row.in;
+      mean_.allocateZeroed(floats);
+      readWeight(weights, prefix + row.name + "-0", floats * 4, mean_.get());
+    } else if (row.kind == facezoo::LayerKind::channelMean) {
+      kind_ = facezoo::MeanKind::channel;
+      mean_.allocate(3);
+      CheckCuda(cudaMemcpy(mean_.get(), row.means, sizeof row.means, cudaMemcpyHostToDevice));
+    }
   }
-
-  /// @param channelMean host memory, 3 floats; serves inputs of at most 3 channels
-  /// @throws cudaError
-  TransformNHWC2NCHW(std::string /*name*/, const float* channelMean)
-      : kind_(facezoo::MeanKind::channel) {
-    mean_.allocate(3);
-    CheckCuda(cudaMemcpy(mean_.get(), channelMean, 3 * sizeof(float), cudaMemcpyHostToDevice));
-  }
-
-  explicit TransformNHWC2NCHW(std::string /*name*/) : kind_(facezoo::MeanKind::none) {}
 
   /// @throws TensorError 0; the launches are not checked
   Tensor operator()(const Tensor& in) override {
@@ -45,5 +42,5 @@ class TransformNHWC2NCHW : public LayerBase {
 
  private:
   facezoo::DeviceBuffer mean_;
-  facezoo::MeanKind kind_;
+  facezoo::MeanKind kind_ = facezoo::MeanKind::none;
 };
