@@ -22,7 +22,7 @@ class FACEZOO_EXPORT GoogLeNetBN : public Network {
   int Forward(void* images, int batch, float* out1, float* out2) override;
 
  private:
-  // A pair is a layer and its batch normalization. Layers go in reverse of this order.
+  // Each pair is a layer and its batch normalization. Destroyed in the reverse of this order.
   Layer inMean_;
   Layer conv1_[2], conv2Reduce_[2], conv2_[2];
   Layer inceptions_[10];

@@ -4,8 +4,6 @@
 #include "inception_v1_trunk.h"
 #include "network_table.h"
 
-#include <utility>
-
 GoogLeNet_FAA3ch::GoogLeNet_FAA3ch(const char* weightFile, int maxBatch, std::string prefix)
     : Network(weightFile, prefix) {
   build(facezoo::googLeNetFAA3ch, maxBatch, prefix, {trunk_, eye_, mouth_});
@@ -18,8 +16,7 @@ int GoogLeNet_FAA3ch::Forward(void* images, int batch, float* out1, float* /*out
   facezoo::InceptionV1Trunk trunk(trunk_);
   facezoo::Heads heads;
 
-  Tensor x = trunk.to4d(copyIn(images, batch));
-  x = trunk.from4e(std::move(x));
+  Tensor x = trunk(copyIn(images, batch));
   x = heads(x, {&mouth_, &eye_});
   copyOut(x, out1, cudaMemcpyDeviceToHost);
   return 0;

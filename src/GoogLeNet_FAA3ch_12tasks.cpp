@@ -4,8 +4,6 @@
 #include "inception_v1_trunk.h"
 #include "network_table.h"
 
-#include <utility>
-
 GoogLeNet_FAA3ch_12tasks::GoogLeNet_FAA3ch_12tasks(const char* weightFile, int maxBatch,
                                                    std::string prefix)
     : Network(weightFile, prefix) {
@@ -21,8 +19,7 @@ int GoogLeNet_FAA3ch_12tasks::Forward(void* images, int batch, float* out1, floa
   facezoo::InceptionV1Trunk trunk(trunk_);
   facezoo::Heads heads;
 
-  Tensor x = trunk.to4d(copyIn(images, batch));
-  x = trunk.from4e(std::move(x));
+  Tensor x = trunk(copyIn(images, batch));
   x = heads(x, {&eye_, &mouth_, &head_, &hair_, &eyeCondition_, &mouthOpen_, &mouthCorner_},
             {&yaw_, &pitch_, &blur_, &noise_, &luminance_});
   copyOut(x, out1, cudaMemcpyDeviceToHost);

@@ -1,6 +1,6 @@
 /// @file
-/// The pool of equal blocks of device memory that tensors live in, and the cuBLAS handle whose life
-/// is the pool's.
+/// The pool of equal blocks of device memory in which tensors live, and the cuBLAS handle, which is
+/// created and released with it.
 ///
 /// Process-wide and unsynchronized: see `GPU::getMutex`. The pool is sized by network constructors,
 /// while no tensor exists, so that `Forward` allocates no device memory.
@@ -12,12 +12,13 @@
 
 #include <cstddef>
 
-/// Makes the pool serve blocks of at least `bytes` bytes, at least `count` of them. Blocks only
-/// grow in size and number; a larger size allocates all of them anew.
+/// Makes sure that the pool has at least `count` blocks of at least `bytes` bytes. The pool never
+/// shrinks; a larger size allocates all blocks anew.
 /// @throws cudaError
 void growPool(int bytes, int count);
 
-/// Releases the free blocks behind the first `kept` and, if none is kept, forgets the sizing.
+/// Releases the free blocks behind the first `kept`. If none is kept, the pool has no size any
+/// more.
 /// @throws cudaError at the first block that cannot be freed; it and those after it stay in the
 /// pool
 void freePool(std::size_t kept = 0);
@@ -35,8 +36,8 @@ inline void preparePool(int bytes, int count) {
   growPool(bytes, count);
 }
 
-/// Releases the pool and the cuBLAS handle; does nothing if there is no handle. A block that cannot
-/// be freed stays in the pool, a handle that cannot be destroyed stays too; neither keeps the rest.
+/// Releases the pool and the cuBLAS handle; does nothing if there is no handle. A block or handle
+/// whose release fails stays, and everything else is released all the same.
 inline void destroyPool() noexcept {
   if (!blasCreated) return;
   std::size_t kept = 0;

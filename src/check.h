@@ -1,7 +1,7 @@
 /// @file
-/// The status check after every checked GPU-library call. A failing status is cleared from the
-/// runtime, printed as one line on standard error with the file and line of the checked call, and
-/// thrown as it is. Success is silent.
+/// Checks of the status that a GPU-library call returns. A failing status is cleared from the
+/// runtime, printed as one line on standard error with the file and line of the call, and thrown as
+/// it is.
 #pragma once
 
 #include "report.h"
@@ -44,8 +44,9 @@ inline void CheckCublas(cublasStatus_t status, const char* file = __builtin_FILE
 
 namespace facezoo {
 
-/// Runs one of several steps that do not depend on each other: its failure is printed, if it prints
-/// one, and the next can follow. Whether it succeeded.
+/// Runs a step whose failure must not keep the steps after it from running: what it throws ends
+/// here, after a check in it has printed its line.
+/// @return whether it succeeded
 template <class Step>
 bool succeeds(const Step& step) noexcept {
   try {

@@ -19,8 +19,8 @@ namespace type = msgpack::v1::type;
 
 constexpr int kDeepestNesting = 32;
 
-/// Visits an object and all that it holds, and builds the object itself; of a map, its entries too,
-/// if it is given room for them.
+/// Visits an object and everything in it, and builds the object itself. If the object is a map and
+/// there is room for entries, builds the entries, too.
 class Builder : public msgpack::v2::null_visitor {
  public:
   explicit Builder(object& root, object_kv* entries = nullptr) : place_(&root), entry_(entries) {}
@@ -88,7 +88,7 @@ class Builder : public msgpack::v2::null_visitor {
     return true;
   }
 
-  object* place_;  ///< what the next visit builds; null if that is not wanted
+  object* place_;  ///< what the next visit builds; null to build nothing
   object_kv* entry_;
   int depth_ = 0;  ///< how many arrays and maps are open
 };
@@ -96,8 +96,8 @@ class Builder : public msgpack::v2::null_visitor {
 }  // namespace
 
 msgpack::v1::unpacked parseDocument(FileBytes bytes) {
-  // The first pass finds out that every length is backed by bytes: what a file only claims, of a
-  // string or of a map, gets no memory.
+  // The first pass makes sure that every length in the file is backed by bytes, so that the second
+  // allocates no memory for a length that the file only claims.
   object root;
   Builder first(root);
   std::size_t end = 0;

@@ -12,8 +12,8 @@
 namespace facezoo {
 namespace {
 
-/// With pages of 4 KiB, the faults of a large buffer that is touched for the first time take longer
-/// than reading into it.
+/// Large buffers ask for huge pages: with pages of 4 KiB, the page faults of the first touch take
+/// longer than reading the file.
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 
 FileBytes allocate(std::size_t capacity) {

@@ -1,5 +1,5 @@
 /// @file
-/// Large files in memory, at the price of one read.
+/// Reads large files into memory.
 #pragma once
 
 #include <cstddef>
@@ -18,14 +18,14 @@ struct FileBytes {
   std::size_t size = 0;
 };
 
-/// All bytes of `file` from where it stands; `file.bad()` tells of a failure. If `path`, by which
-/// it was opened, names a regular file, there is one allocation of that file's size; what grows,
-/// and what has no size, is read all the same.
+/// Reads `file` from its position to its end; `file.bad()` tells whether that failed. If `path`, by
+/// which it was opened, names a regular file, the memory is allocated once, in that file's size. A
+/// file that grows meanwhile, or has no size, is read all the same.
 /// @throws std::bad_alloc
 FileBytes readAll(std::istream& file, const char* path);
 
-/// Keeps the first `size` bytes, at least one, and gives the memory of the rest back. The bytes may
-/// move, unless there is no rest.
+/// Keeps the first `size` bytes, at least one, and frees the memory of the rest. If there is a
+/// rest, the bytes may move.
 /// @throws std::bad_alloc
 void shrink(FileBytes& bytes, std::size_t size);
 

@@ -1,5 +1,5 @@
 /// @file
-/// How the classifying networks end.
+/// The heads with which the classifying networks end.
 #pragma once
 
 #include "facezoo/layer.h"
@@ -10,11 +10,11 @@
 
 namespace facezoo {
 
-/// Runs heads that all see the same features, and joins their results.
+/// Runs heads on the same features and joins their results.
 class Heads {
  public:
-  /// The results in the order given: of each classifier its probabilities, of each regressor its
-  /// value. Takes three blocks of the pool beside the features.
+  /// @return the probabilities of each classifier, then the value of each regressor, in the order
+  ///         given. Takes three blocks of the pool beside the features.
   /// @throws what the layers throw
   Tensor operator()(const Tensor& features, std::initializer_list<Layer*> classifiers,
                     std::initializer_list<Layer*> regressors = {}) {

@@ -1,10 +1,13 @@
 /// @file
-/// The Inception V1 trunk of four networks, in two parts: one of them branches in between.
+/// The Inception V1 trunk of four networks. It runs whole, or in two parts for the network that
+/// branches off in between.
 #pragma once
 
 #include "facezoo/layer.h"
 #include "layers/lrn.h"
 #include "layers/pool.h"
+
+#include <utility>
 
 namespace facezoo {
 
@@ -13,6 +16,12 @@ class InceptionV1Trunk {
  public:
   /// @param layers in the order of `inceptionV1Trunk`
   explicit InceptionV1Trunk(Layer (&layers)[13]) : layers_(layers) {}
+
+  /// The whole trunk: `to4d`, then `from4e`.
+  Tensor operator()(Tensor x) {
+    x = to4d(std::move(x));
+    return from4e(std::move(x));
+  }
 
   /// @param x images (N, H, W, C)
   /// @return the result of "inception_4d/": 528 channels, a sixteenth of the edge
@@ -42,11 +51,12 @@ class InceptionV1Trunk {
   /// @return the average of each of the 1024 channels of "inception_5b/"
   /// @throws what the layers throw
   Tensor from4e(Tensor x) {
-    Layer *inception4e = layers_ + 10, *inception5a = layers_ + 11, *inception5b = layers_ + 12;
-    x = (*inception4e)(x);
+    auto& [inMean, conv1, conv2Reduce, conv2, inception3a, inception3b, inception4a, inception4b,
+           inception4c, inception4d, inception4e, inception5a, inception5b] = layers_;
+    x = inception4e(x);
     x = maxPool_(x, 3, 2, 0);
-    x = (*inception5a)(x);
-    x = (*inception5b)(x);
+    x = inception5a(x);
+    x = inception5b(x);
     return averagePool_(x, x.base->shape.z, 1, 0);
   }
 

@@ -12,13 +12,13 @@ bool LayerBase::initialized_ = false;
 
 LayerBase::LayerBase() : workspaceSize(std::size_t{128} << 20) {
   if (!initialized_) {
-    // Of an attempt that got no workspace the handle is left, which this one replaces.
+    // An attempt that could not allocate the workspace has left its handle, which is replaced.
     if (handle_ != nullptr) cudnnDestroy(std::exchange(handle_, nullptr));
     CheckCudnn(cudnnCreate(&handle_));
     CheckCuda(cudaMalloc(&workspace_, workspaceSize));
     initialized_ = true;
   } else if (handle_ == nullptr) {
-    // A release that failed half-way took the handle and left the workspace.
+    // A release that failed half-way has destroyed the handle and left the workspace.
     CheckCudnn(cudnnCreate(&handle_));
   }
 }
@@ -48,7 +48,7 @@ bool isString(const msgpack::v1::object& value, const std::string& text) {
 
 int LayerBase::releaseAll() {
   if (!initialized_) return 0;
-  if (handle_ != nullptr) cudnnDestroy(handle_);  // else gone in an attempt that failed below
+  if (handle_ != nullptr) cudnnDestroy(handle_);  // null after a release that failed below
   handle_ = nullptr;
   CheckCuda(cudaFree(workspace_));
   workspace_ = nullptr;

@@ -18,7 +18,7 @@ int Network::network_count = 0;
 
 namespace {
 
-/// A directory, which opens but cannot be read, is not found either.
+/// Reads a weight file. A directory opens but cannot be read: it counts as not found.
 facezoo::FileBytes readFile(const char* path) {
   std::ifstream file;
   if (path != nullptr) file.open(path, std::ios::in | std::ios::binary);
@@ -72,9 +72,9 @@ void Network::build(const facezoo::NetworkTable& table, int maxBatch, const std:
   bufferCount = table.bufferCount;
   outputDim = table.outputDim;
   const facezoo::LayerRow* row = table.layers.begin();
-  for (const Holders& some : holders) {
-    for (std::size_t i = 0; i < some.count; ++i) {
-      some.first[i] = facezoo::createLayer(*row++, prefix, weights);
+  for (const Holders& group : holders) {
+    for (std::size_t i = 0; i < group.count; ++i) {
+      group.first[i] = facezoo::createLayer(*row++, prefix, weights);
     }
   }
   const std::int64_t blockBytes = std::int64_t{maxBatch} * perImageBytes;

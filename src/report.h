@@ -1,5 +1,5 @@
 /// @file
-/// What the library says: to who listens, or on a standard stream.
+/// The lines that the library prints: they go to the `Listener`, or to a standard stream.
 #pragma once
 
 #include <cstdio>
@@ -8,10 +8,11 @@ namespace facezoo {
 
 class Listener;
 
-/// Null if nobody listens.
+/// Who listens now, or null.
 Listener* listener();
 
-/// Prints a line to `stream` in one call, unless somebody listens. `format` holds the line's end.
+/// Hands a line to the `Listener` or, if there is none, prints it to `stream` in one call. `format`
+/// ends in a newline, which the `Listener` does not get.
 [[gnu::format(printf, 2, 3)]] void report(std::FILE* stream, const char* format, ...);
 
 }  // namespace facezoo

@@ -19,9 +19,8 @@ using FreeList = std::vector<PoolBlock>;
 alignas(FreeList) unsigned char listMemory[sizeof(FreeList)];
 FreeList& bufferPool = *new (listMemory) FreeList;
 
-/// Gives back what the list holds of the heap when the library is unloaded, and leaves an empty
-/// list. Device blocks that are still in it are not freed: no GPU call may run in a static
-/// destructor.
+/// When the library is unloaded, frees the list's own memory and leaves an empty list. Device
+/// blocks that are still in it are not freed, because no GPU call may run in a static destructor.
 const struct ListRelease {
   ~ListRelease() { FreeList().swap(bufferPool); }
 } listRelease;
@@ -30,15 +29,15 @@ int blockSize = 0;
 int blockCount = 0;
 int takenBlocks = 0;
 
-/// Blocks in existence, which are fewer than `blockCount` after an allocation or release failed, or
-/// the list was emptied at the library's end.
+/// Blocks that exist, free or taken. They are fewer than `blockCount` after an allocation or
+/// release failed, or after the list was emptied at the library's end.
 int existingBlocks() { return takenBlocks + static_cast<int>(bufferPool.size()); }
 
 }  // namespace
 
 void growPool(int bytes, int count) {
-  // Blocks come back in destructors, where the list may not grow. Without memory for it, the pool
-  // stays as it is.
+  // Blocks come back in destructors, where the list must not allocate: it gets its memory here,
+  // before anything else changes, so that the pool stays as it is if there is none.
   bufferPool.reserve(static_cast<std::size_t>(std::max(blockCount, count)));
   if (blockSize < bytes) {
     const int previous = blockCount;
@@ -66,8 +65,8 @@ void freePool(std::size_t kept) {
 }
 
 TensorBase::TensorBase(int4 extents) : shape(extents) {
-  // N·C·H·W·4 of extents far too large would wrap around in any integer to a size that fits. In
-  // double it is exact as far as blocks go, and large beyond.
+  // In any integer type, N·C·H·W·4 of huge extents can wrap around to a size that fits a block. In
+  // double it is exact for every size that fits, and too large for all others.
   const double bytes = 4.0 * shape.x * shape.y * shape.z * shape.w;
   if (bytes > blockSize || bufferPool.empty()) throw NO_BLOCK;
   block_ = bufferPool.front();

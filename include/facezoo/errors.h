@@ -1,7 +1,7 @@
 /// @file
-/// How the library fails: it prints one line, or nothing, and throws a bare enumeration value. A
-/// host catches by type; the GPU libraries' own statuses are thrown as `cudaError`, `cudnnStatus_t`
-/// and `cublasStatus_t`. docs/failures.md lists every case.
+/// What the library throws: a bare enumeration value, after it has printed one line or nothing. A
+/// host catches it by its type; a failing GPU library's status is thrown as it is, a `cudaError`,
+/// `cudnnStatus_t` or `cublasStatus_t`. docs/failures.md lists every case.
 #pragma once
 
 #include "export.h"
@@ -15,10 +15,10 @@ enum FACEZOO_EXPORT GPUError : int {
   NO_SUITABLE_DEVICE = 0  ///< none has compute capability 5.0 and 2048 MiB
 };
 
-/// A weight file that does not serve, or a network that has none.
+/// The weight file cannot be used, or a copy has taken over the network's layers.
 enum FACEZOO_EXPORT NetworkError : int {
   WEIGHT_FILE_NOT_FOUND = 0,  ///< the weight file cannot be opened or read
-  BAD_WEIGHTS = 1  ///< not a map; a weight missing or mis-sized; a network whose layers moved away
+  BAD_WEIGHTS = 1  ///< no map; a weight is missing or has another size; the layers moved to a copy
 };
 
 /// A tensor does not fit in one pool block, or the pool has no free block.

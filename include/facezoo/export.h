@@ -1,8 +1,8 @@
 /// @file
-/// What of the shared library can be seen from outside.
+/// Which names the shared library exports.
 #pragma once
 
-/// In the shared library's interface.
+/// Part of the shared library's interface.
 #define FACEZOO_EXPORT __attribute__((visibility("default")))
-/// A member, of a class in the interface, that is the library's own.
+/// A member that only the library uses, in a class that is part of the interface.
 #define FACEZOO_NO_EXPORT __attribute__((visibility("hidden")))

@@ -1,5 +1,5 @@
 /// @file
-/// The base of every layer and network, and the holder in which networks keep their layers.
+/// The base class of layers and networks, and the holder in which networks keep their layers.
 #pragma once
 
 #include "export.h"
@@ -11,9 +11,9 @@
 #include <cstddef>
 #include <string>
 
-/// A layer maps input tensors to a new tensor from the pool and leaves its inputs alone. All layers
-/// share one cuDNN handle and one workspace, created by the first layer constructed and released
-/// with the last network. All work goes to the default stream.
+/// A layer computes one new tensor, in a block of the pool, from its input tensors. All layers
+/// share one cuDNN handle and one workspace, which the first layer's constructor creates and the
+/// last network's destructor releases. All work goes to the default stream.
 class FACEZOO_EXPORT LayerBase {
  public:
   /// Creates the shared context if there is none.
@@ -39,9 +39,10 @@ class FACEZOO_EXPORT LayerBase {
   ///         or type; @throws cudaError
   void readWeight(msgpack::v1::object& weights, std::string name, int bytes, void* dst);
 
-  /// Releases the shared context; the next layer constructed creates it again. The last network's
-  /// destructor does it without a throw; a constructor that fails before its network counts leaves
-  /// it to the host or to the next network.
+  /// Releases the shared context; the next layer constructed creates it again. The destructor of
+  /// the last network calls this and throws nothing. If a network's constructor fails so early that
+  /// the network does not count yet, the context stays, for the host to release or the next network
+  /// to use.
   /// @return 0; @throws cudaError if the workspace cannot be released, and stays
   static int releaseAll();
 
@@ -53,12 +54,13 @@ class FACEZOO_EXPORT LayerBase {
   std::size_t workspaceSize;  ///< bytes
 };
 
-/// Owns one layer. Copying transfers it: the source is left empty, so each layer is deleted once.
+/// Owns one layer, or is empty. A copy takes the layer over and leaves its source empty, so that
+/// each layer is deleted once.
 class FACEZOO_EXPORT Layer {
  public:
   Layer() = default;  ///< empty
   /// @{
-  /// Takes the other's layer. What the holder had is deleted.
+  /// Takes over the other's layer; deletes the one that it had.
   Layer(const Layer& other) : layer(other.layer) { other.layer = nullptr; }
   Layer& operator=(const Layer& other) {
     if (this != &other) {

@@ -1,9 +1,9 @@
 /// @file
-/// MessagePack's types, of which a weight document is made.
+/// The MessagePack types of a weight document.
 #pragma once
 
-// A host says itself which version of MessagePack's interface it uses and whether with Boost; only
-// where there is no Boost must MessagePack do without.
+// Which version of MessagePack's interface is used, and whether with Boost, is the host's choice.
+// Only where Boost is not installed is it switched off here.
 #if !defined(MSGPACK_NO_BOOST) && !__has_include(<boost/predef/other/endian.h>)
 #define MSGPACK_NO_BOOST
 #endif

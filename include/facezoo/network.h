@@ -34,8 +34,8 @@ class FACEZOO_EXPORT Network : public LayerBase {
   Network(Network& other);
   Network& operator=(const Network&) = delete;
 
-  /// Releases the shared resources with the last network, each by itself. What cannot be released
-  /// prints its line and stays, for the next network to use or release.
+  /// The last network releases the shared resources, each whatever becomes of the others. For one
+  /// that cannot be released a line is printed; it stays, for the next network to use or release.
   ~Network() override;
 
   /// Runs the network.
@@ -60,25 +60,27 @@ class FACEZOO_EXPORT Network : public LayerBase {
   void openMsgPack(const char* path, msgpack::v1::unpacked& out);
 
  protected:
-  /// Neighbouring holders, or one.
+  /// One holder, or an array of them.
   struct Holders {
     /// @{
-    /// Implicit, so that a list of holders reads as their names.
+    /// Implicit, so that a list of holders is written as a list of members.
     Holders(Layer& one) : first(&one), count(1) {}
     template <std::size_t N>
     Holders(Layer (&several)[N]) : first(several), count(N) {}
     /// @}
-    Layer* first;       ///< in the network, which outlives this
-    std::size_t count;  ///< at least 1
+    Layer* first;       ///< a member of the network
+    std::size_t count;  ///< holders from `first` on, at least 1
   };
 
-  /// The common end of every network's constructor: sets the geometry, creates the layers of
-  /// `table` in order into `holders`, as many as it has rows, sizes the pool for `maxBatch` images.
+  /// Ends every network's constructor: sets the geometry, creates a layer from each row of `table`
+  /// in order, puts them into `holders`, which are as many, and sizes the pool for `maxBatch`
+  /// images.
   /// @throws NetworkError 1, TensorError 0 if no pool block can be that large, and the statuses
   FACEZOO_NO_EXPORT void build(const facezoo::NetworkTable& table, int maxBatch,
                                const std::string& prefix, std::initializer_list<Holders> holders);
 
-  // How every network's `Forward` begins and ends. Failures are reported from the calling line.
+  // The first and last steps of every network's `Forward`. A failure is reported with the file and
+  // line of the caller.
 
   /// A tensor that holds `batch` images, of shape (N, H, W, C).
   /// @throws NetworkError 1 if the layers have moved away; TensorError 0, cudaError
