@@ -3,7 +3,7 @@
 /// `<!-- generated: NAME -->` and `<!-- end -->`: the table NAME, made from what the networks are
 /// made of.
 
-#include "network_table.h"
+#include "network_list.h"
 
 #include <iostream>
 #include <limits>
@@ -14,10 +14,6 @@
 namespace {
 
 using namespace facezoo;
-
-constexpr const NetworkTable* networks[] = {
-    &dexpressionNet,         &faNet, &googLeNet, &googLeNetBN, &googLeNetFAA1ch, &googLeNetFAA3ch,
-    &googLeNetFAA3ch12tasks, &lcnn29};
 
 const char* kindName(LayerKind kind) {
   switch (kind) {
@@ -74,7 +70,7 @@ Totals totals(const NetworkTable& network) {
 void printNetworks(std::ostream& out) {
   out << "| network | channels × width × height | floats per image in `out1` | memory of `out1` | "
          "norm in `out2` | `getOutputDim()` |\n|---|---|---|---|---|---|\n";
-  for (const NetworkTable* network : networks) {
+  for (const NetworkTable* network : networkTables) {
     out << "| `" << network->name << "` | "
         << product(std::array<int, 3>{network->channels, network->width, network->height}) << " | "
         << network->outputCount() << " | "
@@ -85,7 +81,7 @@ void printNetworks(std::ostream& out) {
 
 void printOutputs(std::ostream& out) {
   out << "| network | position in an image's floats | group |\n|---|---|---|\n";
-  for (const NetworkTable* network : networks) {
+  for (const NetworkTable* network : networkTables) {
     int position = 0;
     for (const OutputGroup& group : network->outputs) {
       out << "| `" << network->name << "` | " << position;
@@ -101,7 +97,7 @@ void printMemory(std::ostream& out) {
   out << "| network | weights | block, bytes per image | blocks |";
   for (const int batch : batches) out << " pool for " << batch << " |";
   out << " largest `maxBatch` | pool for it |\n|---|---|---|---|---|---|---|---|---|---|\n";
-  for (const NetworkTable* network : networks) {
+  for (const NetworkTable* network : networkTables) {
     const auto pool = [network](long long batch) {
       return mebibytes(batch * network->perImageBytes * network->bufferCount);
     };
@@ -115,7 +111,7 @@ void printMemory(std::ostream& out) {
 
 void printWeightTotals(std::ostream& out) {
   out << "| network | arrays | elements | bytes |\n|---|---|---|---|\n";
-  for (const NetworkTable* network : networks) {
+  for (const NetworkTable* network : networkTables) {
     const Totals all = totals(*network);
     out << "| `" << network->name << "` | " << all.arrays << " | " << all.elements << " | "
         << all.elements * 4 << " |\n";
@@ -123,7 +119,7 @@ void printWeightTotals(std::ostream& out) {
 }
 
 void printWeights(std::ostream& out) {
-  for (const NetworkTable* network : networks) {
+  for (const NetworkTable* network : networkTables) {
     out << "\n### " << network->name << "\n\n| name | layer | shape | elements | bytes |\n"
         << "|---|---|---|---|---|\n";
     forEachWeight(

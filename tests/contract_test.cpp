@@ -2,14 +2,20 @@
 #include "GPU.h"
 #include "calls.h"
 #include "facezoo/listener.h"
+#include "network_facts.h"
+
+#include <cxxabi.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <regex>
 #include <stdexcept>
+#include <tuple>
 #include <type_traits>
+#include <typeinfo>
 
 namespace facezoo::test {
 namespace {
@@ -24,11 +30,22 @@ struct HostOf : Host {
 };
 template <class... Classes>
 constexpr bool neverThrowInDestructors = (std::is_nothrow_destructible_v<Classes> && ...);
-template <class... Nets>
-constexpr bool fitHosts = neverThrowInDestructors<Nets..., HostOf<Nets>...>;
+template <class... Entries>
+constexpr bool fitHosts(NetworkList<Entries...> /*networks*/) {
+  return neverThrowInDestructors<typename Entries::Class..., HostOf<typename Entries::Class>...>;
+}
 static_assert(neverThrowInDestructors<GPU, Layer, LayerBase, Network, Tensor, TensorBase>);
-static_assert(fitHosts<DexpressionNet, FANet, GoogLeNet, GoogLeNetBN, GoogLeNet_FAA1ch,
-                       GoogLeNet_FAA3ch, GoogLeNet_FAA3ch_12tasks, LCNN29>);
+static_assert(fitHosts(Networks()));
+
+TEST(NetworkListTest, PairsEachClassWithTheTableOfItsName) {
+  for (const auto& [mangled, name] : Networks::map([](auto entry) {
+         return std::pair(typeid(typename decltype(entry)::Class).name(), entry.table.name);
+       })) {
+    const std::unique_ptr<char, decltype(&std::free)> found(
+        abi::__cxa_demangle(mangled, nullptr, nullptr, nullptr), std::free);
+    EXPECT_STREQ(name, found.get());
+  }
+}
 
 TEST_F(ContractTest, AFailingStatusIsClearedThenPrintedThenThrown) {
   testing::internal::CaptureStderr();
@@ -158,8 +175,10 @@ struct NetworkPass : ContractTest, testing::WithParamInterface<NetworkKind> {};
 
 TEST_P(NetworkPass, RepeatsItsBitsInAsManyBlocksAsDocumented) {
   const NetworkTable& table = GetParam().table;
-  const int blocks = GetParam().blocks, largest = GetParam().largestTensor;
+  const int blocks = factsOf(table).blocks, largest = factsOf(table).largestTensor;
   std::unique_ptr<Network> net(GetParam().construct(seededFile(table), 2));
+  EXPECT_EQ(std::tuple(table.channels, table.width, table.height, table.outputDim),
+            std::tuple(net->getChannels(), net->getWidth(), net->getHeight(), net->getOutputDim()));
   ForwardCall forward{table, 2};
   const std::vector<float> one = forward.results(*net, 1);
   const std::vector<float> expected = forward.results(*net, 2);

@@ -2,8 +2,7 @@
 /// Whole networks on seeded weights, for tests of the contract rather than of the numbers.
 #pragma once
 
-#include "facezoo.h"
-#include "network_table.h"
+#include "network_list.h"
 #include "small_network.h"
 #include "support.h"
 
@@ -76,12 +75,9 @@ struct ForwardCall {
   }
 };
 
-/// A network, and what its graph takes from the pool.
 struct NetworkKind {
   const NetworkTable& table;
   Network* (*construct)(const char* weightFile, int maxBatch);
-  int blocks;         ///< taken at once
-  int largestTensor;  ///< bytes of one image
 };
 
 template <class Net>
@@ -89,18 +85,11 @@ Network* construct(const char* weightFile, int maxBatch) {
   return new Net(weightFile, maxBatch, "");
 }
 
-const NetworkKind networkKinds[] = {
-    {dexpressionNet, construct<DexpressionNet>, 4, 272 * 56 * 56 * 4},
-    {faNet, construct<FANet>, 2, 96 * 109 * 109 * 4},
-    {googLeNet, construct<GoogLeNet>, 9, 64 * 128 * 128 * 4},
-    {googLeNetBN, construct<GoogLeNetBN>, 9, 64 * 112 * 112 * 4},
-    {googLeNetFAA1ch, construct<GoogLeNet_FAA1ch>, 7, 64 * 112 * 112 * 4},
-    {googLeNetFAA3ch, construct<GoogLeNet_FAA3ch>, 7, 64 * 112 * 112 * 4},
-    {googLeNetFAA3ch12tasks, construct<GoogLeNet_FAA3ch_12tasks>, 7, 64 * 112 * 112 * 4},
-    {lcnn29, construct<LCNN29>, 3, 96 * 128 * 128 * 4},
-};
+inline const auto networkKinds = Networks::map([](auto entry) {
+  return NetworkKind{entry.table, construct<typename decltype(entry)::Class>};
+});
 
-inline const NetworkKind smallKind = {smallNetwork, construct<SmallNetwork>, 2, 2 * 4 * 4 * 4};
+inline const NetworkKind smallKind = {smallNetwork, construct<SmallNetwork>};
 
 /// The end of a test's name.
 inline void PrintTo(const NetworkKind& kind, std::ostream* out) { *out << kind.table.name; }

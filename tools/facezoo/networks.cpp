@@ -1,32 +1,26 @@
 #include "networks.h"
 
-#include "facezoo.h"
 #include "failure.h"
+#include "network_list.h"
 
 #include <algorithm>
 
 namespace {
 
-template <class N>
+template <class Net>
 void withNetwork(const std::string& weightFile, int maxBatch, const std::string& prefix,
                  const std::function<void(Network&)>& use) {
-  N network(weightFile.c_str(), maxBatch, prefix);
+  Net network(weightFile.c_str(), maxBatch, prefix);
   use(network);
 }
 
 }  // namespace
 
 const std::vector<KnownNetwork>& knownNetworks() {
-  static const std::vector<KnownNetwork> networks = {
-      {&facezoo::dexpressionNet, withNetwork<DexpressionNet>},
-      {&facezoo::faNet, withNetwork<FANet>},
-      {&facezoo::googLeNet, withNetwork<GoogLeNet>},
-      {&facezoo::googLeNetBN, withNetwork<GoogLeNetBN>},
-      {&facezoo::googLeNetFAA1ch, withNetwork<GoogLeNet_FAA1ch>},
-      {&facezoo::googLeNetFAA3ch, withNetwork<GoogLeNet_FAA3ch>},
-      {&facezoo::googLeNetFAA3ch12tasks, withNetwork<GoogLeNet_FAA3ch_12tasks>},
-      {&facezoo::lcnn29, withNetwork<LCNN29>},
-  };
+  static const auto all = facezoo::Networks::map([](auto entry) {
+    return KnownNetwork{&entry.table, withNetwork<typename decltype(entry)::Class>};
+  });
+  static const std::vector<KnownNetwork> networks(all.begin(), all.end());
   return networks;
 }
 
