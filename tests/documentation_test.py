@@ -6,7 +6,7 @@ text, and alone on a line any lines. In a ```sh block every line is a command. T
 run in order in one folder; an example of the manual page or of a --help has a folder of its own.
 Each folder begins with the same files, below.
 """
-import os, pathlib, re, shutil, subprocess, sys, tempfile, unittest
+import json, os, pathlib, re, shutil, subprocess, sys, tempfile, unittest
 
 SOURCE, TOOL = map(pathlib.Path, map(os.path.abspath, sys.argv[1:3]))
 PAGES = sorted({page for pattern in ("*.md", "docs/*.md", "*/README.md", "platform/*/README.md")
@@ -112,6 +112,14 @@ class Documentation(unittest.TestCase):
                     if not elsewhere:
                         self.check(command, folder, output)
         self.assertEqual(set(), unseen, "no page shows these any more")
+
+    def test_headers_declare_the_networks_that_the_tool_lists(self):
+        rows = json.loads(output_of(TOOL, "info", "--format", "json"))["networks"]
+        classes = sorted(["GPU", *(row["network"] for row in rows)])
+        headers = {header.stem for header in SOURCE.glob("include/*.h")} - {"facezoo"}
+        self.assertEqual(classes, sorted(headers))
+        included = re.findall(r'#include "(\w+)\.h"', (SOURCE / "include/facezoo.h").read_text())
+        self.assertEqual(classes, sorted(included))
 
     def test_links(self):
         for page in PAGES:
