@@ -19,8 +19,7 @@ trap 'rm -f "$weights"' EXIT
 echo
 echo "The weights are synthetic: seeded random numbers, so the results below show that the networks"
 echo "run, not what the face expresses."
-for network in DexpressionNet FANet GoogLeNet GoogLeNetBN GoogLeNet_FAA1ch GoogLeNet_FAA3ch \
-  GoogLeNet_FAA3ch_12tasks LCNN29; do
+for network in $("$tool" info --format json | grep -o '"network":"[^"]*' | cut -d '"' -f 4); do
   echo
   echo "$network"
   "$tool" weights synth "$network" -o "$weights" --seed 1 >/dev/null
