@@ -5,6 +5,7 @@ set -euo pipefail
 # shellcheck disable=SC1091 # checked by itself
 . "$1/tools/facezoo/completion.bash"
 tool=$2 failures=0
+networks=$("$tool" info --format json | grep -o '"network":"[^"]*' | cut -d '"' -f 4 | paste -sd ' ')
 complete -p facezoo | grep -q -e '-o default' # of files, where there is nothing to offer
 
 # The words before the cursor, the last of them begun; what is offered.
@@ -19,7 +20,7 @@ while IFS='|' read -r typed expected; do
     echo "facezoo $typed: expected '$expected', found '${COMPREPLY[*]}'"
     failures=1
   }
-done <<'EOF'
+done <<EOF
 weigh|weights
 weights c|check
 weights n|names
@@ -34,7 +35,7 @@ run LCNN29 --we|--weights
 run LCNN29 -w |
 run -w L|
 run -w weights --prefix p LC|LCNN29
-run run |DexpressionNet FANet GoogLeNet GoogLeNetBN GoogLeNet_FAA1ch GoogLeNet_FAA3ch GoogLeNet_FAA3ch_12tasks LCNN29
+run run |$networks
 --v|--version
 EOF
 exit $failures
