@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Feeds hostile files to what reads files, under AddressSanitizer and UndefinedBehaviorSanitizer. What
 # reaches further than the corpus is kept for later runs in build/fuzz; what ends a run becomes part of
-# the corpus, which the tests replay; so does a file that takes more memory than it may. Most inputs are
-# short, as those are tried the fastest.
+# the corpus, which the tests replay; so does a file that takes more memory than it may. Inputs are short
+# at first, which is fast, and grow as nothing new is found.
 #   scripts/fuzz.sh MINUTES [TARGET]...        default: weight_file image safetensors, MINUTES each
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,7 +23,7 @@ fuzz() {
   [ "$target" != image ] || block=1526 memory=2048
   mkdir -p "$found"
   if ! "build/host-asan/bin/fuzz_$target" -max_total_time="$seconds" -timeout=30 \
-    -max_len=200000 -len_control=1000 -malloc_limit_mb="$block" -rss_limit_mb="$memory" \
+    -max_len=200000 -len_control=20 -malloc_limit_mb="$block" -rss_limit_mb="$memory" \
     -dict="fuzz/$target.dict" -artifact_prefix="fuzz/corpus/$target/" -print_final_stats=1 \
     "$found" "fuzz/corpus/$target" >"$log" 2>&1; then
     tail -n 60 "$log"
