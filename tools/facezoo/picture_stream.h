@@ -6,18 +6,19 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <map>
+#include <exception>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-/// Pictures fitted to a network, decoded on threads of its own ahead of whoever takes them.
+/// Pictures fitted to a network, decoded on threads of its own ahead of whoever takes them. What no
+/// thread can be had for is decoded when it is taken.
 class PictureStream {
  public:
   struct Decoded {
     std::vector<unsigned char> pixels;
-    std::string fault;  ///< why there are no pixels; empty if there are
+    std::exception_ptr fault;  ///< why there are no pixels; null if there are
   };
 
   /// @param limits what decoding may take on all threads, and elsewhere, together
@@ -33,19 +34,23 @@ class PictureStream {
   Decoded take();
 
  private:
+  struct Slot {
+    bool isFull = false;
+    Decoded decoded;
+  };
+
   void work();
   void stop();
-  Decoded decode(const std::string& path) const;
+  Decoded decode(const std::string& path) const noexcept;
 
   const std::vector<std::string>& paths_;
   const facezoo::InputGeometry geometry_;
   const PictureReading reading_;
   PictureLimits& limits_;
-  const std::size_t ahead_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::size_t claimed_ = 0, taken_ = 0;
   bool stopped_ = false;
-  std::map<std::size_t, Decoded> ready_;
+  std::vector<Slot> ready_;  ///< in turn, so that handing over takes no memory
   std::vector<std::thread> workers_;
 };

@@ -104,6 +104,16 @@ std::vector<std::string> without(const std::vector<std::string>& earlier,
   return left;
 }
 
+std::string describeFault(const std::string& picture, const std::exception_ptr& fault) {
+  try {
+    std::rethrow_exception(fault);
+  } catch (const Failure& failure) {
+    return failure.what();
+  } catch (...) {
+    return picture + ": " + describeException();
+  }
+}
+
 /// Takes the pictures through a network in full batches. @return how many could not be read
 std::size_t process(const RunOptions& options, const NetworkTable& table, Network& network,
                     const std::vector<std::string>& pictures, int capacity, bool strict,
@@ -129,14 +139,15 @@ std::size_t process(const RunOptions& options, const NetworkTable& table, Networ
   std::size_t unreadable = 0;
   for (const std::string& picture : pictures) {
     const PictureStream::Decoded decoded = stream.take();
-    if (decoded.fault.empty()) {
+    if (decoded.fault == nullptr) {
       std::copy(decoded.pixels.begin(), decoded.pixels.end(),
                 batch.images(static_cast<int>(waiting.size())));
       waiting.push_back(picture);
       if (static_cast<int>(waiting.size()) == capacity) runBatch();
     } else {
-      if (strict) throw Failure(decoded.fault);
-      warn(decoded.fault);
+      const std::string fault = describeFault(picture, decoded.fault);
+      if (strict) throw Failure(fault);
+      warn(fault);
       ++unreadable;
       progress.add(1);
     }
