@@ -6,8 +6,10 @@
 #include <unistd.h>
 #include <utf8.h>
 
+#include <cerrno>
 #include <iterator>
 #include <new>
+#include <string_view>
 
 namespace {
 
@@ -17,9 +19,7 @@ bool steersTerminal(char32_t c) {
          (c >= 0x2066 && c <= 0x2069);
 }
 
-}  // namespace
-
-std::string describeException() {
+std::string describe() {
   try {
     throw;
   } catch (const std::bad_alloc&) {
@@ -44,6 +44,27 @@ std::string describeException() {
   }
 }
 
+/// All of it, unless nothing takes it.
+void writeLine(const char* text, std::size_t size) {
+  while (size > 0) {
+    const ssize_t count = write(STDERR_FILENO, text, size);
+    if (count < 0 && errno != EINTR) return;
+    if (count < 0) continue;
+    text += count;
+    size -= static_cast<std::size_t>(count);
+  }
+}
+
+}  // namespace
+
+std::string describeException() noexcept {
+  try {
+    return describe();
+  } catch (...) {
+    return "out of memory";  // which a string holds without any
+  }
+}
+
 std::string printable(const std::string& text) {
   std::string valid, shown;
   utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(valid), U'?');
@@ -54,8 +75,14 @@ std::string printable(const std::string& text) {
   return shown;
 }
 
-void warn(const std::string& line) {
-  // A progress line may stand where the cursor is.
-  const char* const erase = isatty(STDERR_FILENO) != 0 ? "\r\x1b[K" : "";
-  dprintf(STDERR_FILENO, "%sfacezoo: %s\n", erase, printable(line).c_str());
+void warn(const std::string& line) noexcept {
+  try {
+    // A progress line may stand where the cursor is.
+    const char* const erase = isatty(STDERR_FILENO) != 0 ? "\r\x1b[K" : "";
+    const std::string text = std::string(erase) + "facezoo: " + printable(line) + '\n';
+    writeLine(text.data(), text.size());
+  } catch (...) {
+    constexpr std::string_view text = "facezoo: out of memory\n";
+    writeLine(text.data(), text.size());
+  }
 }

@@ -1,19 +1,15 @@
 #include "files.h"
 
+#include "endings.h"
 #include "failure.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
-#include <csignal>
 #include <filesystem>
 #include <random>
-#include <string_view>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -28,44 +24,6 @@ void requireName(const std::string& path) {
 
 [[noreturn]] void refuse(const std::string& path) {
   throw Failure(path + ": cannot be written: " + reason(errno));
-}
-
-/// Names of temporary files; the empty ones are free.
-std::array<std::array<char, PATH_MAX>, 4> temporaries;
-
-struct Ending {
-  int signal;
-  std::string_view line;
-};
-constexpr Ending kEndings[] = {{SIGHUP, "facezoo: ended, as its terminal was closed\n"},
-                               {SIGINT, "facezoo: interrupted\n"},
-                               {SIGTERM, "facezoo: ended by another process\n"}};
-
-/// Ends the process by the signal itself: a shell goes on with its loop after any other end.
-extern "C" void removeAndEnd(int signal) {
-  for (const auto& name : temporaries)
-    if (name[0] != '\0') unlink(name.data());
-  for (const auto& [number, line] : kEndings)
-    if (number == signal && write(STDERR_FILENO, line.data(), line.size()) < 0) break;
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  sigaddset(&blocked, signal);
-  std::signal(signal, SIG_DFL);
-  std::raise(signal);
-  pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
-}
-
-/// Keeps `name` where `removeAndEnd` finds it.
-char* noteTemporary(const std::string& name) {
-  for (auto& slot : temporaries) {
-    if (slot[0] != '\0') continue;
-    if (name.size() >= slot.size()) throw Failure(name + ": the name is too long");
-    std::copy(name.begin() + 1, name.end(), slot.begin() + 1);
-    slot[name.size()] = '\0';
-    slot[0] = name[0];  // last, so that a handler sees all of it or nothing
-    return slot.data();
-  }
-  throw Failure(name + ": too many files are being written");
 }
 
 /// A name in the folder of `path` that nobody can foresee, short enough beside any other.
@@ -105,21 +63,6 @@ facezoo::FileBytes readFile(const std::string& path) {
   if (file) bytes = facezoo::readAll(file, path.c_str());
   if (!file.is_open() || file.bad()) throw Failure(path + ": cannot be read: " + reason(errno));
   return bytes;
-}
-
-bool handleSignals() {
-  std::signal(SIGXFSZ, SIG_IGN);
-  const bool heedsPipes = std::signal(SIGPIPE, SIG_IGN) != SIG_IGN;
-  struct sigaction action = {};
-  action.sa_handler = removeAndEnd;
-  for (const Ending& ending : kEndings) sigaddset(&action.sa_mask, ending.signal);
-  for (const Ending& ending : kEndings) {
-    struct sigaction before = {};
-    sigaction(ending.signal, nullptr, &before);
-    if (before.sa_handler == SIG_IGN) continue;  // as under nohup
-    sigaction(ending.signal, &action, nullptr);
-  }
-  return heedsPipes;
 }
 
 NewFile::Buffer::int_type NewFile::Buffer::overflow(int_type c) {

@@ -12,12 +12,6 @@ void requireRegularFile(const std::string& path);
 /// The whole of a regular file. @throws Failure
 facezoo::FileBytes readFile(const std::string& path);
 
-/// From here on a signal that ends the process first removes every incomplete `NewFile` and says so
-/// in one line, then ends it as it does by default; and output that nobody takes is a failure like
-/// any other.
-/// @return whether a process that writes to nobody is to end without a word, as by default
-bool handleSignals();
-
 /// A file that appears under its name only when it is complete and on the disk. What had the name
 /// before is replaced, so that another hard link to it keeps its contents; owner and permissions
 /// are kept as far as they may be. What a symbolic link points to is replaced, not the link.

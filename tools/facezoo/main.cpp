@@ -1,6 +1,6 @@
 #include "commands.h"
+#include "endings.h"
 #include "failure.h"
-#include "files.h"
 #include "standard_output.h"
 
 #include <fcntl.h>
@@ -89,19 +89,19 @@ int endWithoutReader(bool heedsPipes, const ReaderGone& gone) {
 int main(int argc, char** argv) {
   boundSpinning(argv);
   occupyStandardStreams();
-  const bool heedsPipes = handleSignals();
+  const bool heedsPipes = handleEnds();
   try {
     const StandardOutput output;
     try {
-      return runTool(argc, argv);
+      return endWith(runTool(argc, argv));
     } catch (const ReaderGone&) {
       throw;
     } catch (...) {
-      return fail(kFailed, describeException());
+      return endWith(fail(kFailed, describeException()));
     }
   } catch (const ReaderGone& gone) {
-    return endWithoutReader(heedsPipes, gone);
+    return endWith(endWithoutReader(heedsPipes, gone));
   } catch (...) {
-    return fail(kFailed, describeException());
+    return endWith(fail(kFailed, describeException()));
   }
 }

@@ -1,0 +1,19 @@
+/// @file
+/// How the process ends, and what becomes of its incomplete files then.
+#pragma once
+
+#include <string>
+
+/// From here on no end that can be caught leaves an incomplete file or is silent: a signal, a fault
+/// of the program's own, an exception that nothing catches and an `exit` that a library calls each
+/// remove the files of `noteTemporary` and say so in one line; a signal then ends the process as it
+/// does by default. Output that nobody takes is a failure like any other.
+/// @return whether a process that writes to nobody is to end without a word, as by default
+bool handleEnds();
+
+/// The code to return from `main`, after which the process exits of its own will.
+int endWith(int code);
+
+/// Keeps the name of a file to be removed at an end, until the first character of what is returned
+/// is set to 0. @throws Failure
+char* noteTemporary(const std::string& name);
