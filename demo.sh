@@ -22,6 +22,6 @@ echo "run, not what the face expresses."
 for network in $("$tool" info --format json | grep -o '"network":"[^"]*' | cut -d '"' -f 4); do
   echo
   echo "$network"
-  "$tool" weights synth "$network" -o "$weights" --seed 1 >/dev/null
+  "$tool" weights synth "$network" -o "$weights" --force --seed 1 >/dev/null
   "$tool" run "$network" -w "$weights" samples/portrait.jpg
 done

@@ -16,6 +16,6 @@ for ((round = 0; round < rounds; ++round)); do
   alone=$("$tool" bench "$network" -w "$dir/weights" --batch "$batch" --seconds 10 --format csv |
     awk -F, 'NR == 1 { for (i = 1; i <= NF; ++i) if ($i == "images_per_s") c = i } NR == 2 { print $c }')
   whole=$("$tool" run "$network" -w "$dir/weights" --batch "$batch" --features "$dir/values.npy" \
-    "$dir/faces" | awk '{ print $(NF - 1) }')
+    --force "$dir/faces" | awk '{ print $(NF - 1) }')
   echo "$alone $whole"
 done | awk '{ print "bench " $1 " images/s, run " $2 " pictures/s, ratio " $2 / $1 }'

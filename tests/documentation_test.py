@@ -4,7 +4,7 @@
 In a ```console block $ stands before a command, and what follows is its output, where … is any
 text, and alone on a line any lines. In a ```sh block every line is a command. The commands of a page
 run in order in one folder; an example of the manual page or of a --help has a folder of its own.
-Each folder begins with the same files, below.
+Each folder begins with the same files, below, but for those that its commands make.
 """
 import json, os, pathlib, re, shutil, subprocess, sys, tempfile, unittest
 
@@ -88,9 +88,11 @@ class Documentation(unittest.TestCase):
         page = output_of("mandoc", "-T", "ascii", "-O", "width=200", SOURCE / MANUAL)
         cls.manual = re.sub(".\b", "", page)  # bold and underlined
 
-    def new_folder(self):
-        folder = tempfile.mkdtemp(dir=self.root)
-        return shutil.copytree(self.start, folder, copy_function=os.link, dirs_exist_ok=True)
+    def new_folder(self, text):
+        """A copy of the first files, without those that the commands in the text make."""
+        made = {*re.findall(r"(?<!\S)(?:-o|--features) (\S+)", text)}
+        return shutil.copytree(self.start, tempfile.mkdtemp(dir=self.root), copy_function=os.link,
+                               ignore=lambda _, names: made.intersection(names), dirs_exist_ok=True)
 
     def check(self, command, folder, expected=None):
         how = {"cwd": folder, "env": os.environ | {"PATH": f"{TOOL.parent}:{os.environ['PATH']}"}}
@@ -103,7 +105,7 @@ class Documentation(unittest.TestCase):
     def test_pages(self):
         unseen = set(ELSEWHERE)
         for page in PAGES:
-            folder = self.new_folder()
+            folder = self.new_folder(page.read_text())
             for command, output in blocks(page):
                 with self.subTest(page.relative_to(SOURCE)):
                     program = re.sub(r"^(\w+=\S+ )*", "", command)
@@ -131,7 +133,7 @@ class Documentation(unittest.TestCase):
             examples = re.findall(r"^(?:Example:| +\$) (.*)", text, re.M)
             for example in examples or ["echo no example; false"]:
                 with self.subTest(place):
-                    self.check(example, self.new_folder())
+                    self.check(example, self.new_folder(example))
 
     def test_manual_names_what_there_is(self):
         self.check(f"mandoc -T lint -W warning {MANUAL}", SOURCE, "")

@@ -3,7 +3,7 @@ import ast, contextlib, csv, ctypes, glob, json, math, os, pty, re, resource, sh
 import subprocess, sys, time, unittest, zlib
 from pathlib import Path
 from unittest import mock
-from tool_support import NET, PORTRAIT, RUN, TOOL, ToolCase
+from tool_support import NET, PORTRAIT, RUN, SANITIZED, TOOL, ToolCase
 
 
 def png(name, row, height, channels, claimed=None, extra=()):
@@ -203,7 +203,7 @@ class ToolTest(ToolCase):
         for count in "40000", "100000":
             with mock.patch.dict(os.environ, OMP_NUM_THREADS=count):
                 self.assertGreaterEqual(os.cpu_count(), json.loads(self.call(*bench))["threads"])
-        if b"__asan_init" in Path(TOOL).read_bytes():
+        if SANITIZED:
             return  # which takes more of the address space than is left below
 
         def limit():  # so that there is no room for the stack of another thread
@@ -211,11 +211,43 @@ class ToolTest(ToolCase):
             resource.setrlimit(resource.RLIMIT_AS, (900 << 20, 900 << 20))
         with mock.patch.dict(os.environ, OMP_NUM_THREADS="2"):
             self.assertEqual(1, json.loads(self.call(*bench, preexec_fn=limit))["threads"])
+            self.results("-w", "good", "--threads", "8", "face.jpg", "face.jpg", preexec_fn=limit)
+
+    @unittest.skipIf(SANITIZED or "FACEZOO_FAILING_CALLS" not in os.environ, "fails no calls")
+    def test_ends_without_memory_or_threads(self):
+        """A complete result, or one line and no file, whichever allocation or thread fails."""
+        run = *f"run {NET} -w good --threads 3 --features f.npy --format csv face.jpg".split(),
+        fixed = dict(LD_PRELOAD=os.environ["FACEZOO_FAILING_CALLS"], GOMP_SPINCOUNT="1")
+
+        def end(**how):
+            how = dict(fixed, OMP_NUM_THREADS="2", **{name: str(value) for name, value in how.items()})
+            with mock.patch.dict(os.environ, how):
+                done = subprocess.run([TOOL, *run], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                      timeout=60, encoding="utf-8")
+            # OpenMP's runtime may say a line of its own.
+            lines = re.fullmatch(r"(?:libgomp: [^\n]*\n)?((?:facezoo: [^\n]*\n)*)", done.stderr)
+            found = done.returncode, lines and lines[1].count("\n")
+            made = {*os.listdir()} - {"face.jpg", "good", "count"}
+            if made:
+                self.assertEqual({"f.npy", "f.names.jsonl"}, made)
+                self.assertEqual((1, ["face.jpg"]), (len(npy("f.npy")), names_of("f.npy")))
+                [*map(os.remove, made)]
+            self.assertIn(found, [(1, 1), (0, 0)] if made else [(1, 1)], (how, done.stderr))
+            return found[0]
+        self.assertEqual(0, end(COUNT_TO="count"))
+        most = int(Path("count").read_text())
+        for at in range(most - 500, most, 2):
+            end(FAIL_MALLOC_AT=at)
+        # Of three threads for pictures and one of OpenMP's, the last is the one that must start.
+        self.assertEqual([1, 0], sorted({end(FAIL_THREAD_AT=at) for at in range(1, 6)})[::-1])
 
     def test_ends_at_a_signal(self):
         Path("many").write_text("face.jpg\n" * 100000)
-        for number, word in ((signal.SIGINT, "interrupted"), (signal.SIGTERM, "ended"),
-                             (signal.SIGHUP, "terminal")):
+        faults = () if SANITIZED else ("ABRT", "BUS", "FPE", "ILL", "SEGV")
+        words = dict(INT="interrupted", TERM="ended by another", HUP="terminal", XCPU="processor time",
+                     **{name: f"SIG{name}" for name in ("QUIT", "ALRM", "USR1", "USR2", "VTALRM", "PROF", *faults)})
+        for name, word in words.items():
+            number = signal.Signals[f"SIG{name}"]
             run = subprocess.Popen([TOOL, *f"run {NET} -w good --list many --features f.npy".split()],
                                    stderr=subprocess.PIPE, encoding="utf-8")
             while not glob.glob("*.part"):
@@ -224,6 +256,63 @@ class ToolTest(ToolCase):
             self.assertRegex(run.communicate(timeout=60)[1], rf"\Afacezoo: [^\n]*{word}[^\n]*\n\Z")
             self.assertEqual((-number, ["face.jpg", "good", "many"]),
                              (run.returncode, sorted(os.listdir())))
+
+    def test_loses_no_file_unasked(self):
+        """Neither one that is read, whatever its names, nor one that is there and holds anything."""
+        for name in "x.jpg", "y.jpg":
+            shutil.copy(PORTRAIT, name)
+        self.call("weights", "synth", "FANet", "-o", "fa")
+        self.call("run", NET, "-w", "good", "x.jpg", "--features", "old.npy", "-o", "old")
+        for name, link in ("good", "w.npy"), ("good", "r.npy.partial"), ("good", "j.npy.journal"):
+            os.link(name, link)
+        os.symlink("good", "linked")
+        os.symlink("x.jpg", "n.names.jsonl")
+        Path("list").write_text("x.jpg\n")
+        Path("x.png").write_text("mine")
+        Path("p.npy.partial").write_text("mine")
+        Path("q.npy.journal").write_text("mine")
+        Path("m.npy.journal").write_text('{"my": "own"}\n')
+        os.mkdir("to")
+        shutil.copy("x.png", "to/y.png")
+        png("in.png", b"\x5a" * 30, 10, 3)
+        os.symlink("in.png", "in.jpg")
+        run, fa, match = f"run {NET} -w good x.jpg", "run FANet -w fa --layout xyxy", "match old.npy --queries"
+        before = {name: Path(name).read_bytes() for name in os.listdir() if os.path.isfile(name)}
+        for force in "", " --force":
+            self.fail_all([(args + force, 1, line + ": is to be read") for args, line in (
+                (f"{run} --features w.npy", "w.npy"), (f"{run} --features n.npy", "n.names.jsonl"),
+                (f"{run} --features r.npy --resume", "r.npy.partial"),
+                (f"{run} --features j.npy --resume", "j.npy.journal"),
+                *((f"{run} -o {name}", name) for name in ("good", "linked", "x.jpg")),
+                (f"run {NET} -w good --list list -o list", "list"),
+                (f"{match} w.npy -o ./w.npy", "w.npy"), (f"{match} w.npy -o old.npy", "old.npy"),
+                (f"{match} w.npy -o old.names.jsonl", "old.names.jsonl"),
+                (f"match old.npy {NET} -w good x.jpg -o good", "good"),
+                (f"weights export {NET} good -o linked", "linked"),
+                (f"weights import {NET} old --names list -o list", "list"),
+                (f"{fa} in.jpg x.jpg --draw .", "in.png"))])
+        self.fail_all([
+            *((args, 1, line + ": expected no such file.*--force") for args, line in (
+                (f"{run} -o old", "old"), (f"{run} --features old.npy", "old.names.jsonl"),
+                (f"{match} old.npy -o old", "old"), (f"weights synth {NET} -o old", "old"),
+                (f"weights export {NET} good -o old", "old"), (f"weights import {NET} list -o old", "old"),
+                (f"{fa} x.jpg --draw .", "x.png"), (f"{fa} x.jpg y.jpg --draw to", "to/y.png"))),
+            (f"{run} --features p.npy --resume", 1, "p.npy.partial: expected no such file"),
+            (f"{run} --features q.npy --resume", 1, "q.npy.journal: is of another run"),
+            (f"{run} --features m.npy --resume", 1, "m.npy.journal: is of another run"),
+            (f"{run} -o new.names.jsonl --features new.npy", 1, "new.names.jsonl: would be written twice"),
+            (f"{run} -o /dev/null", 1, "/dev/null: .*not a regular")])
+        with open("list") as names:
+            self.fail_all([(f"run {NET} -w good --list - -o list --force", 1, "list: is to be read")],
+                          stdin=names)
+        self.assertEqual(before, {name: Path(name).read_bytes() for name in before})
+        self.assertEqual("mine", Path("to/y.png").read_text())
+        Path("empty").touch()
+        for args in f"{run} -o empty", f"{run} -o old --features old.npy --force", \
+                    f"weights synth {NET} -o old --force", f"{fa} x.jpg x.jpg --draw . --force", \
+                    f"{fa} x.jpg x.jpg --draw new":
+            self.call(*args.split(), stderr="[^\0]*")
+        self.assertEqual(3, len({*map(os.path.getsize, ("empty", "old", "x.png"))} - {0, 4}))
 
     def test_writes_files_of_its_own(self):
         """Neither what stands beside a file nor what has its name is written to before its time."""
@@ -240,7 +329,7 @@ class ToolTest(ToolCase):
             os.symlink("victim", f"new.{os.getpid()}.part")
         for name, mode in (("new", 0o666 & ~umask), (longest, 0o666 & ~umask), ("link", 0o640)):
             with self.subTest(name):
-                self.call(*synth, name, preexec_fn=plant if name == "new" else None)
+                self.call(*synth, name, "--force", preexec_fn=plant if name == "new" else None)
                 found = Path(name).read_bytes() == good, os.stat(name).st_mode & 0o777
                 self.assertEqual((True, mode), found)
         self.assertEqual(("mine", "old", True), (
@@ -250,7 +339,7 @@ class ToolTest(ToolCase):
 
     def test_shows_progress_on_a_terminal(self):
         Path("many").write_text("face.jpg\n" * 9)
-        run = *f"run {NET} -w good --list many --features f.npy".split(),
+        run = *f"run {NET} -w good --list many --features f.npy --force".split(),
         for path, shown in ((os.environ["PATH"], r"\b0:00:0\d .*\d ?/s.* 100%"),
                             ("", "not shown: pv cannot be")):
             child, terminal = pty.fork()
@@ -362,7 +451,7 @@ class ToolTest(ToolCase):
             net = row["network"]
             groups = {name: int(n) for name, n in re.findall(r"(\w+) \((\d+)\)", row["results"])}
             with self.subTest(net):
-                self.call("weights", "synth", net, "-o", "all")
+                self.call("weights", "synth", net, "-o", "all", "--force")
                 self.assertRegex(self.call("weights", "check", net, "all"), rf"OK: \d+ .*{net}, 0")
                 run = "run", net, "-w", "all", "face.jpg", "--format"
                 norm = ["--norm"] if "norm" in groups else []
@@ -404,7 +493,7 @@ class ToolTest(ToolCase):
                                   for i, row in enumerate(square) for j in range(3))):
             self.assertAlmostEqual(expected, found, 5)
         self.fail_all([(f"run {net} -w all --compare face.jpg nobody", 1, "nobody: .*No such")])
-        self.call(*run[:4], "wide", "face.jpg", "--features", "g.npy")
+        self.call(*run[:4], "wide", "face.jpg", "--features", "g.npy", "--force")
         found = self.call("match", "g.npy", *run[1:], "face.jpg", "--nearest", "9")
         rows = [*map(json.loads, found.splitlines())]
         self.assertEqual([("face.jpg", 1, 1, "face.jpg"), ("face.jpg", 2, 0, "wide")],
@@ -487,11 +576,19 @@ class ToolTest(ToolCase):
         self.fail_all([(other(*change), 1, line) for change, line in (
             (("good", "other"), "weight_file_time"), (("csv --batch", "json --batch"), "format"),
             (("r.csv", "s.csv"), "files"), ((NET, "GoogLeNet_FAA1ch"), "network"))])
+        description = journal.read_bytes().split(b"\n")[0] + b"\n"
         said = re.match(r"r.npy: 900 rows of 5 values, (\d+) from before", self.call(*resumed))
         self.assertGreaterEqual(int(said[1]), before)
         for kind in ".npy", ".csv", ".names.jsonl":
             self.assertEqual(Path("whole" + kind).read_bytes(), Path("r" + kind).read_bytes())
         self.assertEqual([], glob.glob("r.*.*al"))
+        os.rename("r.npy", "r.npy.partial")  # as a run that is stopped while it names its files
+        journal.write_bytes(description + b"true\n")
+        Path("r.npy").write_text("mine")
+        self.fail_all([(" ".join(resumed), 1, "r.npy: expected no such file")])
+        os.remove("r.npy")
+        self.call(*resumed, code=1, stderr="facezoo: r.csv: expected no such file[^\n]*\n")
+        self.assertEqual(Path("whole.npy").read_bytes(), Path("r.npy").read_bytes())
         self.fail_all([(" ".join(resumed), 1, "expected no such file"),
                        (" ".join(run) + " --resume", 2, "--resume: expected --features"),
                        (" ".join(resumed).replace("r.", "s.") + " --strict x", 1, "x: ")])
@@ -504,7 +601,7 @@ class ToolTest(ToolCase):
             points = [(100 + x * 90 * 200 / 224, y * 90 * 200 / 224) for x, y in zip(xs, ys)]
             inside = [p for p in points if 0 <= p[0] < 400 and 0 <= p[1] < 200]
             self.assertGreater(len(inside), 9)
-            self.call(*run, "--draw", "to/new", "--layout", layout, "--scale", "90", stderr=
+            self.call(*run, "--draw", "to/new", "--force", "--layout", layout, "--scale", "90", stderr=
                       rf"facezoo: wide: {68 - len(inside)} of 68 landmarks lie outside[^\n]*\n")
             width, found = pixels("to/new/wide.png")
             before = [bytes((i * 3 + c) % 200 for c in range(3)) for i in range(400)]
@@ -547,7 +644,7 @@ class ToolTest(ToolCase):
             self.assertEqual(images, [image for image, _ in found])
             for image, values in found:
                 self.assert_near(face if image == "face.jpg" else dot, values)
-        if b"__asan_init" not in Path(TOOL).read_bytes():
+        if not SANITIZED:
             self.assertLess(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss, 1 << 20)
 
     def test_decodes_what_is_whole(self):

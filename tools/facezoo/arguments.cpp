@@ -48,6 +48,10 @@ CLI::Validator positiveNumber() {
           ""};
 }
 
+CLI::Option* addForceOption(CLI::App& command, bool& force) {
+  return command.add_flag("--force", force, "Replace files that exist, but none that is read");
+}
+
 void requireBatch(const facezoo::NetworkTable& network, int batch) {
   const int most = std::numeric_limits<int>::max() / network.perImageBytes;
   if (batch <= most) return;

@@ -21,5 +21,8 @@ CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most);
 /// Takes what a 32-bit float can hold, unless it is zero or less, for `check`.
 CLI::Validator positiveNumber();
 
+/// Whether files may be replaced that the command did not write.
+CLI::Option* addForceOption(CLI::App& command, bool& force);
+
 /// @throws CLI::ValidationError if no block of the pool could be large enough
 void requireBatch(const facezoo::NetworkTable& network, int batch);

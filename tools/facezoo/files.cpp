@@ -4,11 +4,12 @@
 #include "failure.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <random>
 #include <system_error>
 
@@ -44,6 +45,13 @@ void takeOver(const std::string& path, int file) {
   if (fchmod(file, before.st_mode & 0777) != 0) errno = 0;
 }
 
+/// Of a file that there is not, nothing.
+std::optional<std::pair<dev_t, ino_t>> identityOf(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return {};
+  return std::pair(status.st_dev, status.st_ino);
+}
+
 }  // namespace
 
 void requireRegularFile(const std::string& path) {
@@ -65,6 +73,40 @@ facezoo::FileBytes readFile(const std::string& path) {
   return bytes;
 }
 
+Outputs::Outputs(const std::vector<std::string>& inputs) {
+  for (const std::string& path : inputs)
+    if (const auto identity = identityOf(path)) inputs_.insert(*identity);
+}
+
+OutputPlace Outputs::claim(const std::string& path, bool replaces) {
+  requireName(path);
+  std::error_code error;
+  OutputPlace place;
+  place.name_ = place.path_ = path;
+  place.replaces_ = replaces;
+  if (fs::is_symlink(path, error)) {
+    if (!fs::exists(path, error)) throw Failure(path + ": is a link to nothing");
+    place.path_ = fs::weakly_canonical(path, error).string();
+  }
+  const fs::file_status status = fs::status(place.path_, error);
+  if (fs::is_directory(status)) throw Failure(path + ": expected a file name, found a directory");
+  if (fs::exists(status) && !fs::is_regular_file(status))
+    throw Failure(path + ": exists and is not a regular file");
+  if (const auto found = identityOf(place.path_); found && inputs_.count(*found) > 0)
+    throw Failure(path + ": is to be read, and would be replaced");
+  const fs::path whole = fs::weakly_canonical(fs::absolute(place.path_, error), error);
+  if (!claimed_.insert(error ? path : whole.string()).second)
+    throw Failure(path + ": would be written twice");
+  place.requireFree();
+  return place;
+}
+
+void OutputPlace::requireFree() const {
+  struct stat found = {};
+  if (!replaces_ && stat(path_.c_str(), &found) == 0 && found.st_size > 0)
+    throw Failure(name_ + ": expected no such file, found one; --force replaces it");
+}
+
 NewFile::Buffer::int_type NewFile::Buffer::overflow(int_type c) {
   errno = 0;
   const int_type result = std::filebuf::overflow(c);
@@ -78,54 +120,42 @@ std::streamsize NewFile::Buffer::xsputn(const char* bytes, std::streamsize count
   return count;
 }
 
-NewFile::NewFile(const std::string& path) : name_(path), buffer_(name_), stream_(&buffer_) {
-  requireName(path);
-  std::error_code error;
-  // Renaming would put a file in the place of a link or a device, not behind it.
-  if (fs::is_symlink(fs::symlink_status(path, error)) && !fs::exists(path, error)) {
-    throw Failure(path + ": is a link to nothing");
+NewFile::Temporary::~Temporary() {
+  if (name != nullptr) {
+    if (handle >= 0) unlink(name);
+    name[0] = '\0';
   }
-  path_ = fs::weakly_canonical(path, error).string();
-  const fs::file_status status = fs::status(path_, error);
-  if (fs::is_directory(status)) throw Failure(path + ": expected a file name, found a directory");
-  if (fs::exists(status) && !fs::is_regular_file(status))
-    throw Failure(path + ": exists and is not a regular file");
-  temporary_ = noteTemporary(temporaryBeside(path_));
+  if (handle >= 0) ::close(handle);
+}
+
+NewFile::NewFile(OutputPlace place)
+    : place_(std::move(place)),
+      temporary_(noteTemporary(temporaryBeside(place_.path()))),
+      buffer_(place_.name()),
+      stream_(&buffer_) {
   stream_.exceptions(std::ios::badbit | std::ios::failbit);  // passes on what the buffer throws
   errno = 0;
   // A file that takes the place of another may not be read by more than that one until it does.
-  const mode_t mode = fs::exists(status) ? 0600 : 0666;
-  file_ = open(temporary_, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (file_ >= 0 && buffer_.open(temporary_, std::ios::out | std::ios::binary) != nullptr) return;
-  const int why = errno;
-  if (file_ >= 0) unlink(temporary_);
-  if (file_ >= 0) ::close(file_);
-  temporary_[0] = '\0';
-  errno = why;
-  refuse(name_);
+  const mode_t mode = identityOf(place_.path()) ? 0600 : 0666;
+  temporary_.handle = open(temporary_.name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (temporary_.handle < 0 ||
+      buffer_.open(temporary_.name, std::ios::out | std::ios::binary) == nullptr)
+    refuse(place_.name());
 }
 
-NewFile::~NewFile() {
-  ::close(file_);
-  if (temporary_ == nullptr) return;
-  unlink(temporary_);
-  temporary_[0] = '\0';
-}
-
-std::string NewFile::close() {
+const char* NewFile::close() {
   errno = 0;
-  if (buffer_.is_open() && buffer_.close() == nullptr) refuse(name_);
+  if (buffer_.is_open() && buffer_.close() == nullptr) refuse(place_.name());
   // Some file systems have nothing to synchronize.
-  if (fsync(file_) != 0 && errno != EINVAL && errno != ENOSYS) refuse(name_);
-  return temporary_;
+  if (fsync(temporary_.handle) != 0 && errno != EINVAL && errno != ENOSYS) refuse(place_.name());
+  return temporary_.name;
 }
 
 void NewFile::keep() {
   close();
-  takeOver(path_, file_);
-  std::error_code error;
-  fs::rename(temporary_, path_, error);
-  if (error) throw Failure(name_ + ": cannot be written: " + error.message());
-  temporary_[0] = '\0';
-  temporary_ = nullptr;
+  place_.requireFree();  // another may have come meanwhile
+  takeOver(place_.path(), temporary_.handle);
+  if (std::rename(temporary_.name, place_.path().c_str()) != 0) refuse(place_.name());
+  temporary_.name[0] = '\0';
+  temporary_.name = nullptr;  // another may take its place there
 }

@@ -1,7 +1,6 @@
 #include "landmarks.h"
 
 #include "failure.h"
-#include "files.h"
 #include "images.h"
 
 #include <stb_image_write.h>
@@ -41,7 +40,7 @@ void drawDot(const Picture& picture, Point centre, float radius) {
 
 int drawLandmarks(const std::string& path, const float* values, const LandmarkReading& reading,
                   const facezoo::InputGeometry& geometry, PictureLimits& limits,
-                  const std::string& drawing) {
+                  const OutputPlace& drawing) {
   const Picture picture = readPicture(path, kChannels, reading.orient, limits);
   const Crop crop = centreCrop(picture, geometry.width, geometry.height);
   const float across = static_cast<float>(crop.width) / static_cast<float>(geometry.width);
@@ -68,7 +67,7 @@ int drawLandmarks(const std::string& path, const float* values, const LandmarkRe
   };
   if (stbi_write_png_to_func(append, &encoded, picture.width, picture.height, kChannels,
                              picture.pixels.get(), picture.width * kChannels) == 0)
-    throw Failure(drawing + ": not enough memory to encode it");
+    throw Failure(drawing.name() + ": not enough memory to encode it");
   NewFile file(drawing);
   file.stream() << encoded;
   file.keep();

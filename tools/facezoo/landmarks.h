@@ -1,6 +1,7 @@
 /// @file
 #pragma once
 
+#include "files.h"
 #include "network_table.h"
 #include "picture_limits.h"
 
@@ -19,4 +20,4 @@ struct LandmarkReading {
 /// @throws Failure if the one cannot be read or the other not be written
 int drawLandmarks(const std::string& path, const float* values, const LandmarkReading& reading,
                   const facezoo::InputGeometry& geometry, PictureLimits& limits,
-                  const std::string& drawing);
+                  const OutputPlace& drawing);

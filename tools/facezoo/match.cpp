@@ -126,9 +126,11 @@ class Neighbours : public Sink {
 };
 
 void matchRows(const RunOptions& options, const std::string& file) {
+  Outputs outputs({options.gallery, namesFileOf(options.gallery), file, namesFileOf(file)});
+  const std::unique_ptr<ResultFiles> files =
+      wholeFiles(resultPaths(options), outputs, options.force);
   const NpyRows queries(file);
   const std::vector<std::string> names = readNames(file, queries.rows());
-  const std::unique_ptr<ResultFiles> files = wholeFiles(resultPaths(options));
   Search search(options, queries.columns(), file, linesOf(options, *files));
   for (std::size_t i = 0; i < queries.rows(); ++i) {
     search.add(names.empty() ? file + " row " + std::to_string(i) : names[i],
@@ -173,6 +175,7 @@ void addMatch(CLI::App& tool) {
       ->check(CLI::IsMember(rowFormats))
       ->type_name("F");
   addOutputOption(*command, *options);
+  addForceOption(*command, options->force);
   command->footer(
       "Each query is compared with every row of the gallery; the rows with the largest cosine\n"
       "similarity are printed, the best first. Rows get their names from the file that run\n"

@@ -145,6 +145,7 @@ std::vector<std::string> readList(const std::string& path, char separator) {
   if (isText && text.rfind(kByteOrderMark, 0) == 0) text.erase(0, kByteOrderMark.size());
   std::vector<std::string> lines;
   std::istringstream stream(text);
+  stream.exceptions(std::ios::badbit);  // want of memory would end the list
   for (std::string line; std::getline(stream, line, separator);) {
     if (isText && !line.empty() && line.back() == '\r') line.pop_back();
     if (!line.empty()) lines.push_back(line);

@@ -2,7 +2,6 @@
 
 #include "batch.h"
 #include "failure.h"
-#include "files.h"
 #include "json_text.h"
 
 #include <nlohmann/json.hpp>
@@ -25,10 +24,12 @@ namespace {
 
 class WholeFiles : public ResultFiles {
  public:
-  explicit WholeFiles(const std::vector<std::string>& paths) {
-    for (const std::string& path : paths) files_.push_back(std::make_unique<NewFile>(path));
+  WholeFiles(const std::vector<std::string>& paths, Outputs& outputs, bool replaces) {
+    for (const std::string& path : paths)
+      files_.push_back(std::make_unique<NewFile>(outputs.claim(path, replaces)));
   }
   std::ostream& stream(std::size_t file) override { return files_[file]->stream(); }
+  bool continues() const override { return false; }
   const std::vector<std::string>& earlier() const override { return none_; }
   void add(const std::vector<std::string>& /*pictures*/) override {}
   void replaceStart(std::size_t file, const std::string& bytes) override {
@@ -89,21 +90,20 @@ class GrowingFile {
   std::uintmax_t end_ = 0;
 };
 
-/// Where a file would be put: the places of links stay links.
-std::string placeOf(const std::string& path) {
-  std::error_code error;
-  return fs::is_symlink(path, error) ? fs::weakly_canonical(path, error).string() : path;
-}
-
 class PartialFiles : public ResultFiles {
  public:
-  PartialFiles(const std::vector<std::string>& paths, const std::string& run)
+  PartialFiles(const std::vector<std::string>& paths, Outputs& outputs, const std::string& run)
       : streams_(paths.size()) {
-    for (const std::string& path : paths) paths_.push_back(placeOf(path));
-    const std::string& last = paths_.back();
-    const std::string journal = last + ".journal";
+    // What is lost is decided below, not by the places.
+    for (const std::string& path : paths) {
+      paths_.push_back(outputs.claim(path, true).path());
+      outputs.claim(partialOf(paths_.back()), true);
+    }
+    for (std::ostringstream& stream : streams_) stream.exceptions(std::ios::badbit);
+    const std::string journal = outputs.claim(paths_.back() + ".journal", true).path();
     std::vector<Batch> batches;
-    if (fs::exists(journal)) {
+    const bool isBegun = fs::exists(journal);
+    if (isBegun) {
       lockJournal(journal);
       batches = readJournal(run);
       if (complete_) {
@@ -113,11 +113,8 @@ class PartialFiles : public ResultFiles {
       }
     }
     for (const std::string& path : paths_) {
-      if (fs::is_directory(path)) throw Failure(path + ": expected a file name, found a directory");
-      if (!fs::exists(journal) && fs::exists(path)) {
-        throw Failure(path + ": expected no such file, or one that a stopped run left; " +
-                      "remove it to begin anew");
-      }
+      requireNone(path);
+      if (!isBegun) requireNone(partialOf(path));
     }
     lockJournal(journal);
     for (const std::string& path : paths_)
@@ -129,11 +126,12 @@ class PartialFiles : public ResultFiles {
   /// Leaves no files that hold nothing.
   ~PartialFiles() override {
     if (hasRows_ || complete_) return;
-    for (const std::string& path : paths_) unlink(partialOf(path).c_str());
+    for (const auto& file : files_) unlink(file->path().c_str());
     unlink(journal_->path().c_str());
   }
 
   std::ostream& stream(std::size_t file) override { return streams_[file]; }
+  bool continues() const override { return continues_; }
   const std::vector<std::string>& earlier() const override { return earlier_; }
 
   void add(const std::vector<std::string>& pictures) override {
@@ -169,6 +167,12 @@ class PartialFiles : public ResultFiles {
 
   static std::string partialOf(const std::string& path) { return path + ".partial"; }
 
+  static void requireNone(const std::string& path) {
+    if (!fs::exists(path)) return;
+    throw Failure(path + ": expected no such file, or one that a stopped run left; " +
+                  "remove it to begin anew");
+  }
+
   void lockJournal(const std::string& path) {
     if (!journal_) journal_ = std::make_unique<GrowingFile>(path);
     if (!journal_->lock()) throw Failure(paths_.back() + ": another run is writing it");
@@ -191,6 +195,7 @@ class PartialFiles : public ResultFiles {
     std::error_code error;
     for (const std::string& path : paths_) {
       if (!fs::exists(partialOf(path), error)) continue;
+      requireNone(path);  // another may have come meanwhile
       fs::rename(partialOf(path), path, error);
       if (error) throw Failure(path + ": cannot be written: " + error.message());
     }
@@ -230,7 +235,9 @@ class PartialFiles : public ResultFiles {
         pictures.clear();
       }
     }
-    if (!batches.empty() && firstLine != run) refuseOther(run, firstLine);
+    // No line at all, or half of the first, is what such a loss leaves of the beginning.
+    continues_ = number > 1 ? firstLine == run : run.compare(0, text.size(), text) == 0;
+    if (!continues_) refuseOther(run, firstLine);
     return batches;
   }
 
@@ -278,16 +285,17 @@ class PartialFiles : public ResultFiles {
   std::vector<std::ostringstream> streams_;
   std::string lines_;
   Timer sinceWritten_;
-  bool hasRows_ = false, complete_ = false;
+  bool hasRows_ = false, complete_ = false, continues_ = false;
 };
 
 }  // namespace
 
-std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths) {
-  return std::make_unique<WholeFiles>(paths);
+std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths, Outputs& outputs,
+                                        bool replaces) {
+  return std::make_unique<WholeFiles>(paths, outputs, replaces);
 }
 
-std::unique_ptr<ResultFiles> resumableFiles(const std::vector<std::string>& paths,
+std::unique_ptr<ResultFiles> resumableFiles(const std::vector<std::string>& paths, Outputs& outputs,
                                             const std::string& run) {
-  return std::make_unique<PartialFiles>(paths, run);
+  return std::make_unique<PartialFiles>(paths, outputs, run);
 }

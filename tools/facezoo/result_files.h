@@ -2,6 +2,8 @@
 /// The files that a run writes its results to.
 #pragma once
 
+#include "files.h"
+
 #include <cstddef>
 #include <memory>
 #include <ostream>
@@ -18,6 +20,8 @@ class ResultFiles {
 
   /// Where to append to a file, by its place among the paths.
   virtual std::ostream& stream(std::size_t file) = 0;
+  /// Whether an earlier run began them.
+  virtual bool continues() const = 0;
   /// The pictures whose results the files hold from an earlier run.
   virtual const std::vector<std::string>& earlier() const = 0;
   /// The results of these pictures have been given to the streams. @throws Failure
@@ -29,7 +33,10 @@ class ResultFiles {
 };
 
 /// Files that are lost if the run is stopped.
-std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths);
+/// @param replaces whether they may take the places of others
+/// @throws Failure
+std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths, Outputs& outputs,
+                                        bool replaces);
 
 /// Files that a later run goes on with if this one is stopped, even by a loss of power, which costs
 /// the results of the last half second. Until they are complete they stand beside their places as
@@ -37,5 +44,5 @@ std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths);
 /// every other says which pictures a batch had and where each file ended after it.
 /// @param run what must be the same for a run to go on with the files of another: a line of JSON
 /// @throws Failure if there are files of another run, or complete ones, or one that is going on
-std::unique_ptr<ResultFiles> resumableFiles(const std::vector<std::string>& paths,
+std::unique_ptr<ResultFiles> resumableFiles(const std::vector<std::string>& paths, Outputs& outputs,
                                             const std::string& run);

@@ -8,6 +8,7 @@
 #include "failure.h"
 #include "loading.h"
 #include "networks.h"
+#include "npy_file.h"
 #include "picture_stream.h"
 #include "pictures.h"
 #include "progress.h"
@@ -68,6 +69,15 @@ FoundPictures picturesOf(const RunOptions& options) {
   return findPictures(paths);
 }
 
+/// All files that a run reads.
+std::vector<std::string> inputsOf(const RunOptions& options, std::vector<std::string> pictures) {
+  std::vector<std::string> inputs = std::move(pictures);
+  inputs.insert(inputs.end(), {options.weights, options.list == "-" ? "/dev/stdin" : options.list});
+  if (!options.gallery.empty())
+    inputs.insert(inputs.end(), {options.gallery, namesFileOf(options.gallery)});
+  return inputs;
+}
+
 /// What must be the same for a run to go on with what another one left: all that the results
 /// depend on, and the form that they have.
 std::string describeRun(const RunOptions& options, const NetworkTable& table) {
@@ -83,6 +93,9 @@ std::string describeRun(const RunOptions& options, const NetworkTable& table) {
       {"channels", options.channels.empty() ? "rgb" : options.channels},
       {"no_orient", options.noOrient},
       {"format", options.format},
+      {"draw", options.drawings},
+      {"layout", options.layout},
+      {"scale", options.scale},
       {"files", resultPaths(options)}};
   return run.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
@@ -170,12 +183,14 @@ void run(const RunOptions& options) {
   }
   // What the user may have to mend comes before what takes long.
   const std::vector<std::string> paths = resultPaths(options);
+  Outputs outputs(inputsOf(options, pictures));
   const std::unique_ptr<ResultFiles> files =
-      options.resume ? resumableFiles(paths, describeRun(options, table)) : wholeFiles(paths);
+      options.resume ? resumableFiles(paths, outputs, describeRun(options, table))
+                     : wholeFiles(paths, outputs, options.force);
   const std::vector<std::string> left = without(files->earlier(), pictures);
   PictureLimits limits(options.maxPixels);
   const std::vector<std::unique_ptr<Sink>> sinks =
-      sinksFor(options, table, pictures, found.places, *files, limits);
+      sinksFor(options, table, pictures, found.places, outputs, *files, limits);
   chosenDevice(listDevices());
 
   const int batch = static_cast<int>(std::min<std::size_t>(options.batch, pictures.size()));
@@ -296,6 +311,7 @@ void addRun(CLI::App& tool) {
       ->type_name("FILE.npy")
       ->group(outputs);
   addOutputOption(*command, *options)->group(outputs);
+  addForceOption(*command, options->force)->group(outputs);
   command
       ->add_flag("--resume", options->resume,
                  "Continue a stopped run: keep its rows, add the missing ones")

@@ -7,15 +7,10 @@
 #include "npy_file.h"
 #include "rows.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <map>
-#include <optional>
-#include <set>
-#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -124,24 +119,17 @@ class FiniteCheck : public Sink {
   std::string first_;
 };
 
-/// Tells files apart, whatever their names; of a file that there is not, nothing.
-std::optional<std::pair<dev_t, ino_t>> identityOf(const std::string& path) {
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0) return {};
-  return std::pair(status.st_dev, status.st_ino);
-}
-
 /// Writes each picture with its landmarks, in folders as those it was found in.
 class Drawings : public Sink {
  public:
   Drawings(const RunOptions& options, const NetworkTable& table,
            const std::vector<std::string>& pictures,
-           const std::map<std::string, std::string>& places, PictureLimits& limits)
+           const std::map<std::string, std::string>& places, Outputs& outputs, bool replaces,
+           PictureLimits& limits)
       : reading_{options.layout == "xyxy", options.scale, readingOf(options).orient},
         geometry_(table),
         limits_(limits) {
     std::map<std::string, std::string> pictureOf;
-    std::set<std::optional<std::pair<dev_t, ino_t>>> read;
     for (const std::string& picture : pictures) {
       const auto known = places.find(picture);
       const fs::path place =
@@ -152,12 +140,9 @@ class Drawings : public Sink {
         throw Failure(drawing.string() + ": would be drawn from both " + other->second + " and " +
                       picture);
       }
-      drawingOf_.emplace(picture, drawing.string());
-      read.insert(identityOf(picture));
     }
     for (const auto& [drawing, picture] : pictureOf) {
-      if (const auto replaced = identityOf(drawing); replaced && read.count(replaced) > 0)
-        throw Failure(drawing + ": is a picture to be read, and would be replaced");
+      drawingOf_.emplace(picture, outputs.claim(drawing, replaces));
       requireInside(drawing, options.drawings);
     }
     for (const auto& [drawing, picture] : pictureOf) {
@@ -169,8 +154,10 @@ class Drawings : public Sink {
   }
 
   void take(const std::string& picture, const Batch& batch, int index) override {
-    const int outside = drawLandmarks(picture, batch.values(index), reading_, geometry_, limits_,
-                                      drawingOf_.at(picture));
+    OutputPlace& drawing = drawingOf_.at(picture);
+    const int outside =
+        drawLandmarks(picture, batch.values(index), reading_, geometry_, limits_, drawing);
+    drawing.own();
     if (outside > 0) {
       warn(picture + ": " + std::to_string(outside) +
            " of 68 landmarks lie outside the picture: do --layout and --scale fit the weights?");
@@ -191,7 +178,7 @@ class Drawings : public Sink {
   LandmarkReading reading_;
   facezoo::InputGeometry geometry_;
   PictureLimits& limits_;
-  std::map<std::string, std::string> drawingOf_;
+  std::map<std::string, OutputPlace> drawingOf_;
 };
 
 /// Prints the cosine similarities of pictures' descriptors: of more than two, a square in a table
@@ -276,13 +263,15 @@ bool printsLines(const RunOptions& options) {
 std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options, const NetworkTable& table,
                                             const std::vector<std::string>& pictures,
                                             const std::map<std::string, std::string>& places,
-                                            ResultFiles& files, PictureLimits& limits) {
+                                            Outputs& outputs, ResultFiles& files,
+                                            PictureLimits& limits) {
   std::vector<std::unique_ptr<Sink>> sinks;
   if (!options.compared.empty()) sinks.emplace_back(new Comparison(options, pictures, files));
   if (!options.gallery.empty()) sinks.push_back(neighbours(options, table, files));
   if (!options.features.empty()) sinks.emplace_back(new Array(options, table, files));
   if (!options.drawings.empty())
-    sinks.emplace_back(new Drawings(options, table, pictures, places, limits));
+    sinks.emplace_back(new Drawings(options, table, pictures, places, outputs,
+                                    options.force || files.continues(), limits));
   if (printsLines(options)) sinks.emplace_back(new Lines(options, table, pictures, files));
   sinks.emplace_back(new FiniteCheck(options.norm));
   return sinks;

@@ -18,7 +18,7 @@ struct RunOptions {
       channels;
   int batch = 8, threads = 0, nearest = 1, maxPixels = PictureLimits::kDefaultPixels;
   float scale = 1;
-  bool norm = false, strict = false, resume = false, null = false, noOrient = false;
+  bool norm = false, strict = false, resume = false, force = false, null = false, noOrient = false;
   std::vector<std::string> images, compared;
 };
 
@@ -55,4 +55,5 @@ std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options,
                                             const facezoo::NetworkTable& table,
                                             const std::vector<std::string>& pictures,
                                             const std::map<std::string, std::string>& places,
-                                            ResultFiles& files, PictureLimits& limits);
+                                            Outputs& outputs, ResultFiles& files,
+                                            PictureLimits& limits);

@@ -24,10 +24,16 @@ namespace {
 struct Options {
   std::string network, file, output, prefix, names;
   std::uint64_t seed = 1;
+  bool force = false;
 };
 
+/// The output of a command, looked at before its inputs are read.
+OutputPlace placeOf(const Options& options) {
+  return Outputs({options.file, options.names}).claim(options.output, options.force);
+}
+
 void synthesize(const Options& options) {
-  NewFile file(options.output);
+  NewFile file(placeOf(options));
   writeRandomWeights(*findNetwork(options.network).table, options.prefix, options.seed,
                      file.stream());
   file.keep();
@@ -61,12 +67,12 @@ void check(const Options& options) {
 }
 
 /// Writes the arrays to the output, which gets its name only after `requireSame` has read it back.
-void convert(const std::vector<StoredTensor>& arrays, const Options& options,
+void convert(const std::vector<StoredTensor>& arrays, const Options& options, OutputPlace place,
              const std::function<void(std::ostream&)>& write,
              const std::function<void(const std::string& path)>& requireSame) {
-  NewFile file(options.output);
+  NewFile file(std::move(place));
   write(file.stream());
-  const std::string& written = file.close();
+  const std::string written = file.close();
   try {
     requireSame(written);
   } catch (const Failure& failure) {
@@ -81,6 +87,7 @@ void convert(const std::vector<StoredTensor>& arrays, const Options& options,
 }
 
 void importWeights(const Options& options) {
+  OutputPlace place = placeOf(options);
   const facezoo::NetworkTable& network = *findNetwork(options.network).table;
   TensorNames names;
   if (!options.names.empty()) names = readTensorNames(options.names, network, options.prefix);
@@ -90,7 +97,7 @@ void importWeights(const Options& options) {
   report(selection.findings, options);
   const std::vector<StoredTensor>& arrays = selection.arrays;
   convert(
-      arrays, options, [&](std::ostream& out) { writeWeights(arrays, out); },
+      arrays, options, std::move(place), [&](std::ostream& out) { writeWeights(arrays, out); },
       [&](const std::string& path) {
         const WeightDocument written(path);
         requireEqual(arrays, tensorsOf(written, network, options.prefix));
@@ -98,13 +105,15 @@ void importWeights(const Options& options) {
 }
 
 void exportWeights(const Options& options) {
+  OutputPlace place = placeOf(options);
   const facezoo::NetworkTable& network = *findNetwork(options.network).table;
   expectWeightFile(options.file, options.network);
   const WeightDocument source(options.file);
   report(checkWeights(source, network, options.prefix), options, adviceOnPacking(source));
   const std::vector<StoredTensor> arrays = tensorsOf(source, network, options.prefix);
   convert(
-      arrays, options, [&](std::ostream& out) { writeSafetensors(arrays, options.network, out); },
+      arrays, options, std::move(place),
+      [&](std::ostream& out) { writeSafetensors(arrays, options.network, out); },
       [&](const std::string& path) { requireEqual(arrays, TensorFile(path).tensors()); });
 }
 
@@ -208,6 +217,7 @@ void addWeights(CLI::App& tool) {
     sub.add_option("-o,--output", options->output, "File to write, complete or not at all")
         ->required(required)
         ->type_name("FILE");
+    addForceOption(sub, options->force);
   };
 
   CLI::App* synth =
