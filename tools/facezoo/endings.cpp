@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <new>
 
 namespace {
 
@@ -83,7 +84,24 @@ extern "C" void endBySignal(int signal) {
   dieOf(signal);
 }
 
+bool lacksMemory() {
+  if (std::current_exception() == nullptr) return false;
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+/// Destructors of JSON values ask for memory and let nothing pass, so that want of it ends here,
+/// too.
 [[noreturn]] void endByException() {
+  if (lacksMemory()) {
+    removeAndSay("out of memory");
+    _exit(EXIT_FAILURE);
+  }
   removeAndSay("ended by a fault of its own: nothing caught an exception");
   dieOf(SIGABRT);
   std::abort();
