@@ -119,6 +119,8 @@ void exportWeights(const Options& options) {
 
 /// Writes a JSON object, for `import` to take when it has been checked.
 void writeNames(const Options& options) {
+  std::optional<OutputPlace> place;
+  if (!options.output.empty()) place = placeOf(options);
   const facezoo::NetworkTable& network = *findNetwork(options.network).table;
   std::optional<TensorFile> source;
   if (!options.file.empty()) {
@@ -137,8 +139,8 @@ void writeNames(const Options& options) {
       std::to_string(byName) + " by name, " + std::to_string(byShape) + " by shape alone, " +
       std::to_string(byOrder) + " by order among equal shapes, " +
       std::to_string(names.size() - byName - byShape - byOrder) + " not at all";
-  if (!options.output.empty()) {
-    NewFile file(options.output);
+  if (place) {
+    NewFile file(std::move(*place));
     file.stream() << text;
     file.keep();
     print("%s: %zu names of %s, to be checked: %s\n", printable(options.output).c_str(),
