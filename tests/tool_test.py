@@ -219,14 +219,16 @@ class ToolTest(ToolCase):
         run = *f"run {NET} -w good --threads 3 --features f.npy --format csv face.jpg".split(),
         fixed = dict(LD_PRELOAD=os.environ["FACEZOO_FAILING_CALLS"], GOMP_SPINCOUNT="1")
 
-        def end(**how):
+        def end(*args, **how):
             how = dict(fixed, OMP_NUM_THREADS="2", **{name: str(value) for name, value in how.items()})
             with mock.patch.dict(os.environ, how):
-                done = subprocess.run([TOOL, *run], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                                      timeout=60, encoding="utf-8")
+                done = subprocess.run([TOOL, *run, *args], stdout=subprocess.DEVNULL,
+                                      stderr=subprocess.PIPE, timeout=60, encoding="utf-8")
             # OpenMP's runtime may say a line of its own.
             lines = re.fullmatch(r"(?:libgomp: [^\n]*\n)?((?:facezoo: [^\n]*\n)*)", done.stderr)
             found = done.returncode, lines and lines[1].count("\n")
+            if "--resume" in args:  # which a later run would go on with
+                [*map(os.remove, glob.glob("*.partial") + glob.glob("*.journal"))]
             made = {*os.listdir()} - {"face.jpg", "good", "count"}
             if made:
                 self.assertEqual({"f.npy", "f.names.jsonl"}, made)
@@ -234,10 +236,11 @@ class ToolTest(ToolCase):
                 [*map(os.remove, made)]
             self.assertIn(found, [(1, 1), (0, 0)] if made else [(1, 1)], (how, done.stderr))
             return found[0]
-        self.assertEqual(0, end(COUNT_TO="count"))
-        most = int(Path("count").read_text())
-        for at in range(most - 500, most, 2):
-            end(FAIL_MALLOC_AT=at)
+        for args, points in ((), range(500, 0, -2)), (("--resume",), range(70)):
+            self.assertEqual(0, end(*args, COUNT_TO="count"))
+            most = int(Path("count").read_text())
+            for before in points:
+                end(*args, FAIL_MALLOC_AT=most - before)
         # Of three threads for pictures and one of OpenMP's, the last is the one that must start.
         self.assertEqual([1, 0], sorted({end(FAIL_THREAD_AT=at) for at in range(1, 6)})[::-1])
 

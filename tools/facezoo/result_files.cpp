@@ -136,10 +136,12 @@ class PartialFiles : public ResultFiles {
 
   void add(const std::vector<std::string>& pictures) override {
     for (const std::string& picture : pictures) lines_ += toJsonString(picture) + '\n';
-    nlohmann::json ends;
-    for (std::size_t i = 0; i < files_.size(); ++i)
-      ends.push_back(files_[i]->end() + static_cast<std::uintmax_t>(streams_[i].tellp()));
-    lines_ += ends.dump() + '\n';
+    // No value of JSON, which may crash where it lacks memory.
+    for (std::size_t i = 0; i < files_.size(); ++i) {
+      lines_ += i == 0 ? '[' : ',';
+      lines_ += std::to_string(files_[i]->end() + static_cast<std::uintmax_t>(streams_[i].tellp()));
+    }
+    lines_ += "]\n";
     constexpr double kMostLost = 500;
     if (sinceWritten_.milliseconds() >= kMostLost) write();
   }
