@@ -119,14 +119,14 @@ void endByExit() {
 bool handleEnds() {
   std::signal(SIGXFSZ, SIG_IGN);
   const bool heedsPipes = std::signal(SIGPIPE, SIG_IGN) != SIG_IGN;
+  struct sigaction action = {};
+  action.sa_handler = endBySignal;
+#ifndef FACEZOO_SANITIZED  // which have a stack of their own there
   // A stack that is full has no room for a handler.
   static std::array<char, 1 << 14> reserve;
   stack_t stack = {};
   stack.ss_sp = reserve.data();
   stack.ss_size = reserve.size();
-  struct sigaction action = {};
-  action.sa_handler = endBySignal;
-#ifndef FACEZOO_SANITIZED  // which have a stack of their own there
   if (sigaltstack(&stack, nullptr) == 0) action.sa_flags = SA_ONSTACK;
 #endif
   sigfillset(&action.sa_mask);
