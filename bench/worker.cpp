@@ -112,7 +112,7 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
 }
 
 void synthesize(const std::string& network, const std::string& path) {
-  NewFile file(path);
+  NewFile file(Outputs({}).claim(path, true));
   writeRandomWeights(*findNetwork(network).table, "", 1, file.stream());
   file.keep();
 }
