@@ -102,19 +102,13 @@ cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(cudnnHandle_t handle, cudnnTen
                      !isOutput(problem, y) || !algorithm) {
                    return CUDNN_STATUS_BAD_PARAM;
                  }
-                 std::size_t limit = 0;
-                 switch (preference) {
-                   case CUDNN_CONVOLUTION_FWD_NO_WORKSPACE:
-                     break;
-                   case CUDNN_CONVOLUTION_FWD_PREFER_FASTEST:
-                     limit = SIZE_MAX;
-                     break;
-                   case CUDNN_CONVOLUTION_FWD_SPECIFY_WORKSPACE_LIMIT:
-                     limit = memoryLimit;
-                     break;
-                   default:
-                     return CUDNN_STATUS_BAD_PARAM;
+                 if (preference > CUDNN_CONVOLUTION_FWD_SPECIFY_WORKSPACE_LIMIT) {
+                   return CUDNN_STATUS_BAD_PARAM;
                  }
+                 const std::size_t limit = preference == CUDNN_CONVOLUTION_FWD_NO_WORKSPACE ? 0
+                                           : preference == CUDNN_CONVOLUTION_FWD_PREFER_FASTEST
+                                               ? SIZE_MAX
+                                               : memoryLimit;
                  for (const Algorithm* candidate : algorithms) {
                    if (candidate->supports(problem) && candidate->pays(problem) &&
                        candidate->workspaceBytes(problem) <= limit) {

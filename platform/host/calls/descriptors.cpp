@@ -4,8 +4,10 @@
 #include "instrumentation.h"
 #include "memory/device_memory.h"
 
+#include <iterator>
 #include <limits>
 #include <mutex>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 
@@ -118,29 +120,13 @@ size_t cudnnGetVersion() {
 
 const char* cudnnGetErrorString(cudnnStatus_t status) {
   recordReport("cudnnGetErrorString");
-  switch (status) {
-    case CUDNN_STATUS_SUCCESS:
-      return "CUDNN_STATUS_SUCCESS";
-    case CUDNN_STATUS_NOT_INITIALIZED:
-      return "CUDNN_STATUS_NOT_INITIALIZED";
-    case CUDNN_STATUS_ALLOC_FAILED:
-      return "CUDNN_STATUS_ALLOC_FAILED";
-    case CUDNN_STATUS_BAD_PARAM:
-      return "CUDNN_STATUS_BAD_PARAM";
-    case CUDNN_STATUS_INTERNAL_ERROR:
-      return "CUDNN_STATUS_INTERNAL_ERROR";
-    case CUDNN_STATUS_INVALID_VALUE:
-      return "CUDNN_STATUS_INVALID_VALUE";
-    case CUDNN_STATUS_ARCH_MISMATCH:
-      return "CUDNN_STATUS_ARCH_MISMATCH";
-    case CUDNN_STATUS_MAPPING_ERROR:
-      return "CUDNN_STATUS_MAPPING_ERROR";
-    case CUDNN_STATUS_EXECUTION_FAILED:
-      return "CUDNN_STATUS_EXECUTION_FAILED";
-    case CUDNN_STATUS_NOT_SUPPORTED:
-      return "CUDNN_STATUS_NOT_SUPPORTED";
-  }
-  return "CUDNN_UNKNOWN_STATUS";
+  constexpr const char* names[] = {"CUDNN_STATUS_SUCCESS",          "CUDNN_STATUS_NOT_INITIALIZED",
+                                   "CUDNN_STATUS_ALLOC_FAILED",     "CUDNN_STATUS_BAD_PARAM",
+                                   "CUDNN_STATUS_INTERNAL_ERROR",   "CUDNN_STATUS_INVALID_VALUE",
+                                   "CUDNN_STATUS_ARCH_MISMATCH",    "CUDNN_STATUS_MAPPING_ERROR",
+                                   "CUDNN_STATUS_EXECUTION_FAILED", "CUDNN_STATUS_NOT_SUPPORTED"};
+  const auto index = static_cast<std::size_t>(status);
+  return index < std::size(names) ? names[index] : "CUDNN_UNKNOWN_STATUS";
 }
 
 cudnnStatus_t cudnnCreate(cudnnHandle_t* handle) {
@@ -186,10 +172,7 @@ cudnnStatus_t cudnnSetTensor4dDescriptor(cudnnTensorDescriptor_t descriptor,
         !validExtents(n, c, h, w)) {
       return CUDNN_STATUS_BAD_PARAM;
     }
-    descriptor->n = n;
-    descriptor->c = c;
-    descriptor->h = h;
-    descriptor->w = w;
+    std::tie(descriptor->n, descriptor->c, descriptor->h, descriptor->w) = std::tie(n, c, h, w);
     return CUDNN_STATUS_SUCCESS;
   });
 }
@@ -207,10 +190,7 @@ cudnnStatus_t cudnnSetFilter4dDescriptor(cudnnFilterDescriptor_t descriptor, cud
         !validExtents(k, c, h, w)) {
       return CUDNN_STATUS_BAD_PARAM;
     }
-    descriptor->k = k;
-    descriptor->c = c;
-    descriptor->h = h;
-    descriptor->w = w;
+    std::tie(descriptor->k, descriptor->c, descriptor->h, descriptor->w) = std::tie(k, c, h, w);
     return CUDNN_STATUS_SUCCESS;
   });
 }
@@ -233,10 +213,8 @@ cudnnStatus_t cudnnSetConvolution2dDescriptor(cudnnConvolutionDescriptor_t descr
     if (mode != CUDNN_CROSS_CORRELATION || dilationH != 1 || dilationW != 1) {
       return CUDNN_STATUS_NOT_SUPPORTED;
     }
-    descriptor->padH = padH;
-    descriptor->padW = padW;
-    descriptor->strideH = strideH;
-    descriptor->strideW = strideW;
+    std::tie(descriptor->padH, descriptor->padW) = std::tie(padH, padW);
+    std::tie(descriptor->strideH, descriptor->strideW) = std::tie(strideH, strideW);
     return CUDNN_STATUS_SUCCESS;
   });
 }
@@ -262,12 +240,9 @@ cudnnStatus_t cudnnSetPooling2dDescriptor(cudnnPoolingDescriptor_t descriptor,
           return CUDNN_STATUS_NOT_SUPPORTED;
         }
         descriptor->mode = mode;
-        descriptor->windowH = windowH;
-        descriptor->windowW = windowW;
-        descriptor->padH = padH;
-        descriptor->padW = padW;
-        descriptor->strideH = strideH;
-        descriptor->strideW = strideW;
+        std::tie(descriptor->windowH, descriptor->windowW) = std::tie(windowH, windowW);
+        std::tie(descriptor->padH, descriptor->padW) = std::tie(padH, padW);
+        std::tie(descriptor->strideH, descriptor->strideW) = std::tie(strideH, strideW);
         return CUDNN_STATUS_SUCCESS;
       });
 }

@@ -17,7 +17,7 @@ struct Watch {
   Fault fault;
   std::size_t counted = 0;
   std::vector<const char*> raised;
-  InjectedStatus injected{};
+  Statuses planned{};
 };
 
 /// Never destroyed: calls may still come while the process ends.
@@ -29,8 +29,8 @@ Watch& watch() {
 /// The status of every call in a forked process, if the platform was in use before the fork: the
 /// process has its memory, but not its threads, and a lock may be held by one of them. A card's
 /// runtime answers the same.
-constexpr InjectedStatus kForked = {cudaErrorInitializationError, CUDNN_STATUS_NOT_INITIALIZED,
-                                    CUBLAS_STATUS_NOT_INITIALIZED};
+constexpr Statuses kForked = {cudaErrorInitializationError, CUDNN_STATUS_NOT_INITIALIZED,
+                              CUBLAS_STATUS_NOT_INITIALIZED};
 std::atomic<bool> forked{false}, expectsForks{false}, keepsAfterFork{false};
 
 void noteFork() {
@@ -66,7 +66,7 @@ void tell(const Watch& w, const char* name, std::initializer_list<std::int64_t> 
 
 std::atomic<bool> instrumented{true};  // until the first call has prepared for forks
 
-const InjectedStatus* record(const char* name, std::initializer_list<std::int64_t> arguments) {
+const Statuses* record(const char* name, std::initializer_list<std::int64_t> arguments) {
   if (forked) return &kForked;
   if (insideObserver) return nullptr;
   Watch& w = watch();
@@ -79,8 +79,8 @@ const InjectedStatus* record(const char* name, std::initializer_list<std::int64_
   const bool fails = w.fault.fromThenOn ? w.counted >= w.fault.at : w.counted == w.fault.at;
   if (!fails) return nullptr;
   w.raised.push_back(name);
-  w.injected = {w.fault.cuda, w.fault.cudnn, w.fault.cublas};
-  return &w.injected;
+  w.planned = {w.fault.cuda, w.fault.cudnn, w.fault.cublas};
+  return &w.planned;
 }
 
 void recordReport(const char* name) {

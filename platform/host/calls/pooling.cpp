@@ -64,7 +64,7 @@ cudnnStatus_t cudnnPoolingForward(cudnnHandle_t handle, cudnnPoolingDescriptor_t
     countPositions(horizontal, columnCounts);
     const PoolingPlan plan{vertical, horizontal, pitchOf(horizontal), rowCounts, columnCounts};
     const std::size_t perWorker = kPoolingRows * plan.pitch;
-    if (scratch.size() < mostWorkers() * perWorker) scratch.resize(mostWorkers() * perWorker);
+    scratch.resize(std::max(scratch.size(), teamSize() * perWorker));
     const std::size_t planes = std::size_t{1} * xDesc->n * xDesc->c;
     const std::size_t xPlane = std::size_t{1} * xDesc->h * xDesc->w;
     const std::size_t yPlane = std::size_t{1} * yDesc->h * yDesc->w;

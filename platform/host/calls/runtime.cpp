@@ -64,15 +64,16 @@ void copyRows(void* destination, std::size_t destinationPitch, const void* sourc
               std::size_t sourcePitch, std::size_t width, std::size_t height) {
   constexpr std::size_t piece = 65536;
   const std::size_t pieces = dividedUp(width, piece);
-  forRanges(pieces * height, std::min(width, piece) / sizeof(float),
-            [&](std::size_t begin, std::size_t end) {
-              for (std::size_t i = begin; i < end; ++i) {
-                const std::size_t row = i / pieces, start = i % pieces * piece;
-                std::memcpy(static_cast<char*>(destination) + row * destinationPitch + start,
-                            static_cast<const char*>(source) + row * sourcePitch + start,
-                            std::min(piece, width - start));
-              }
-            });
+  auto* const to = static_cast<char*>(destination);
+  const auto* const from = static_cast<const char*>(source);
+  const auto copy = [=](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i) {
+      const std::size_t row = i / pieces, start = i % pieces * piece;
+      std::memcpy(to + row * destinationPitch + start, from + row * sourcePitch + start,
+                  std::min(piece, width - start));
+    }
+  };
+  forRanges(pieces * height, std::min(width, piece) / sizeof(float), copy);
 }
 
 }  // namespace
@@ -163,27 +164,23 @@ cudaError_t cudaGetLastError() {
 
 const char* cudaGetErrorString(cudaError_t status) {
   recordReport("cudaGetErrorString");
-  switch (status) {
-    case cudaSuccess:
-      return "no error";
-    case cudaErrorInvalidValue:
-      return "invalid argument";
-    case cudaErrorMemoryAllocation:
-      return "out of memory";
-    case cudaErrorInitializationError:
-      return "initialization error";
-    case cudaErrorInvalidConfiguration:
-      return "invalid configuration argument";
-    case cudaErrorInvalidDeviceFunction:
-      return "invalid device function";
-    case cudaErrorNoDevice:
-      return "no CUDA-capable device is detected";
-    case cudaErrorInvalidDevice:
-      return "invalid device ordinal";
-    case cudaErrorLaunchFailure:
-      return "unspecified launch failure";
-    case cudaErrorUnknown:
-      return "unknown error";
+  constexpr struct {
+    cudaError_t status;
+    const char* text;
+  } known[] = {
+      {cudaSuccess, "no error"},
+      {cudaErrorInvalidValue, "invalid argument"},
+      {cudaErrorMemoryAllocation, "out of memory"},
+      {cudaErrorInitializationError, "initialization error"},
+      {cudaErrorInvalidConfiguration, "invalid configuration argument"},
+      {cudaErrorInvalidDeviceFunction, "invalid device function"},
+      {cudaErrorNoDevice, "no CUDA-capable device is detected"},
+      {cudaErrorInvalidDevice, "invalid device ordinal"},
+      {cudaErrorLaunchFailure, "unspecified launch failure"},
+      {cudaErrorUnknown, "unknown error"},
+  };
+  for (const auto& entry : known) {
+    if (entry.status == status) return entry.text;
   }
   return "unrecognized error code";
 }

@@ -20,13 +20,10 @@ inline Range part(std::size_t count, std::size_t index, std::size_t parts) {
   return {count * index / parts, count * (index + 1) / parts};
 }
 
-/// The most workers that one of this thread's calls of `forWorkers` has.
-inline std::size_t mostWorkers() { return teamSize(); }
-
 /// Calls body(worker, begin, end) for ranges that make up [0, count): one for each thread, or a
 /// single one when there is less to do than it takes to wake the threads. Workers are numbered from
 /// 0. OpenMP's number of the calling thread is not one of theirs: it may come from a team of the
-/// host's.
+/// host's. There are teamSize() workers at most.
 ///
 /// @param work values that each of the `count` items has
 template <class Body>
