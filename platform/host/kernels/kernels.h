@@ -6,7 +6,7 @@
 /// Where two units hold the same inline function or instance of a template, the linker keeps one
 /// of them: if that is the one compiled for AVX-512, all others run it, too. So what these units
 /// define is their own (in an unnamed namespace), but for their tables, and they call nothing of
-/// the C++ library. tests/instruction_sets_test.sh looks.
+/// the C++ library. tests/instruction_sets_test.sh checks that.
 #pragma once
 
 #include <cstddef>
