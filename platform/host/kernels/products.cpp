@@ -25,7 +25,7 @@ void multiply(std::size_t depth, const float* __restrict a, const float* __restr
 /// Vectors run along the rows here, as the columns would fill but a part of one.
 void multiplyNarrow(std::size_t depth, const float* __restrict a, const float* __restrict b,
                     float* __restrict c, std::size_t stride) {
-  using Column = typename VectorOf<kRows * 4>::unaligned;
+  using Column = typename VectorOf<kRows>::unaligned;
   Column sum[kNarrow] = {};
   for (std::size_t d = 0; d < depth; ++d, a += kRows, b += kNarrow) {
     const Column column = *reinterpret_cast<const Column*>(a);
