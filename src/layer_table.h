@@ -26,17 +26,10 @@ enum class LayerKind {
   inceptionMFM
 };
 
-/// Output channels of the convolutions in an Inception block, named as in the paper of the block; 0
-/// where the block has no such branch.
+/// Output channels of the convolutions in an Inception block, named as in the paper; 0 where the
+/// block has no such branch. With batch normalization, two 3 × 3 convolutions stand for the 5 × 5.
 struct InceptionWidths {
-  int conv1x1;
-  int reduce3x3, conv3x3;
-  /// @{
-  /// Of the branch that sees 5 × 5 pixels. With batch normalization, two 3 × 3 convolutions take
-  /// the place of the 5 × 5 one.
-  int reduce5x5, conv5x5;
-  /// @}
-  int poolProjection;
+  int conv1x1, reduce3x3, conv3x3, reduce5x5, conv5x5, poolProjection;
 };
 
 /// One layer, or a block, which is a layer made of layers. The names of its arrays are a prefix
@@ -143,42 +136,42 @@ constexpr LayerRow inceptionMFM(const char* name, int channels) {
   return block(LayerKind::inceptionMFM, name, channels, {});
 }
 
-// The layers that a layer is made of, in the order of creation. Their prefix is the layer's name.
-
-constexpr std::array<LayerRow, 2> layersOfNormalizedConvolution(const LayerRow& row) {
-  return {{convolution("", row.in, row.out, row.kernel, row.stride, row.padded, noBias),
-           batchNormalization("/bn", row.out)}};
-}
-constexpr std::array<LayerRow, 6> layersOfInceptionV1(const LayerRow& block) {
-  const InceptionWidths& w = block.widths;
-  return {{fusedConvolution("1x1", block.in, w.conv1x1, 1, 1, noPadding),
-           fusedConvolution("3x3_reduce", block.in, w.reduce3x3, 1, 1, noPadding),
-           fusedConvolution("3x3", w.reduce3x3, w.conv3x3, 3, 1, samePadding),
-           fusedConvolution("5x5_reduce", block.in, w.reduce5x5, 1, 1, noPadding),
-           fusedConvolution("5x5", w.reduce5x5, w.conv5x5, 5, 1, samePadding),
-           fusedConvolution("pool_proj", block.in, w.poolProjection, 1, 1, noPadding)}};
-}
-constexpr std::array<LayerRow, 7> layersOfInceptionV3_1(const LayerRow& block) {
-  const InceptionWidths& w = block.widths;
-  return {{normalizedConvolution("1x1", block.in, w.conv1x1, 1, 1, noPadding),
-           normalizedConvolution("3x3_reduce", block.in, w.reduce3x3, 1, 1, noPadding),
-           normalizedConvolution("3x3", w.reduce3x3, w.conv3x3, 3, 1, samePadding),
-           normalizedConvolution("double3x3_reduce", block.in, w.reduce5x5, 1, 1, noPadding),
-           normalizedConvolution("double3x3a", w.reduce5x5, w.conv5x5, 3, 1, samePadding),
-           normalizedConvolution("double3x3b", w.conv5x5, w.conv5x5, 3, 1, samePadding),
-           normalizedConvolution("pool_proj", block.in, w.poolProjection, 1, 1, noPadding)}};
-}
-constexpr std::array<LayerRow, 5> layersOfInceptionV3_2(const LayerRow& block) {
-  const InceptionWidths& w = block.widths;
-  return {{normalizedConvolution("3x3_reduce", block.in, w.reduce3x3, 1, 1, noPadding),
-           normalizedConvolution("3x3", w.reduce3x3, w.conv3x3, 3, 2, samePadding),
-           normalizedConvolution("double3x3_reduce", block.in, w.reduce5x5, 1, 1, noPadding),
-           normalizedConvolution("double3x3a", w.reduce5x5, w.conv5x5, 3, 1, samePadding),
-           normalizedConvolution("double3x3b", w.conv5x5, w.conv5x5, 3, 2, samePadding)}};
-}
-constexpr std::array<LayerRow, 2> layersOfInceptionMFM(const LayerRow& block) {
-  return {{convolution("_conv1", block.in, 2 * block.in, 3, 1, samePadding, withBias),
-           convolution("_conv2", block.in, 2 * block.in, 3, 1, samePadding, withBias)}};
+/// The layers that a layer is made of, in the order of creation; the layer's name is in front of
+/// theirs. Empty for a layer that reads its own arrays.
+inline std::vector<LayerRow> layersOf(const LayerRow& row) {
+  const int in = row.in;
+  const InceptionWidths& w = row.widths;
+  switch (row.kind) {
+    case LayerKind::normalizedConvolution:
+      return {convolution("", in, row.out, row.kernel, row.stride, row.padded, noBias),
+              batchNormalization("/bn", row.out)};
+    case LayerKind::inceptionV1:
+      return {fusedConvolution("1x1", in, w.conv1x1, 1, 1, noPadding),
+              fusedConvolution("3x3_reduce", in, w.reduce3x3, 1, 1, noPadding),
+              fusedConvolution("3x3", w.reduce3x3, w.conv3x3, 3, 1, samePadding),
+              fusedConvolution("5x5_reduce", in, w.reduce5x5, 1, 1, noPadding),
+              fusedConvolution("5x5", w.reduce5x5, w.conv5x5, 5, 1, samePadding),
+              fusedConvolution("pool_proj", in, w.poolProjection, 1, 1, noPadding)};
+    case LayerKind::inceptionV3_1:
+      return {normalizedConvolution("1x1", in, w.conv1x1, 1, 1, noPadding),
+              normalizedConvolution("3x3_reduce", in, w.reduce3x3, 1, 1, noPadding),
+              normalizedConvolution("3x3", w.reduce3x3, w.conv3x3, 3, 1, samePadding),
+              normalizedConvolution("double3x3_reduce", in, w.reduce5x5, 1, 1, noPadding),
+              normalizedConvolution("double3x3a", w.reduce5x5, w.conv5x5, 3, 1, samePadding),
+              normalizedConvolution("double3x3b", w.conv5x5, w.conv5x5, 3, 1, samePadding),
+              normalizedConvolution("pool_proj", in, w.poolProjection, 1, 1, noPadding)};
+    case LayerKind::inceptionV3_2:
+      return {normalizedConvolution("3x3_reduce", in, w.reduce3x3, 1, 1, noPadding),
+              normalizedConvolution("3x3", w.reduce3x3, w.conv3x3, 3, 2, samePadding),
+              normalizedConvolution("double3x3_reduce", in, w.reduce5x5, 1, 1, noPadding),
+              normalizedConvolution("double3x3a", w.reduce5x5, w.conv5x5, 3, 1, samePadding),
+              normalizedConvolution("double3x3b", w.conv5x5, w.conv5x5, 3, 2, samePadding)};
+    case LayerKind::inceptionMFM:
+      return {convolution("_conv1", in, 2 * in, 3, 1, samePadding, withBias),
+              convolution("_conv2", in, 2 * in, 3, 1, samePadding, withBias)};
+    default:
+      return {};
+  }
 }
 
 enum class WeightRole { mean, filter, bias, scale, shift, variance };
@@ -228,21 +221,8 @@ void forEachWeight(const Rows& rows, const std::string& prefix, const Visit& vis
         array("-0", WeightRole::filter);
         array("-1", WeightRole::mean);
         break;
-      case LayerKind::normalizedConvolution:
-        forEachWeight(layersOfNormalizedConvolution(row), name, visit);
-        break;
-      case LayerKind::inceptionV1:
-        forEachWeight(layersOfInceptionV1(row), name, visit);
-        break;
-      case LayerKind::inceptionV3_1:
-        forEachWeight(layersOfInceptionV3_1(row), name, visit);
-        break;
-      case LayerKind::inceptionV3_2:
-        forEachWeight(layersOfInceptionV3_2(row), name, visit);
-        break;
-      case LayerKind::inceptionMFM:
-        forEachWeight(layersOfInceptionMFM(row), name, visit);
-        break;
+      default:
+        forEachWeight(layersOf(row), name, visit);
     }
   }
 }

@@ -18,7 +18,7 @@ struct NetworkEntry {
 
 template <class... Entries>
 struct NetworkList {
-  /// An array of what `make` returns for each entry.
+  /// What `make` returns for each entry.
   template <class Make>
   static constexpr auto map(const Make& make) {
     return std::array{make(Entries())...};

@@ -9,18 +9,20 @@
 
 namespace facezoo {
 
-/// Base of a layer that is made of `N` layers of one kind. They are created in the order of their
-/// rows and destroyed in the reverse.
+/// Base of a layer that is made of `N` layers of one kind, those of `layersOf`. They are created in
+/// that order and destroyed in the reverse.
 template <class Part, std::size_t N>
 class Block : public LayerBase {
- protected:
-  /// @param name of the whole, which is in front of its layers' names
-  /// @throws what the layers' constructors throw
-  Block(const std::array<LayerRow, N>& rows, const std::string& name,
-        msgpack::v1::object& weights) {
-    for (std::size_t i = 0; i < N; ++i) layers_[i] = new Part(rows[i], name, weights);
+ public:
+  /// @throws NetworkError 1, cudaError, cudnnStatus_t
+  Block(const LayerRow& row, const std::string& prefix, msgpack::v1::object& weights) {
+    const std::vector<LayerRow> rows = layersOf(row);
+    for (std::size_t i = 0; i < N; ++i) {
+      layers_[i] = new Part(rows[i], prefix + row.name, weights);
+    }
   }
 
+ protected:
   Layer layers_[N];
 };
 

@@ -10,10 +10,7 @@
 /// Takes two blocks of the pool beside its input.
 class InceptionMFM : public facezoo::Block<Convolution2D, 2> {
  public:
-  /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  InceptionMFM(const facezoo::LayerRow& row, const std::string& prefix,
-               msgpack::v1::object& weights)
-      : Block(facezoo::layersOfInceptionMFM(row), prefix + row.name, weights) {}
+  using Block::Block;
 
   /// @throws what its layers throw
   Tensor operator()(const Tensor& in) override {

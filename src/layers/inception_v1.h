@@ -13,9 +13,7 @@
 /// Takes six blocks of the pool beside its input.
 class InceptionV1 : public facezoo::Block<CBA, 6> {
  public:
-  /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  InceptionV1(const facezoo::LayerRow& row, const std::string& prefix, msgpack::v1::object& weights)
-      : Block(facezoo::layersOfInceptionV1(row), prefix + row.name, weights) {}
+  using Block::Block;
 
   /// @throws what its layers throw
   Tensor operator()(const Tensor& in) override {

@@ -17,8 +17,7 @@ class InceptionV3_1 : public facezoo::Block<NormalizedConvolution, 7> {
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
   InceptionV3_1(const facezoo::LayerRow& row, const std::string& prefix,
                 msgpack::v1::object& weights)
-      : Block(facezoo::layersOfInceptionV3_1(row), prefix + row.name, weights),
-        maxPool_(row.maxPool) {}
+      : Block(row, prefix, weights), maxPool_(row.maxPool) {}
 
   /// @throws what its layers throw
   Tensor operator()(const Tensor& in) override {
@@ -47,10 +46,7 @@ class InceptionV3_1 : public facezoo::Block<NormalizedConvolution, 7> {
 /// row.
 class InceptionV3_2 : public facezoo::Block<NormalizedConvolution, 5> {
  public:
-  /// @throws NetworkError 1, cudaError, cudnnStatus_t
-  InceptionV3_2(const facezoo::LayerRow& row, const std::string& prefix,
-                msgpack::v1::object& weights)
-      : Block(facezoo::layersOfInceptionV3_2(row), prefix + row.name, weights) {}
+  using Block::Block;
 
   /// @throws what its layers throw
   Tensor operator()(const Tensor& in) override {

@@ -9,13 +9,11 @@
 
 namespace facezoo {
 
-/// Runs a layer with weights, its batch normalization and a ReLU.
-/// @param pair holds the layer and the normalization
+/// Runs a layer and its batch normalization, which are the pair, and a ReLU.
 /// @throws what the layers throw
 inline Tensor normalizedRelu(Layer (&pair)[2], const Tensor& in) {
-  auto& [weighted, normalization] = pair;
-  Tensor x = weighted(in);
-  x = normalization(x);
+  Tensor x = pair[0](in);
+  x = pair[1](x);
   return Relu()(x);
 }
 
@@ -28,10 +26,9 @@ class NormalizedConvolution : public LayerBase {
   /// @throws NetworkError 1, cudaError, cudnnStatus_t
   NormalizedConvolution(const facezoo::LayerRow& row, const std::string& prefix,
                         msgpack::v1::object& weights) {
-    const auto [convolution, normalization] = facezoo::layersOfNormalizedConvolution(row);
-    const std::string name = prefix + row.name;
-    layers_[0] = new Convolution2D(convolution, name, weights);
-    layers_[1] = new BatchNormalization(normalization, name, weights);
+    const std::vector<facezoo::LayerRow> rows = facezoo::layersOf(row);
+    layers_[0] = new Convolution2D(rows[0], prefix + row.name, weights);
+    layers_[1] = new BatchNormalization(rows[1], prefix + row.name, weights);
   }
 
   /// @throws what its layers throw
