@@ -137,7 +137,7 @@ constexpr LayerRow inceptionMFM(const char* name, int channels) {
 }
 
 /// The layers that a layer is made of, in the order of creation; the layer's name is in front of
-/// theirs. Empty for a layer that reads its own arrays.
+/// theirs. None for a layer that reads its arrays itself, or has none.
 inline std::vector<LayerRow> layersOf(const LayerRow& row) {
   const int in = row.in;
   const InceptionWidths& w = row.widths;
@@ -201,9 +201,6 @@ void forEachWeight(const Rows& rows, const std::string& prefix, const Visit& vis
     switch (row.kind) {
       case LayerKind::meanImage:
         array("-0", WeightRole::mean);
-        break;
-      case LayerKind::channelMean:
-      case LayerKind::noMean:
         break;
       case LayerKind::fusedConvolution:
       case LayerKind::convolution:
