@@ -225,7 +225,7 @@ class ToolTest(ToolCase):
                 done = subprocess.run([TOOL, *run, *args], stdout=subprocess.DEVNULL,
                                       stderr=subprocess.PIPE, timeout=60, encoding="utf-8")
             # OpenMP's runtime may say a line of its own.
-            lines = re.fullmatch(r"(?:libgomp: [^\n]*\n)?((?:facezoo: [^\n]*\n)*)", done.stderr)
+            lines = re.fullmatch(r"(?:\nlibgomp: [^\n]*\n)?((?:facezoo: [^\n]*\n)*)", done.stderr)
             found = done.returncode, lines and lines[1].count("\n")
             if "--resume" in args:  # which a later run would go on with
                 [*map(os.remove, glob.glob("*.partial") + glob.glob("*.journal"))]
