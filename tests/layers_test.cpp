@@ -17,6 +17,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <stdexcept>
 #include <tuple>
 
 namespace facezoo::test {
@@ -305,6 +306,7 @@ TEST_F(LayerTest, Blocks) {
     expectClose((*layer)(in), expected, largest(expected), 1e-4);
     expectEqual(in, x);
   }
+  EXPECT_THROW(Chain().run("v2:b/ 3 4", zeros(1, 1, 1, 1)), std::invalid_argument);
 }
 
 TEST_F(LayerTest, AnExtensionOfTheRightLengthIsNoWeight) {

@@ -6,6 +6,7 @@
 #include <limits>
 #include <numeric>
 #include <sstream>
+#include <stdexcept>
 
 namespace facezoo::test {
 namespace {
@@ -261,31 +262,39 @@ Image4 Chain::run(const std::string& steps, Image4 x) {
     const auto join = [&](const std::string& to, const Image4& part) {
       Image4& joined = kept[to];
       joined = joined.v.empty() ? part : concat({joined, part});
+      return x;
     };
-    if (layer == "image") x = convertInput(x, get(weights, "inMean-0", x.c * x.h * x.w, 100, 156));
-    if (layer == "means") x = convertInput(x, {s.begin(), s.end()});
-    if (layer == "cba") x = cba(weights, name, x, s);
-    if (layer == "conv") x = sums(weights, name, x, s, pixels);
-    if (layer == "normalized") x = normalized(weights, name, x, s);
-    if (layer == "flat") x = flat(x);
-    if (layer == "project") x = projection(weights, name, x, s);
-    if (layer == "max") x = pool(x, Pool::max, size, s.at(1), s.at(2));
-    if (layer == "avg") x = pool(x, Pool::average, size, s.at(1), s.at(2));
-    if (layer == "lrn") x = lrn(x, size, s.at(1), s.at(2), s.at(3));
-    if (layer == "relu") x = relu(x);
-    if (layer == "mfm") x = sliceMax(x);
-    if (layer == "v1") x = v1(weights, name, x, s);
-    if (layer == "v3") x = v3(weights, name, x, s);
-    if (layer == "residual") x = residual(weights, name, x);
-    if (layer == "norm")
-      kept["norm"] =
-          convolutionScale(flat(x), std::vector<float>(x.index(1, 0, 0, 0), 1), {}, 1, 1, 0);
-    if (layer == "set") kept[name] = x;
-    if (layer == "get") x = kept.at(name);
-    const std::string head = "loss3/classifier_" + name;
-    if (layer == "classify") join("heads", softmax(sums(weights, head, flat(x), s, 1)));
-    if (layer == "regress") join("heads", sums(weights, head, flat(x), s, 1));
-    if (layer == "join") join(name, x);
+    const auto result = [&]() -> Image4 {
+      if (layer == "image")
+        return convertInput(x, get(weights, "inMean-0", x.c * x.h * x.w, 100, 156));
+      if (layer == "means") return convertInput(x, {s.begin(), s.end()});
+      if (layer == "cba") return cba(weights, name, x, s);
+      if (layer == "conv") return sums(weights, name, x, s, pixels);
+      if (layer == "normalized") return normalized(weights, name, x, s);
+      if (layer == "flat") return flat(x);
+      if (layer == "project") return projection(weights, name, x, s);
+      if (layer == "max") return pool(x, Pool::max, size, s.at(1), s.at(2));
+      if (layer == "avg") return pool(x, Pool::average, size, s.at(1), s.at(2));
+      if (layer == "lrn") return lrn(x, size, s.at(1), s.at(2), s.at(3));
+      if (layer == "relu") return relu(x);
+      if (layer == "mfm") return sliceMax(x);
+      if (layer == "v1") return v1(weights, name, x, s);
+      if (layer == "v3") return v3(weights, name, x, s);
+      if (layer == "residual") return residual(weights, name, x);
+      if (layer == "norm") {
+        const std::vector<float> ones(x.index(1, 0, 0, 0), 1);
+        kept["norm"] = convolutionScale(flat(x), ones, {}, 1, 1, 0);
+        return x;
+      }
+      if (layer == "set") return kept[name] = x;
+      if (layer == "get") return kept.at(name);
+      const std::string head = "loss3/classifier_" + name;
+      if (layer == "classify") return join("heads", softmax(sums(weights, head, flat(x), s, 1)));
+      if (layer == "regress") return join("heads", sums(weights, head, flat(x), s, 1));
+      if (layer == "join") return join(name, x);
+      throw std::invalid_argument("no step of a chain: " + step);
+    };
+    x = result();
   }
   return x;
 }
