@@ -151,7 +151,7 @@ build() {
 
 run_tests() {
   local log=$results/tests.log status=0
-  timeout --kill-after=10 "$(left)" ctest --test-dir build/gpu -L gpu -j 4 --no-tests=error \
+  timeout --kill-after=10 "$(left)" ctest --test-dir build/gpu -LE '^cardless$' -j 4 --no-tests=error \
     >"$log" 2>&1 || status=$?
   {
     begin tests
