@@ -7,7 +7,7 @@ scripts/setup.sh
 echo "building (a minute or two the first time) ..."
 log=build/demo.log
 mkdir -p build
-if ! { cmake --preset host -DFACEZOO_TESTS=OFF && cmake --build --preset host; } >"$log" 2>&1; then
+if ! { cmake --preset demo && cmake --build --preset demo; } >"$log" 2>&1; then
   tail -n 30 "$log" >&2
   echo "the build failed; the whole log is $log" >&2
   exit 1

@@ -14,14 +14,13 @@ if [ "${1:-}" = torch ]; then
   comparison=compare_torch
   requirements=bench/requirements-torch.txt
   environment=build/bench-torch
-  [[ " $* " == *" --device"[\ =]"cpu "* ]] || preset=cuda
+  [[ " $* " == *" --device"[\ =]"cpu "* ]] || preset=bench-cuda
 fi
 
 scripts/setup.sh --bench
 log=build/bench.log
 mkdir -p build
-if ! { cmake --preset $preset -DFACEZOO_BENCH=ON -DFACEZOO_TESTS=OFF &&
-  cmake --build --preset $preset; } >"$log" 2>&1; then
+if ! { cmake --preset $preset && cmake --build --preset $preset; } >"$log" 2>&1; then
   tail -n 30 "$log" >&2
   echo "the build failed; the whole log is $log" >&2
   exit 1

@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/cuda-library-checks.sh
 
-cmake --preset cuda -DFACEZOO_TOOL=ON -DFACEZOO_BENCH=ON
+cmake --preset cuda
 cmake --build --preset cuda
 
 check_exports build/cuda/libfacezoo.so

@@ -120,7 +120,7 @@ begin() {
 }
 
 build() {
-  local options=(-DFACEZOO_TOOL=OFF -DFACEZOO_BENCH=ON -DFACEZOO_WERROR=OFF)
+  local options=(-DFACEZOO_TOOL=OFF -DFACEZOO_WERROR=OFF)
   if [ -d "$dependencies" ]; then
     local folder
     folder=$(cd "$dependencies" && pwd)
