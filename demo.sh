@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
 # Builds the library for the CPU and runs the eight networks on the sample portrait.
-set -euo pipefail
-cd "$(dirname "$0")"
+. "$(dirname "$0")/scripts/prelude.sh"
 
 scripts/setup.sh
 echo "building (a minute or two the first time) ..."

@@ -2,8 +2,7 @@
 # Style, static analysis, and all tests of the CPU build, plain and under AddressSanitizer and
 # UndefinedBehaviorSanitizer. What else must hold before a change lands is in .ci/run.
 #   ./test.sh [host|host-asan|host-tsan|style]...    default: all but host-tsan (ThreadSanitizer)
-set -euo pipefail
-cd "$(dirname "$0")"
+. "$(dirname "$0")/scripts/prelude.sh"
 
 scripts/setup.sh --tests
 [ $# -gt 0 ] || set -- host host-asan style

@@ -2,8 +2,7 @@
 # Builds what a comparison needs and runs it.
 #   bench/run.sh [--help | arguments of bench/compare.py]
 #   bench/run.sh torch [--help | arguments of bench/compare_torch.py]
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/../scripts/prelude.sh"
 
 comparison=compare
 requirements=bench/requirements.txt

@@ -2,8 +2,7 @@
 # How near `facezoo run` comes to the network alone, as `facezoo bench` times it, when it decodes
 # pictures and writes a NumPy file meanwhile; in turn, so that both meet the same machine.
 #   bench/tool.sh [NET [BATCH [PICTURES [ROUNDS]]]]     default: LCNN29 8 1000 3
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/../scripts/prelude.sh"
 network=${1:-LCNN29} batch=${2:-8} pictures=${3:-1000} rounds=${4:-3}
 tool=build/host/bin/facezoo
 dir=$(mktemp -d)

@@ -2,8 +2,7 @@
 # Writes the tables of the pages anew; with --check, only says where a page differs from what the
 # code says.
 #   docs/generate.sh [--check] [GENERATOR]    default: the host build's
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/../scripts/prelude.sh"
 
 check=false
 if [ "${1:-}" = --check ]; then check=true && shift; fi

@@ -3,8 +3,7 @@
 # computes: every layer, every algorithm, special numbers, and two networks against double precision.
 # Five minutes of one core, after the build.
 #   scripts/aarch64-check.sh [FILTER]      default: the tests above; else those a GoogleTest filter names
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/prelude.sh"
 
 scripts/setup.sh --aarch64
 build=build/aarch64

@@ -2,8 +2,7 @@
 # Compares the binary interface of the CPU build's library with that of the last release: fails if a
 # program that was built with the release might not run with this library. Additions do not count.
 #   scripts/abi-check.sh [--renew]         --renew: makes the interface of this build the release's
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/prelude.sh"
 
 build=build/abi # with what debuggers know of types, and only the library
 log=$build.log

@@ -3,8 +3,7 @@
 # supported, the exported names are those of the host build, device code is there for every
 # architecture asked for, and without a driver the library says so and throws what the runtime
 # returned.
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/prelude.sh"
 . scripts/cuda-library-checks.sh
 
 cmake --preset cuda

@@ -3,8 +3,7 @@
 # checks what needs no card. The pieces come from Debian, its non-free part included, and PyPI: 5 GB
 # to fetch the first time, of which 1 GB is kept. Nothing is installed.
 #   scripts/cuda-toolkits-check.sh [FOLDER]    default: build/toolkits
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/prelude.sh"
 . scripts/cuda-library-checks.sh
 
 # The toolkit, Debian's release that has it, the C++ compiler, the release that has that, cuDNN.

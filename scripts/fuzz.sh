@@ -4,16 +4,14 @@
 # the corpus, which the tests replay; so does a file that takes more memory than it may. Inputs are short
 # at first, which is fast, and grow as nothing new is found.
 #   scripts/fuzz.sh MINUTES [TARGET]...        default: weight_file image safetensors, MINUTES each
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/prelude.sh"
+. scripts/tests.sh
 
 minutes=${1:?minutes, such as 1}
 shift
 [ $# -gt 0 ] || set -- weight_file image safetensors
 
-scripts/setup.sh --tests
-cmake --preset host-asan >/dev/null
-cmake --build --preset host-asan --target "${@/#/fuzz_}"
+build_preset host-asan "${@/#/fuzz_}"
 
 fuzz() {
   local target=$1 seconds=$(($2 * 60)) found=build/fuzz/$1 log=build/fuzz/$1.log

@@ -10,8 +10,7 @@
 # document says of it. DIR (build/gpu-dependencies) holds include/, with msgpack's headers, and
 # googletest/, with GoogleTest's sources. FACEZOO_COMMIT names the commit where there is no
 # repository.
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/prelude.sh"
 
 deadline=$((SECONDS + 520))
 results=build/gpu-check
@@ -31,7 +30,7 @@ while [ $# -gt 0 ]; do
     --dependencies) dependencies=$2 && shift ;;
     --tests | --sanitize | --bench) parts+=("${1#--}") ;;
     -*)
-      sed -n '2,/^set/{s/^# \?//;/^set/!p}' "$0"
+      sed -n '2,/^[^#]/{s/^# \?//p}' scripts/gpu-check.sh
       [ "$1" = --help ] && exit 0
       exit 2
       ;;

@@ -2,14 +2,14 @@
 # Constructs, calls and destroys each network many times, in a process of its own, where no memory may
 # be lost; then calls four of them from eight threads, as often from each.
 #   scripts/lifetimes.sh [cycles]    default: 1000, and ten times as many of DexpressionNet
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/prelude.sh"
+. scripts/tests.sh
 
 cycles=${1:-1000}
-scripts/setup.sh --tests
-cmake --preset host >/dev/null
-cmake --build --preset host --target facezoo_tests
+build_preset host facezoo_tests
 tests=build/host/bin/facezoo_tests
+lifetimes=$(kind build/host lifetimes)
+thread_load=$(kind build/host thread_load)
 
 run() {
   local start=$SECONDS
@@ -18,9 +18,9 @@ run() {
   echo "$1: ok, $((SECONDS - start)) s"
 }
 
-for name in $("$tests" --gtest_filter='*Lifetimes.*' --gtest_list_tests | sed -n 's,^  [^/]*/\([^ ]*\).*,\1,p'); do
+for name in $(list_cases "$tests" "$lifetimes"); do
   factor=1
-  [ "$name" != DexpressionNet ] || factor=10
-  FACEZOO_CYCLES=$((factor * cycles)) OMP_NUM_THREADS=1 run "*Lifetimes.*/$name"
+  [[ $name != */DexpressionNet ]] || factor=10
+  FACEZOO_CYCLES=$((factor * cycles)) OMP_NUM_THREADS=1 run "$name"
 done
-FACEZOO_THREAD_CALLS=$cycles run 'ThreadTest.*Large*'
+FACEZOO_THREAD_CALLS=$cycles run "$thread_load"

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # clang-format over every source, clang-tidy over everything that the CPU build compiles, Doxygen over
 # the public headers; what only the production build does is analysed in scripts/cuda-build-check.sh.
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/prelude.sh"
 
 git ls-files '*.h' '*.cpp' '*.cu' | xargs clang-format --dry-run -Werror
 cmake --preset host >/dev/null

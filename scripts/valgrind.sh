@@ -4,18 +4,18 @@
 # tests that replace the heap are not among them: memcheck replaces it, too. Nor are those that measure
 # the process's memory: memcheck keeps what is freed.
 #   scripts/valgrind.sh [FILTER]           default: all; else the library's that a GoogleTest filter names
-set -euo pipefail
-cd "$(dirname "$0")/.."
+. "$(dirname "$0")/prelude.sh"
+. scripts/tests.sh
 
-scripts/setup.sh --tests --valgrind
-cmake --preset host >/dev/null
-cmake --build --preset host --target facezoo_tests facezoo_tool
+scripts/setup.sh --valgrind
+build_preset host facezoo_tests facezoo_tool
 tests=build/host/bin/facezoo_tests
 results=$PWD/build/host/valgrind
 rm -rf "$results"
 mkdir "$results"
-cores=$(nproc) # which heeds OMP_NUM_THREADS
-export GTEST_BRIEF=1 OMP_NUM_THREADS=1 FACEZOO_FAULT_POINTS=2 FACEZOO_THREAD_CALLS=1
+export GTEST_BRIEF=1 FACEZOO_FAULT_POINTS=2 FACEZOO_THREAD_CALLS=1
+lifetimes=$(kind build/host lifetimes)
+sweep=$(kind build/host fault_sweep)
 memcheck="$(command -v valgrind) --quiet --error-exitcode=99 --show-leak-kinds=definite \
   --errors-for-leak-kinds=definite"
 
@@ -34,10 +34,11 @@ chmod +x "$results/facezoo"
     sed -n "/shows_progress/d; s,^    def \(test_[a-z_]*\)(.*,python3 $file $results/facezoo samples/portrait.jpg -k \1,p" "$file"
   done
   # The forks of a sweep end where they stand, with all they have.
-  "$tests" --gtest_filter="${1:-*-*Lifetimes.*}" --gtest_list_tests |
-    awk -v run="$memcheck --log-file=$results/%p.log" -v tests="$tests" '/^[^ ]/ {suite = $1; next}
-      {print run, "--leak-check=" (suite ~ /Sweep/ ? "no" : "full"), tests, "--gtest_filter=" suite $1}'
-} | xargs -P "$cores" -L 1 env >"$results/tests.log" 2>&1 || {
+  list_cases "$tests" "${1:--$lifetimes}" |
+    awk -v run="$memcheck --log-file=$results/%p.log" -v tests="$tests" 'NR == FNR {sweep[$0]; next}
+      {print run, "--leak-check=" ($0 in sweep ? "no" : "full"), tests, "--gtest_filter=" $0}' \
+      <(list_cases "$tests" "$sweep") -
+} | run_lines >"$results/tests.log" 2>&1 || {
   cat "$results"/*.log
   exit 1
 }
