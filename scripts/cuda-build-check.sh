@@ -10,8 +10,9 @@ cmake --preset cuda
 cmake --build --preset cuda
 
 check_exports build/cuda/libfacezoo.so
-architectures=$(sed -n 's/^CMAKE_CUDA_ARCHITECTURES:[A-Z]*=//p' build/cuda/CMakeCache.txt)
-check_device_code build/cuda/libfacezoo.so ${architectures//;/ }
+IFS=';' read -ra architectures < <(
+  sed -n 's/^CMAKE_CUDA_ARCHITECTURES:[A-Z]*=//p' build/cuda/CMakeCache.txt)
+check_device_code build/cuda/libfacezoo.so "${architectures[@]}"
 
 tests/cuda_requirements_test.sh .
 git ls-files tests/cuda_test.cpp bench/kernels.cpp |

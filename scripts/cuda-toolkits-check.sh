@@ -25,6 +25,7 @@ unset CPATH LIBRARY_PATH CUDACXX # they may lead to an installed toolkit
 
 # A view of Debian's releases beside the system's own.
 export APT_CONFIG=$folder/apt/apt.conf
+# shellcheck disable=SC2016 # apt-get's own variable
 mirror=$(APT_CONFIG='' apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' \
   'Label: Debian' | sort -u | sed -n 1p)
 [ -n "$mirror" ] || {
@@ -105,7 +106,8 @@ EOF
 for combination in "${combinations[@]}"; do
   read -r toolkit release compiler compiler_release cudnn <<<"$combination"
   echo "== toolkit $toolkit, g++ $compiler, $cudnn"
-  once "cuda-$toolkit" get_toolkit "$release" nvidia-cuda-toolkit nvidia-cuda-dev ${also[$toolkit]}
+  read -ra libraries <<<"${also[$toolkit]}"
+  once "cuda-$toolkit" get_toolkit "$release" nvidia-cuda-toolkit nvidia-cuda-dev "${libraries[@]}"
   once "g++-$compiler" get_compiler "$compiler" "$compiler_release"
   once "$cudnn" get_cudnn "$cudnn"
 

@@ -17,6 +17,7 @@ for group in "$@"; do
     --tests)
       packages+=("libgtest-dev:tests" "python3:tests of the tool" "git:lists the sources to check"
         "clang-format:style check" "clang-tidy:static analysis"
+        "shellcheck:checks scripts" "flake8:checks Python"
         "clang:second compiler, for builds under sanitizers"
         "libclang-rt-dev:the sanitizers, and counting what tests reach"
         "libomp-dev:OpenMP for clang, and what ThreadSanitizer needs to know of it"

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # clang-format over every source, clang-tidy over everything that the CPU build compiles, Doxygen over
-# the public headers; what only the production build does is analysed in scripts/cuda-build-check.sh.
+# the public headers, ShellCheck and Flake8 over scripts; what only the production build does is analysed in scripts/cuda-build-check.sh.
 . "$(dirname "$0")/prelude.sh"
 
+git ls-files '*.sh' '*.bash' .ci/run | xargs shellcheck -x -P SCRIPTDIR:.
+git ls-files '*.py' | xargs flake8
 git ls-files '*.h' '*.cpp' '*.cu' | xargs clang-format --dry-run -Werror
 cmake --preset host >/dev/null
 # -fopenmp's pragmas are for the compiler; the analysis needs no OpenMP runtime.

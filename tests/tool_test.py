@@ -604,8 +604,8 @@ class ToolTest(ToolCase):
             points = [(100 + x * 90 * 200 / 224, y * 90 * 200 / 224) for x, y in zip(xs, ys)]
             inside = [p for p in points if 0 <= p[0] < 400 and 0 <= p[1] < 200]
             self.assertGreater(len(inside), 9)
-            self.call(*run, "--draw", "to/new", "--force", "--layout", layout, "--scale", "90", stderr=
-                      rf"facezoo: wide: {68 - len(inside)} of 68 landmarks lie outside[^\n]*\n")
+            self.call(*run, "--draw", "to/new", "--force", "--layout", layout, "--scale", "90",
+                      stderr=rf"facezoo: wide: {68 - len(inside)} of 68 landmarks lie outside[^\n]*\n")
             width, found = pixels("to/new/wide.png")
             before = [bytes((i * 3 + c) % 200 for c in range(3)) for i in range(400)]
             drawn = [x + y * width for y in range(200) for x in range(width)
