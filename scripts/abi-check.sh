@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Compares the binary interface of the CPU build's library with that of the last release: fails if a
 # program that was built with the release might not run with this library. Additions do not count.
+# Takes about a minute on two cores.
 #   scripts/abi-check.sh [--renew]         --renew: makes the interface of this build the release's
 . "$(dirname "$0")/prelude.sh"
 
+scripts/setup.sh --tests
 build=build/abi # with what debuggers know of types, and only the library
 log=$build.log
 mkdir -p build
@@ -26,4 +28,4 @@ if [ "${1:-}" = --renew ]; then
   exit 0
 fi
 abidiff --no-show-locs --no-corpus-path --no-added-syms "$release" "$library"
-echo "programs built with $release run with this library"
+echo "programs built with $release run with this library: $SECONDS s"
