@@ -1,14 +1,12 @@
 #include "endings.h"
 
-#include "failure.h"
+#include "temporaries.h"
 
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
-#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -46,9 +44,6 @@ constexpr Ending kEndings[] = {
 #endif
 };
 
-/// Names of temporary files; the empty ones are free.
-std::array<std::array<char, PATH_MAX>, 4> temporaries;
-
 std::atomic_flag hasEnded = ATOMIC_FLAG_INIT;
 std::atomic<bool> exits{false};
 
@@ -60,8 +55,7 @@ void removeAndSay(const char* line) {
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, nullptr);
   while (hasEnded.test_and_set()) pause();
-  for (const auto& name : temporaries)
-    if (name[0] != '\0') unlink(name.data());
+  removeTemporaries();
   iovec pieces[] = {{const_cast<char*>("facezoo: "), 9},
                     {const_cast<char*>(line), std::strlen(line)},
                     {const_cast<char*>("\n"), 1}};
@@ -144,16 +138,4 @@ bool handleEnds() {
 int endWith(int code) {
   exits = true;
   return code;
-}
-
-char* noteTemporary(const std::string& name) {
-  for (auto& slot : temporaries) {
-    if (slot[0] != '\0') continue;
-    if (name.size() >= slot.size()) throw Failure(name + ": the name is too long");
-    std::copy(name.begin() + 1, name.end(), slot.begin() + 1);
-    slot[name.size()] = '\0';
-    slot[0] = name[0];  // last, so that a handler sees all of it or nothing
-    return slot.data();
-  }
-  throw Failure(name + ": too many files are being written");
 }

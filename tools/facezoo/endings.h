@@ -13,7 +13,3 @@ bool handleEnds();
 
 /// The code to return from `main`, after which the process exits of its own will.
 int endWith(int code);
-
-/// Keeps the name of a file to be removed at an end, until the first character of what is returned
-/// is set to 0. @throws Failure
-char* noteTemporary(const std::string& name);

@@ -1,7 +1,7 @@
 #include "files.h"
 
-#include "endings.h"
 #include "failure.h"
+#include "temporaries.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,6 +1,7 @@
 #include "commands.h"
 #include "endings.h"
 #include "failure.h"
+#include "messages.h"
 #include "standard_output.h"
 
 #include <fcntl.h>

@@ -3,6 +3,7 @@
 #include "arguments.h"
 #include "commands.h"
 #include "failure.h"
+#include "messages.h"
 #include "networks.h"
 #include "npy_file.h"
 #include "rows.h"

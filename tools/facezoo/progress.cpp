@@ -1,6 +1,6 @@
 #include "progress.h"
 
-#include "failure.h"
+#include "messages.h"
 
 #include <fcntl.h>
 #include <spawn.h>

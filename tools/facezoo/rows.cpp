@@ -1,7 +1,7 @@
 #include "rows.h"
 
-#include "failure.h"
 #include "json_text.h"
+#include "messages.h"
 
 #include <algorithm>
 #include <cmath>

@@ -7,6 +7,7 @@
 #include "facezoo/listener.h"
 #include "failure.h"
 #include "loading.h"
+#include "messages.h"
 #include "networks.h"
 #include "npy_file.h"
 #include "picture_stream.h"

@@ -4,6 +4,7 @@
 #include "json_text.h"
 #include "landmarks.h"
 #include "match.h"
+#include "messages.h"
 #include "npy_file.h"
 #include "rows.h"
 

@@ -4,6 +4,7 @@
 #include "file_kind.h"
 #include "files.h"
 #include "json_text.h"
+#include "messages.h"
 #include "networks.h"
 #include "rows.h"
 #include "standard_output.h"
