@@ -1,8 +1,8 @@
 /// @file
 /// Times the library's own kernels on the card, each beside its floor, as a Markdown table.
 
-#include "devices.h"
-#include "failure.h"
+#include "client/devices.h"
+#include "client/failure.h"
 #include "kernels/eltwise.h"
 #include "kernels/l2_norm.h"
 #include "kernels/transform.h"
@@ -15,9 +15,9 @@
 #include <iostream>
 #include <string>
 
-namespace {
+using namespace facezoo;
 
-using facezoo::MeanKind;
+namespace {
 
 int attribute(cudaDeviceAttr which) {
   int value = 0;

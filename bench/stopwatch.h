@@ -21,14 +21,14 @@ class Stopwatch {
 
 #else
 
-#include "devices.h"
+#include "client/devices.h"
 
 /// Times what the default stream does, which is idle at `start`.
 class Stopwatch {
  public:
   Stopwatch() {
-    checkCall(cudaEventCreate(&start_), "creation of an event");
-    checkCall(cudaEventCreate(&stop_), "creation of an event");
+    facezoo::checkCall(cudaEventCreate(&start_), "creation of an event");
+    facezoo::checkCall(cudaEventCreate(&stop_), "creation of an event");
   }
   Stopwatch(const Stopwatch&) = delete;
   Stopwatch& operator=(const Stopwatch&) = delete;
@@ -38,15 +38,15 @@ class Stopwatch {
   }
 
   void start() {
-    checkCall(cudaDeviceSynchronize(), "wait for the device");
-    checkCall(cudaEventRecord(start_, nullptr), "record of an event");
+    facezoo::checkCall(cudaDeviceSynchronize(), "wait for the device");
+    facezoo::checkCall(cudaEventRecord(start_, nullptr), "record of an event");
   }
   /// Milliseconds since `start`, once all is done.
   double stop() {
     float milliseconds = 0;
-    checkCall(cudaEventRecord(stop_, nullptr), "record of an event");
-    checkCall(cudaEventSynchronize(stop_), "wait for an event");
-    checkCall(cudaEventElapsedTime(&milliseconds, start_, stop_), "time between events");
+    facezoo::checkCall(cudaEventRecord(stop_, nullptr), "record of an event");
+    facezoo::checkCall(cudaEventSynchronize(stop_), "wait for an event");
+    facezoo::checkCall(cudaEventElapsedTime(&milliseconds, start_, stop_), "time between events");
     return milliseconds;
   }
 

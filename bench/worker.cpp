@@ -14,13 +14,13 @@
 /// - "profile": the milliseconds of one `Forward` by kind of call, in the order of `callKinds`; a
 ///   device that is not simulated answers with an empty line
 
-#include "batch.h"
+#include "client/batch.h"
+#include "client/failure.h"
+#include "client/files.h"
+#include "client/networks.h"
+#include "client/synthesis.h"
 #include "facezoo.h"
-#include "failure.h"
-#include "files.h"
-#include "networks.h"
 #include "stopwatch.h"
-#include "synthesis.h"
 
 #if FACEZOO_SIMULATED
 #include <host_device.h>
@@ -32,6 +32,8 @@
 #include <iostream>
 #include <sstream>
 #include <vector>
+
+using namespace facezoo;
 
 namespace {
 

@@ -1,8 +1,10 @@
 // An image file from its bytes to the upright pixels that a network takes, grey or in
 // colour.
-#include "failure.h"
-#include "images.h"
+#include "client/failure.h"
+#include "client/images.h"
 #include "memory_file.h"
+
+using namespace facezoo;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static facezoo::fuzz::MemoryFile file;

@@ -1,12 +1,14 @@
 // A safetensors file from its bytes to the weight file that is made of it.
-#include "safetensors.h"
-#include "failure.h"
+#include "client/safetensors.h"
+#include "client/failure.h"
+#include "client/weight_exchange.h"
+#include "client/weight_names.h"
 #include "memory_file.h"
 #include "small_network.h"
-#include "weight_exchange.h"
-#include "weight_names.h"
 
 #include <sstream>
+
+using namespace facezoo;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static facezoo::fuzz::MemoryFile file;

@@ -1,11 +1,13 @@
 #include "arguments.h"
 
-#include "networks.h"
+#include "client/networks.h"
 
 #include <charconv>
 #include <cstdlib>
 #include <limits>
 #include <system_error>
+
+using namespace facezoo;
 
 void addNetworkArgument(CLI::App& command, std::string& name) {
   command.add_option("NET", name, "Name of the network")

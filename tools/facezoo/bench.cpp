@@ -1,15 +1,15 @@
 #include "arguments.h"
-#include "batch.h"
+#include "client/batch.h"
+#include "client/failure.h"
+#include "client/file_kind.h"
+#include "client/networks.h"
+#include "client/synthesis.h"
+#include "client/weight_document.h"
 #include "commands.h"
 #include "cpu_platform.h"
 #include "facezoo.h"
 #include "facezoo/listener.h"
-#include "failure.h"
-#include "file_kind.h"
-#include "networks.h"
 #include "rows.h"
-#include "synthesis.h"
-#include "weight_document.h"
 
 #include <unistd.h>
 
@@ -23,6 +23,8 @@
 #include <optional>
 #include <random>
 #include <system_error>
+
+using namespace facezoo;
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "endings.h"
 
-#include "temporaries.h"
+#include "client/temporaries.h"
 
 #include <sys/uio.h>
 #include <unistd.h>
@@ -12,6 +12,8 @@
 #include <cstring>
 #include <exception>
 #include <new>
+
+using namespace facezoo;
 
 namespace {
 

@@ -1,9 +1,9 @@
+#include "client/devices.h"
+#include "client/failure.h"
+#include "client/networks.h"
 #include "commands.h"
 #include "cpu_platform.h"
 #include "device_requirement.h"
-#include "devices.h"
-#include "failure.h"
-#include "networks.h"
 #include "rows.h"
 #include "standard_output.h"
 
@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+
+using namespace facezoo;
 
 namespace {
 

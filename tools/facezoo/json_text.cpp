@@ -1,12 +1,14 @@
 #include "json_text.h"
 
-#include "failure.h"
+#include "client/failure.h"
 
 #include <utf8.h>
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
 #include <cstdlib>
+
+using namespace facezoo;
 
 namespace {
 

@@ -1,12 +1,14 @@
 #include "landmarks.h"
 
-#include "failure.h"
-#include "images.h"
+#include "client/failure.h"
+#include "client/images.h"
 
 #include <stb_image_write.h>
 
 #include <algorithm>
 #include <cmath>
+
+using namespace facezoo;
 
 namespace {
 

@@ -1,9 +1,9 @@
 /// @file
 #pragma once
 
-#include "files.h"
+#include "client/files.h"
+#include "client/picture_limits.h"
 #include "network_table.h"
-#include "picture_limits.h"
 
 #include <string>
 
@@ -19,5 +19,5 @@ struct LandmarkReading {
 /// @return how many of the landmarks lie outside of the picture
 /// @throws Failure if the one cannot be read or the other not be written
 int drawLandmarks(const std::string& path, const float* values, const LandmarkReading& reading,
-                  const facezoo::InputGeometry& geometry, PictureLimits& limits,
-                  const OutputPlace& drawing);
+                  const facezoo::InputGeometry& geometry, facezoo::PictureLimits& limits,
+                  const facezoo::OutputPlace& drawing);

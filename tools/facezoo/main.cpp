@@ -1,6 +1,6 @@
+#include "client/failure.h"
 #include "commands.h"
 #include "endings.h"
-#include "failure.h"
 #include "messages.h"
 #include "standard_output.h"
 
@@ -10,6 +10,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+
+using namespace facezoo;
 
 namespace {
 

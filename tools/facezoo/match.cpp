@@ -1,10 +1,10 @@
 #include "match.h"
 
 #include "arguments.h"
+#include "client/failure.h"
+#include "client/networks.h"
 #include "commands.h"
-#include "failure.h"
 #include "messages.h"
-#include "networks.h"
 #include "npy_file.h"
 #include "rows.h"
 #include "run.h"
@@ -15,6 +15,8 @@
 #include <cmath>
 #include <limits>
 #include <numeric>
+
+using namespace facezoo;
 
 namespace {
 

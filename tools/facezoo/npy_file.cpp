@@ -1,13 +1,15 @@
 #include "npy_file.h"
 
-#include "failure.h"
-#include "files.h"
+#include "client/failure.h"
+#include "client/files.h"
 #include "json_text.h"
 
 #include <cstring>
 #include <filesystem>
 #include <regex>
 #include <string_view>
+
+using namespace facezoo;
 
 namespace fs = std::filesystem;
 

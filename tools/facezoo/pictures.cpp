@@ -1,7 +1,7 @@
 #include "pictures.h"
 
-#include "failure.h"
-#include "files.h"
+#include "client/failure.h"
+#include "client/files.h"
 
 #include <sys/stat.h>
 
@@ -16,6 +16,8 @@
 #include <string_view>
 #include <system_error>
 #include <utility>
+
+using namespace facezoo;
 
 namespace fs = std::filesystem;
 

@@ -1,7 +1,7 @@
 #include "result_files.h"
 
-#include "batch.h"
-#include "failure.h"
+#include "client/batch.h"
+#include "client/failure.h"
 #include "json_text.h"
 
 #include <nlohmann/json.hpp>
@@ -17,6 +17,8 @@
 #include <sstream>
 #include <string_view>
 #include <system_error>
+
+using namespace facezoo;
 
 namespace fs = std::filesystem;
 

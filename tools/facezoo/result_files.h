@@ -2,7 +2,7 @@
 /// The files that a run writes its results to.
 #pragma once
 
-#include "files.h"
+#include "client/files.h"
 
 #include <cstddef>
 #include <memory>
@@ -35,8 +35,8 @@ class ResultFiles {
 /// Files that are lost if the run is stopped.
 /// @param replaces whether they may take the places of others
 /// @throws Failure
-std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths, Outputs& outputs,
-                                        bool replaces);
+std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths,
+                                        facezoo::Outputs& outputs, bool replaces);
 
 /// Files that a later run goes on with if this one is stopped, even by a loss of power, which costs
 /// the results of the last half second. Until they are complete they stand beside their places as
@@ -44,5 +44,5 @@ std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths, O
 /// every other says which pictures a batch had and where each file ended after it.
 /// @param run what must be the same for a run to go on with the files of another: a line of JSON
 /// @throws Failure if there are files of another run, or complete ones, or one that is going on
-std::unique_ptr<ResultFiles> resumableFiles(const std::vector<std::string>& paths, Outputs& outputs,
-                                            const std::string& run);
+std::unique_ptr<ResultFiles> resumableFiles(const std::vector<std::string>& paths,
+                                            facezoo::Outputs& outputs, const std::string& run);

@@ -1,16 +1,16 @@
 #include "run.h"
 #include "arguments.h"
-#include "batch.h"
+#include "client/batch.h"
+#include "client/devices.h"
+#include "client/failure.h"
+#include "client/loading.h"
+#include "client/networks.h"
+#include "client/picture_stream.h"
 #include "commands.h"
-#include "devices.h"
 #include "facezoo.h"
 #include "facezoo/listener.h"
-#include "failure.h"
-#include "loading.h"
 #include "messages.h"
-#include "networks.h"
 #include "npy_file.h"
-#include "picture_stream.h"
 #include "pictures.h"
 #include "progress.h"
 #include "rows.h"
@@ -25,12 +25,11 @@
 #include <memory>
 #include <unordered_map>
 
+using namespace facezoo;
+
 namespace fs = std::filesystem;
 
 namespace {
-
-using facezoo::NetworkTable;
-using facezoo::OutputGroup;
 
 [[noreturn]] void refuse(const std::string& option, const std::string& why) {
   throw CLI::ValidationError(option, why);

@@ -1,6 +1,6 @@
 #include "sinks.h"
 
-#include "failure.h"
+#include "client/failure.h"
 #include "json_text.h"
 #include "landmarks.h"
 #include "match.h"
@@ -13,12 +13,11 @@
 #include <filesystem>
 #include <map>
 
+using namespace facezoo;
+
 namespace fs = std::filesystem;
 
 namespace {
-
-using facezoo::NetworkTable;
-using facezoo::OutputGroup;
 
 std::string formatOf(const RunOptions& options) {
   return options.format.empty() ? "table" : options.format;

@@ -2,8 +2,8 @@
 /// What becomes of the results of `facezoo run`.
 #pragma once
 
-#include "batch.h"
-#include "images.h"
+#include "client/batch.h"
+#include "client/images.h"
 #include "network_table.h"
 #include "result_files.h"
 
@@ -16,14 +16,14 @@
 struct RunOptions {
   std::string network, weights, prefix, format, output, features, list, drawings, layout, gallery,
       channels;
-  int batch = 8, threads = 0, nearest = 1, maxPixels = PictureLimits::kDefaultPixels;
+  int batch = 8, threads = 0, nearest = 1, maxPixels = facezoo::PictureLimits::kDefaultPixels;
   float scale = 1;
   bool norm = false, strict = false, resume = false, force = false, null = false, noOrient = false;
   std::vector<std::string> images, compared;
 };
 
 /// How `options` have pictures read.
-inline PictureReading readingOf(const RunOptions& options) {
+inline facezoo::PictureReading readingOf(const RunOptions& options) {
   return {!options.noOrient, options.channels == "bgr"};
 }
 
@@ -34,7 +34,7 @@ class Sink {
   Sink(const Sink&) = delete;
   Sink& operator=(const Sink&) = delete;
   virtual ~Sink() = default;
-  virtual void take(const std::string& picture, const Batch& batch, int index) = 0;
+  virtual void take(const std::string& picture, const facezoo::Batch& batch, int index) = 0;
   /// After the last picture.
   virtual void finish() {}
 };
@@ -55,5 +55,5 @@ std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options,
                                             const facezoo::NetworkTable& table,
                                             const std::vector<std::string>& pictures,
                                             const std::map<std::string, std::string>& places,
-                                            Outputs& outputs, ResultFiles& files,
-                                            PictureLimits& limits);
+                                            facezoo::Outputs& outputs, ResultFiles& files,
+                                            facezoo::PictureLimits& limits);

@@ -11,6 +11,8 @@
 #include <string>
 #include <system_error>
 
+using namespace facezoo;
+
 class StandardOutput::Buffer : public std::streambuf {
  public:
   Buffer() { setp(bytes_, bytes_ + sizeof bytes_); }

@@ -1,15 +1,15 @@
 /// @file
 #pragma once
 
-#include "failure.h"
+#include "client/failure.h"
 
 #include <memory>
 #include <ostream>
 
 /// Who read standard output is gone, as `head` is when it has seen enough.
-class ReaderGone : public Failure {
+class ReaderGone : public facezoo::Failure {
  public:
-  ReaderGone() : Failure("standard output: cannot be written: nobody reads it") {}
+  ReaderGone() : facezoo::Failure("standard output: cannot be written: nobody reads it") {}
 };
 
 /// Puts a buffer behind `std::cout` that waits where nothing can be written yet, and throws where

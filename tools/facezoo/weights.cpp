@@ -1,17 +1,17 @@
 #include "arguments.h"
+#include "client/failure.h"
+#include "client/file_kind.h"
+#include "client/files.h"
+#include "client/networks.h"
+#include "client/synthesis.h"
+#include "client/weight_document.h"
+#include "client/weight_exchange.h"
+#include "client/weight_names.h"
 #include "commands.h"
-#include "failure.h"
-#include "file_kind.h"
-#include "files.h"
 #include "json_text.h"
 #include "messages.h"
-#include "networks.h"
 #include "rows.h"
 #include "standard_output.h"
-#include "synthesis.h"
-#include "weight_document.h"
-#include "weight_exchange.h"
-#include "weight_names.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -19,6 +19,8 @@
 #include <limits>
 #include <memory>
 #include <optional>
+
+using namespace facezoo;
 
 namespace {
 

@@ -1,0 +1,17 @@
+/// @file
+#pragma once
+
+#include "client/networks.h"
+
+#include <functional>
+#include <string>
+
+namespace facezoo {
+
+/// Constructs a network of weights that are checked where it takes them from, so that they are read
+/// once, lends it to `use` and destroys it. The library prints nothing meanwhile.
+/// @throws Failure that names what is wrong with the file; what `use` throws
+void withCheckedNetwork(const KnownNetwork& known, const std::string& weightFile, int maxBatch,
+                        const std::string& prefix, const std::function<void(Network&)>& use);
+
+}  // namespace facezoo

@@ -1,0 +1,43 @@
+#include "client/networks.h"
+
+#include "client/failure.h"
+#include "network_list.h"
+
+#include <algorithm>
+
+namespace facezoo {
+
+namespace {
+
+template <class Net>
+void withNetwork(const std::string& weightFile, int maxBatch, const std::string& prefix,
+                 const std::function<void(Network&)>& use) {
+  Net network(weightFile.c_str(), maxBatch, prefix);
+  use(network);
+}
+
+}  // namespace
+
+const std::vector<KnownNetwork>& knownNetworks() {
+  static const auto all = Networks::map([](auto entry) {
+    return KnownNetwork{&entry.table, withNetwork<typename decltype(entry)::Class>};
+  });
+  static const std::vector<KnownNetwork> networks(all.begin(), all.end());
+  return networks;
+}
+
+std::vector<std::string> networkNames() {
+  std::vector<std::string> names;
+  for (const KnownNetwork& known : knownNetworks()) names.emplace_back(known.table->name);
+  return names;
+}
+
+const KnownNetwork& findNetwork(const std::string& name) {
+  const auto found =
+      std::find_if(knownNetworks().begin(), knownNetworks().end(),
+                   [&](const KnownNetwork& known) { return name == known.table->name; });
+  if (found == knownNetworks().end()) throw Failure("there is no network " + name);
+  return *found;
+}
+
+}  // namespace facezoo

@@ -1,0 +1,72 @@
+/// @file
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <string>
+
+namespace facezoo {
+
+/// Memory that threads share, counted in bytes before it is allocated.
+class MemoryBudget {
+ public:
+  explicit MemoryBudget(std::size_t bytes) : total_(bytes), free_(bytes) {}
+
+  /// Who wants so much has to give back what it holds, and to reserve the whole.
+  struct Busy {
+    std::size_t needed;
+  };
+
+  /// Part of the budget, given back at its end.
+  class Share {
+   public:
+    Share() = default;
+    Share(Share&& other) noexcept;
+    Share& operator=(Share&& other) noexcept;
+    ~Share();
+
+    /// Makes the share as large as `bytes`, without waiting: all who hold a share could wait for
+    /// each other.
+    /// @throws Busy if so much is not free now
+    void grow(std::size_t bytes);
+
+   private:
+    friend MemoryBudget;
+    Share(MemoryBudget& budget, std::size_t bytes) : budget_(&budget), bytes_(bytes) {}
+
+    MemoryBudget* budget_ = nullptr;
+    std::size_t bytes_ = 0;
+  };
+
+  /// Waits until so much is free. @throws Failure about `path` if it never will be
+  Share reserve(const std::string& path, std::size_t bytes);
+
+ private:
+  const std::size_t total_;
+  std::size_t free_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+};
+
+/// What the pictures of a run may take, on all of its threads together.
+struct PictureLimits {
+  /// No camera's picture has more: the largest are of 200 million, of telephones.
+  static constexpr int kDefaultPixels = 200'000'000;
+  /// So that lengths of rows in bytes are an `int`, as resampling needs them.
+  static constexpr int kLargestPixels = 1 << 29;
+  /// Decoding takes 1 to 4 bytes for the samples of a pixel, as much again where the picture is
+  /// turned, and of a JPEG file with several scans the coefficients: 2 to 8 bytes. Of a photograph
+  /// with its colours at half the resolution, all of it is 6.
+  static constexpr std::size_t kBytesPerPixel = 8;
+  /// For what does not grow with the pixels, such as files.
+  static constexpr std::size_t kLeastBytes = std::size_t{64} << 20;
+
+  /// @param mostPixels of a picture
+  explicit PictureLimits(int mostPixels = kDefaultPixels);
+
+  const std::size_t pixels;
+  MemoryBudget memory;
+};
+
+}  // namespace facezoo

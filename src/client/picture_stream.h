@@ -1,0 +1,60 @@
+/// @file
+#pragma once
+
+#include "client/images.h"
+#include "network_table.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace facezoo {
+
+/// Pictures fitted to a network, decoded on threads of its own ahead of whoever takes them. What no
+/// thread can be had for is decoded when it is taken.
+class PictureStream {
+ public:
+  struct Decoded {
+    std::vector<unsigned char> pixels;
+    std::exception_ptr fault;  ///< why there are no pixels; null if there are
+  };
+
+  /// @param limits what decoding may take on all threads, and elsewhere, together
+  /// @param ahead how many pictures may wait to be taken; bounds the memory
+  PictureStream(const std::vector<std::string>& paths, const InputGeometry& geometry,
+                const PictureReading& reading, PictureLimits& limits, int threads,
+                std::size_t ahead);
+  PictureStream(const PictureStream&) = delete;
+  PictureStream& operator=(const PictureStream&) = delete;
+  ~PictureStream();
+
+  /// The next picture in the order of the paths; to be called once for each.
+  Decoded take();
+
+ private:
+  struct Slot {
+    bool isFull = false;
+    Decoded decoded;
+  };
+
+  void work();
+  void stop();
+  Decoded decode(const std::string& path) const noexcept;
+
+  const std::vector<std::string>& paths_;
+  const InputGeometry geometry_;
+  const PictureReading reading_;
+  PictureLimits& limits_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::size_t claimed_ = 0, taken_ = 0;
+  bool stopped_ = false;
+  std::vector<Slot> ready_;  ///< in turn, so that handing over takes no memory
+  std::vector<std::thread> workers_;
+};
+
+}  // namespace facezoo
