@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # clang-format over every source, clang-tidy over everything that the CPU build compiles, Doxygen over
-# the public headers, ShellCheck and Flake8 over scripts; what only the production build does is analysed in scripts/cuda-build-check.sh.
+# the public headers, ShellCheck and Flake8 over scripts; what only the production build does is analysed
+# in scripts/cuda-build-check.sh.
 . "$(dirname "$0")/prelude.sh"
 
 git ls-files '*.sh' '*.bash' .ci/run | xargs shellcheck -x -P SCRIPTDIR:.
