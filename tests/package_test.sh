@@ -242,7 +242,7 @@ EOF
     ninja -C "$dir/embedded" -t targets all >"$dir/found"
     ninja -C "$dir/embedded" -t commands CMakeFiles/application.dir/application.cpp.o |
       grep application.cpp >>"$dir/found"
-    if grep -E -e 'facezoo_(tests|tool|manual)|benchmark|-W(shadow|undef)|fno-math' "$dir/found"; then
+    if grep -E -e 'facezoo_(client|tests|tool|manual)|benchmark|-W(shadow|undef)|fno-math' "$dir/found"; then
       fail 'more than the library'
     fi
     cmake --install "$dir/embedded" --prefix "$dir/prefix" >/dev/null
