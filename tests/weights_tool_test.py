@@ -233,11 +233,11 @@ class WeightsTest(ToolCase):
             state = {new: tensors[name] for name, new in names.items()}
             steps = {f"net.{i}.num_batches_tracked": ("I64", [], bytes(8)) for i in range(99)}
             Path("file").write_bytes(save(steps | {name: state[name] for name in order(state)}))
-            self.assertRegex(self.call("weights", "names", net, "file", "-o", "names"), (
+            self.assertRegex(self.call("weights", "names", net, "file", "-o", "names", "--force"), (
                 rf"\Anames: 367 names of {net}, to be checked: 0 by name, \d+ by shape alone, "
                 r"\d+ by order among equal shapes, 0 not at all\n\Z"))
             self.assertEqual([*names.items()], [*json.loads(Path("names").read_text()).items()])
-            listed = self.call("weights", "import", net, "file", "-o", "made", "--names", "names")
+            listed = self.call("weights", "import", net, "file", "-o", "made", "--force", "--names", "names")
             self.assertIn("and 59 more\nmade: 367 arrays", listed)
             self.assertTrue(Path("big").read_bytes() == Path("made").read_bytes())
 
