@@ -23,7 +23,8 @@ if [ "${1:-}" = --renew ]; then
   mkdir -p abi
   rm -f abi/*.abi
   abidw --no-corpus-path --no-comp-dir-path --no-show-locs --exported-interfaces-only \
-    --no-elf-needed --drop-undefined-syms --drop-private-types --headers-dir include "$library" >"$release"
+    --no-elf-needed --drop-undefined-syms --drop-private-types --headers-dir include "$library" |
+    sed "s,path='$PWD/,path='," >"$release"
   echo "$release: $(wc -c <"$release") bytes"
   exit 0
 fi
