@@ -18,6 +18,8 @@ struct NetworkEntry {
 
 template <class... Entries>
 struct NetworkList {
+  static constexpr const NetworkTable* tables[] = {&Entries::table...};
+
   /// What `make` returns for each entry.
   template <class Make>
   static constexpr auto map(const Make& make) {
@@ -33,6 +35,6 @@ using Networks =
                 NetworkEntry<GoogLeNet_FAA3ch_12tasks, googLeNetFAA3ch12tasks>,
                 NetworkEntry<LCNN29, lcnn29>>;
 
-inline constexpr auto networkTables = Networks::map([](auto entry) { return &entry.table; });
+inline constexpr const auto& networkTables = Networks::tables;
 
 }  // namespace facezoo
