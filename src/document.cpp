@@ -31,25 +31,18 @@ class Builder : public msgpack::v2::null_visitor {
   bool visit_negative_integer(std::int64_t /*value*/) { return build(type::NEGATIVE_INTEGER); }
   bool visit_float32(float /*value*/) { return build(type::FLOAT32); }
   bool visit_float64(double /*value*/) { return build(type::FLOAT64); }
-  bool visit_str(const char* data, std::uint32_t size) {
-    if (place_ != nullptr) place_->via.str = {size, data};
-    return build(type::STR);
-  }
-  bool visit_bin(const char* data, std::uint32_t size) {
-    if (place_ != nullptr) place_->via.bin = {size, data};
-    return build(type::BIN);
-  }
+  bool visit_str(const char* data, std::uint32_t size) { return build(type::STR, size, data); }
+  bool visit_bin(const char* data, std::uint32_t size) { return build(type::BIN, size, data); }
   bool visit_ext(const char* data, std::uint32_t size) {
-    if (place_ != nullptr) place_->via.ext = {size - 1, data};  // without the byte of its type
-    return build(type::EXT);
+    return build(type::EXT, size - 1, data);  // without the byte of its type
   }
   bool start_array(std::uint32_t /*size*/) {
-    if (place_ != nullptr) place_->via.array = {0, nullptr};
-    return build(type::ARRAY) && enter();
+    build(type::ARRAY);
+    return enter();
   }
   bool start_map(std::uint32_t size) {
-    if (place_ != nullptr) place_->via.map = {depth_ == 0 ? size : 0, nullptr};
-    return build(type::MAP) && enter();
+    build(type::MAP, depth_ == 0 ? size : 0);
+    return enter();
   }
   bool start_map_key() {
     if (isAtEntry()) place_ = &entry_->key;
@@ -74,8 +67,11 @@ class Builder : public msgpack::v2::null_visitor {
 
  private:
   bool isAtEntry() const { return depth_ == 1 && entry_ != nullptr; }
-  bool build(type::object_type built) {
-    if (place_ != nullptr) place_->type = built;
+  bool build(type::object_type built, std::uint32_t size = 0, const char* data = nullptr) {
+    if (place_ != nullptr) {
+      place_->type = built;
+      place_->via.str = {size, data};  // as binaries, extensions, arrays and maps begin, too
+    }
     place_ = nullptr;
     return true;
   }

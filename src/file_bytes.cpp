@@ -49,11 +49,10 @@ FileBytes readAll(std::istream& file, const char* path) {
 
 void shrink(FileBytes& bytes, std::size_t size) {
   if (size == bytes.size) return;
-  void* const smaller = std::realloc(bytes.data.get(), size);
-  if (smaller == nullptr) throw std::bad_alloc();
-  bytes.data.release();  // NOLINT(bugprone-unused-return-value)
-  bytes.data.reset(static_cast<char*>(smaller));
-  bytes.size = size;
+  FileBytes smaller = allocate(size);
+  std::memcpy(smaller.data.get(), bytes.data.get(), size);
+  smaller.size = size;
+  bytes = std::move(smaller);
 }
 
 }  // namespace facezoo

@@ -137,6 +137,45 @@ TEST_F(WeightFileTest, DocumentsOfTheWrongFormHaveTheirAnswers) {
   expect("an empty map", std::string("\x80"), Answer::badWeights, "inMean-0 not found.\n");
 }
 
+TEST_F(WeightFileTest, AnEntryMayBeOfAnyTypeAndHoldsNothingOfIts) {
+  namespace type = msgpack::v1::type;
+  const struct {
+    type::object_type type;
+    std::string bytes;
+    std::uint32_t size;
+  } values[] = {{type::NIL, "\xc0", 0},
+                {type::BOOLEAN, "\xc2", 0},
+                {type::POSITIVE_INTEGER, "\x05", 0},
+                {type::NEGATIVE_INTEGER, "\xff", 0},
+                {type::FLOAT32, std::string("\xca\0\0\0\0", 5), 0},
+                {type::FLOAT64, std::string("\xcb\0\0\0\0\0\0\0\0", 9), 0},
+                {type::STR, "\xa2xy", 2},
+                {type::BIN, "\xc4\x02xy", 2},
+                {type::EXT, "\xd5\x01xy", 2}};
+  std::string map("\xde\0\x12", 3), nested;
+  for (const auto& value : values) nested += value.bytes + "\x91\xc0";
+  for (const auto& value : values)
+    map += value.bytes + "\x89" + nested + "\x92" + value.bytes + "\xc0" + value.bytes;
+  const TemporaryFile good, file;
+  seededDocument(smallNetwork).save(good.path);
+  SmallNetwork net(good.path.c_str(), 1, "");
+  std::ofstream(file.path, std::ios::binary) << map;
+  msgpack::v1::unpacked document;
+  net.openMsgPack(file.path.c_str(), document);
+  ASSERT_EQ(18U, document->via.map.size);
+  const msgpack::v1::object_kv* entry = document->via.map.ptr;
+  for (const auto& value : values) {
+    for (const msgpack::v1::object& built : {entry[0].key, entry[1].val}) {
+      EXPECT_EQ(value.type, built.type);
+      EXPECT_EQ(value.size, built.via.str.size);
+    }
+    EXPECT_EQ(type::MAP, entry[0].val.type);
+    EXPECT_EQ(type::ARRAY, entry[1].key.type);
+    EXPECT_EQ(0U, entry[0].val.via.map.size + entry[1].key.via.array.size);
+    entry += 2;
+  }
+}
+
 TEST_F(WeightFileTest, AFileCutAnywhereIsInsufficient) {
   const TemporaryFile file;
   seededDocument(smallNetwork).save(file.path);
