@@ -191,6 +191,7 @@ class ToolTest(ToolCase):
         self.call("run", NET, "-w", "good", "face.jpg")
         self.assertEqual(16, len(os.read(watch, 999)))  # the length of one event
 
+    @unittest.skipIf(SANITIZED, "which need files of their own to look at memory")
     def test_keeps_the_library_quiet(self):
         """Where it would print among the results: a weight file that cannot be opened any more."""
         few = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (5, 5))
