@@ -1,15 +1,14 @@
 #!/usr/bin/env bash
-# Shows on a machine with a card what the production build does there, and writes it down in
-# docs/gpu-results.md: the tests of the cuda build, one pass of every network under each tool of
-# compute-sanitizer, and the comparison with PyTorch. Ends within nine minutes: what time is left
-# goes to the comparison, which says what it did not come to. Needs the CUDA toolkit, cuDNN, CMake,
-# Ninja and, for the comparison, Python with PyTorch, NumPy and msgpack; no network.
+# Runs the production build on a machine with a card and writes the results to docs/gpu-results.md: the
+# tests of the cuda build, one pass of every network under each tool of compute-sanitizer, and the
+# comparison with PyTorch. Ends within nine minutes: the comparison gets the time that is left, and says
+# what it had no time for. Needs the CUDA toolkit, cuDNN, CMake, Ninja and, for the comparison, Python
+# with PyTorch, NumPy and msgpack; needs no network.
 #   scripts/gpu-check.sh [--dependencies DIR] [--tests] [--sanitize] [--bench [NET...]]
 #   scripts/gpu-check.sh --collect DIR    fills DIR, on a machine with Debian's packages
-# Without --tests, --sanitize or --bench it does all three. A part that is not run keeps what the
-# document says of it. DIR (build/gpu-dependencies) holds include/, with msgpack's headers, and
-# googletest/, with GoogleTest's sources. FACEZOO_COMMIT names the commit where there is no
-# repository.
+# --tests, --sanitize and --bench choose parts; the default is all three. A part that is not run keeps
+# its section of the page. DIR (build/gpu-dependencies) holds include/ with msgpack's headers, and
+# googletest/ with GoogleTest's sources. FACEZOO_COMMIT names the commit where there is no repository.
 . "$(dirname "$0")/prelude.sh"
 
 deadline=$((SECONDS + 520))
@@ -44,49 +43,53 @@ rm -f "$results"/{tests,sanitize,bench}.md
 
 left() { echo $((deadline > SECONDS ? deadline - SECONDS : 1)); }
 
-# What a part says as long as no card has answered.
+# The section of a part that has not been measured.
 unanswered() {
   case $1 in
     tests)
       cat <<'TEXT'
 ## Tests
 
-Open; `scripts/gpu-check.sh --tests` shows:
+Open. `scripts/gpu-check.sh --tests` will show
 
-- all layers and all eight networks within the bounds of the CPU build's tests, the networks within
-  1e-4 of double precision, as the CPU build is, whatever algorithms cuDNN chooses;
-- the contract that hosts rely on: errors, pool, copies, lives of several networks;
+- whether all layers and all eight networks are within the bounds of the CPU build's tests, the networks
+  within 1e-4 of double precision, whatever algorithms cuDNN chooses;
+- whether the contract holds that hosts rely on: errors, pool, copies, lives of several networks;
 - whether average pooling divides an overhanging window by its positions inside the padded input, as
   the CPU platform does, and whether rounded-up pooling sizes are accepted;
-- NaN through max pooling, `Relu` and the fused convolution;
-- the math types that the algorithm query reports under plain fp32;
-- the L2 norm bit for bit, softmax of large inputs without subtraction of the maximum;
-- the same free device memory after 10000 passes of each network, and after each of 1000 lives of one.
+- what becomes of NaN in max pooling, `Relu` and the fused convolution;
+- which math types the query for an algorithm reports under plain fp32;
+- whether the L2 norm has the same bits as on the CPU, and softmax subtracts no maximum of large inputs;
+- whether as much device memory is free after 10000 passes of each network, and after each of 1000 lives
+  of one.
 TEXT
       ;;
     sanitize)
       cat <<'TEXT'
 ## Sanitizers
 
-Open; `scripts/gpu-check.sh --sanitize` runs memcheck, initcheck, racecheck and synccheck over a few
-passes of every network.
+Open. `scripts/gpu-check.sh --sanitize` runs a few passes of every network under memcheck, initcheck,
+racecheck and synccheck.
 TEXT
       ;;
     bench)
       cat <<'TEXT'
 ## Speed
 
-Open; `scripts/gpu-check.sh --bench` compares with PyTorch at batches 1, 8, 32 and 128 and times the
-library's own kernels. Aims: twice the throughput of PyTorch's eager mode with autotuning at batch 1
-and once at batch 32, once that of its best form at batch 1; element-wise kernels as fast as a copy of
-as many bytes; the L2 norm of 18432 values in little more than the time of its chain of
-multiply-adds.
+Open. `scripts/gpu-check.sh --bench` compares the library with PyTorch at batches 1, 8, 32 and 128, and
+times the library's own kernels. The aims are
+
+- at batch 1, twice the throughput of PyTorch's eager mode with autotuning, and at least that of its best
+  form;
+- at batch 32, at least the throughput of eager mode;
+- element-wise kernels as fast as a copy of as many bytes;
+- an L2 norm of 18432 values in little more than the time of its chain of multiply-adds.
 TEXT
       ;;
   esac
 }
 
-# The part as the document has it, up to the next one.
+# The section of a part as the page has it.
 answered() {
   local heading
   heading=$(unanswered "$1" | head -1)
@@ -99,9 +102,10 @@ write_document() {
     echo "# What has been measured on a card"
     echo
     cat <<'TEXT'
-Written by `scripts/gpu-check.sh`; each part says when, on what and of which commit. What needs no card
-is checked by `scripts/cuda-build-check.sh`, and by `scripts/cuda-toolkits-check.sh` against toolkits
-11.2, 11.8 and 12.4 with cuDNN 8 and 9.
+`scripts/gpu-check.sh` writes this page. Each part that has been measured says when, on what card and of
+which commit; a part that has not is marked as open. What needs no card is checked by
+`scripts/cuda-build-check.sh`, and by `scripts/cuda-toolkits-check.sh` against toolkits 11.2, 11.8 and 12.4
+with cuDNN 8 and 9.
 TEXT
     for part in tests sanitize bench; do
       text=$(cat "$results/$part.md" 2>/dev/null || answered "$part")
@@ -111,7 +115,7 @@ TEXT
   cp "$results/document.md" "$document"
 }
 
-# begin PART: the heading and what it ran on
+# begin PART: the heading, and what the part runs on
 begin() {
   unanswered "$1" | head -2
   echo "$(date +%F), $card, $versions, commit $commit."
@@ -126,7 +130,7 @@ build() {
     options+=("-DFACEZOO_MSGPACK_INCLUDE_DIR=$folder/include"
       "-DFACEZOO_GOOGLETEST_DIR=$folder/googletest")
   fi
-  # Where the toolkit comes without the libraries, Python's packages may have them.
+  # If the toolkit comes without cuDNN and cuBLAS, packages of Python may have them.
   local toolkit packages
   toolkit=$(dirname "$(dirname "$(readlink -f "$(command -v nvcc)")")")
   packages=$(python3 -c 'import nvidia; print(nvidia.__path__[0])' 2>/dev/null || true)
@@ -202,7 +206,7 @@ run_sanitize() {
       echo "| $tool | $result | $(grep 'SUMMARY' "$results/$tool.log" | tail -1 | tr -d '=') |"
     done
     for tool in "${tools[@]}"; do
-      # Which kernels it is about.
+      # The places that the findings name.
       grep -oE ' at .*' "$results/$tool.log" | sort | uniq -c | sort -rn | head -5 |
         sed "s/^/    $tool:/" || true
     done
