@@ -3,16 +3,19 @@
 
 #include "facezoo/network.h"
 
-/// Classifies grey 224 × 224 face crops with two heads, mouth and eye.
+/// Classifies grey 224 × 224 face crops with two heads, one for the mouth and one for the eyes.
 class FACEZOO_EXPORT DexpressionNet : public Network {
  public:
   /// @{
-  /// Constructed, taken over by a copy and destroyed as every `Network`.
+  /// `Network` says how networks are constructed, taken over by a copy and destroyed, and what that
+  /// throws.
   DexpressionNet(const char* weightFile, int maxBatch, std::string prefix);
   DexpressionNet(DexpressionNet& other);
   ~DexpressionNet() override;
   /// @}
 
+  /// Runs the network. `Network::Forward` describes `batch` and what is thrown.
+  ///
   /// @param images device memory, batch × 224 × 224 bytes
   /// @param out1 host memory, batch × 5 floats: per image two probabilities of the mouth head, then
   ///        three of the eye head; each head sums to 1

@@ -3,16 +3,20 @@
 
 #include "facezoo/network.h"
 
-/// Classifies grey 224 × 224 face images with two heads, mouth and eye.
+/// Classifies grey 224 × 224 face images with two heads, one for the mouth and one for
+/// the eyes.
 class FACEZOO_EXPORT GoogLeNet_FAA1ch : public Network {
  public:
   /// @{
-  /// Constructed, taken over by a copy and destroyed as every `Network`.
+  /// `Network` says how networks are constructed, taken over by a copy and destroyed, and what that
+  /// throws.
   GoogLeNet_FAA1ch(const char* weightFile, int maxBatch, std::string prefix);
   GoogLeNet_FAA1ch(GoogLeNet_FAA1ch& other);
   ~GoogLeNet_FAA1ch() override;
   /// @}
 
+  /// Runs the network. `Network::Forward` describes `batch` and what is thrown.
+  ///
   /// @param images device memory, batch × 224 × 224 bytes
   /// @param out1 host memory, batch × 5 floats: per image two probabilities of the mouth head, then
   ///        three of the eye head; each head sums to 1

@@ -3,17 +3,21 @@
 
 #include "facezoo/network.h"
 
-/// Classifies colour 224 × 224 face images with two heads, mouth and eye.
+/// Classifies colour 224 × 224 face images with two heads, one for the mouth and one for
+/// the eyes.
 class FACEZOO_EXPORT GoogLeNet_FAA3ch : public Network {
  public:
   /// @{
-  /// Constructed, taken over by a copy and destroyed as every `Network`.
+  /// `Network` says how networks are constructed, taken over by a copy and destroyed, and what that
+  /// throws.
   GoogLeNet_FAA3ch(const char* weightFile, int maxBatch, std::string prefix);
   GoogLeNet_FAA3ch(GoogLeNet_FAA3ch& other);
   ~GoogLeNet_FAA3ch() override;
   /// @}
 
-  /// @param images device memory, batch × 224 × 224 × 3 bytes
+  /// Runs the network. `Network::Forward` describes `batch` and what is thrown.
+  ///
+  /// @param images device memory, batch × 224 × 224 × 3 interleaved bytes
   /// @param out1 host memory, batch × 5 floats: per image two probabilities of the mouth head, then
   ///        three of the eye head; each head sums to 1
   /// @param out2 not used

@@ -3,20 +3,25 @@
 
 #include "facezoo/network.h"
 
-/// Rates colour 224 × 224 face images with twelve heads.
+/// Rates colour 224 × 224 face images with twelve heads: seven classifiers and five that give one
+/// value each.
 class FACEZOO_EXPORT GoogLeNet_FAA3ch_12tasks : public Network {
  public:
   /// @{
-  /// Constructed, taken over by a copy and destroyed as every `Network`.
+  /// `Network` says how networks are constructed, taken over by a copy and destroyed, and what that
+  /// throws.
   GoogLeNet_FAA3ch_12tasks(const char* weightFile, int maxBatch, std::string prefix);
   GoogLeNet_FAA3ch_12tasks(GoogLeNet_FAA3ch_12tasks& other);
   ~GoogLeNet_FAA3ch_12tasks() override;
   /// @}
 
-  /// @param images device memory, batch × 224 × 224 × 3 bytes
-  /// @param out1 host memory, batch × 26 floats. Per image the probabilities of seven classifiers,
-  ///        each summing to 1: eye 3, mouth 2, head 2, hair 2, eye condition 4, mouth open 4, mouth
-  ///        corner 4; then one value each of yaw, pitch, blur, noise and luminance, as computed
+  /// Runs the network. `Network::Forward` describes `batch` and what is thrown.
+  ///
+  /// @param images device memory, batch × 224 × 224 × 3 interleaved bytes
+  /// @param out1 host memory, batch × 26 floats. Per image the probabilities of the classifiers,
+  ///        which sum to 1 for each of them: eye 3, mouth 2, head 2, hair 2, eye condition 4, mouth
+  ///        open 4, mouth corner 4. Then the values of yaw, pitch, blur, noise and luminance, as
+  ///        the last layer computes them
   /// @param out2 not used
   int Forward(void* images, int batch, float* out1, float* out2) override;
 

@@ -1,5 +1,6 @@
 /// @file
-/// Everything the library offers.
+/// All networks, the choice of the device, what is thrown, and the version. Only
+/// facezoo/listener.h is included by itself.
 #pragma once
 
 #include "DexpressionNet.h"

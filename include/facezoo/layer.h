@@ -11,39 +11,44 @@
 #include <cstddef>
 #include <string>
 
-/// A layer computes one new tensor, in a block of the pool, from its input tensors. All layers
-/// share one cuDNN handle and one workspace, which the first layer's constructor creates and the
-/// last network's destructor releases. All work goes to the default stream.
+/// The base of all layers and networks. A layer computes one new tensor, in a block of the pool,
+/// from its input tensors. All work goes to the default stream.
+///
+/// All objects share one context: a cuDNN handle, and a workspace of 128 MiB of device memory. The
+/// first object's constructor creates it, and the last network's destructor releases it.
 class FACEZOO_EXPORT LayerBase {
  public:
   /// Creates the shared context if there is none.
   /// @throws cudnnStatus_t, cudaError
   LayerBase();
   /// @{
-  /// The base has nothing of its own to copy.
+  /// A copy has the same context; the base has nothing else to copy.
   LayerBase(const LayerBase&) = default;
   LayerBase& operator=(const LayerBase&) = default;
   /// @}
   virtual ~LayerBase() = default;
 
-  /// The identity: a second handle to the same block.
+  /// Returns the input itself, as a second handle to the same block. Layers override this.
   virtual Tensor operator()(const Tensor& in) { return in; }
 
-  /// Copies one weight array to device memory.
+  /// Copies one array of a weight file to device memory.
   ///
   /// @param weights the root of the weight document, a map of names to raw little-endian floats
-  /// @param name full name of the array
-  /// @param bytes its expected length
+  /// @param name full name of the array, prefix included
+  /// @param bytes the length that it must have
   /// @param dst device memory of at least `bytes` bytes
   /// @throws NetworkError 1 if the root is not a map, or the array is absent or of another length
-  ///         or type; @throws cudaError
+  ///         or type
+  /// @throws cudaError if the copy fails
   void readWeight(msgpack::v1::object& weights, std::string name, int bytes, void* dst);
 
-  /// Releases the shared context; the next layer constructed creates it again. The destructor of
-  /// the last network calls this and throws nothing. If a network's constructor fails so early that
-  /// the network does not count yet, the context stays, for the host to release or the next network
-  /// to use.
-  /// @return 0; @throws cudaError if the workspace cannot be released, and stays
+  /// Releases the shared context; the next layer that is constructed creates it again. The last
+  /// network's destructor calls this, and catches what it throws. A host may call it after a
+  /// network's constructor has thrown: if the weight file could not be read and no other network is
+  /// alive, the context stays until the next network uses it.
+  ///
+  /// @return 0
+  /// @throws cudaError if the workspace cannot be released; it stays, and the next call tries again
   static int releaseAll();
 
   static cudnnHandle_t handle_;  ///< of all layers; null while there is no shared context
@@ -60,7 +65,7 @@ class FACEZOO_EXPORT Layer {
  public:
   Layer() = default;  ///< empty
   /// @{
-  /// Takes over the other's layer; deletes the one that it had.
+  /// Takes over the other's layer, and deletes the one that it held itself.
   Layer(const Layer& other) : layer(other.layer) { other.layer = nullptr; }
   Layer& operator=(const Layer& other) {
     if (this != &other) {
@@ -71,14 +76,14 @@ class FACEZOO_EXPORT Layer {
     return *this;
   }
   /// @}
-  /// Takes ownership; the holder must be empty.
+  /// Takes ownership of a layer; the holder must be empty.
   Layer& operator=(LayerBase* p) {
     layer = p;
     return *this;
   }
   virtual ~Layer() { delete layer; }
 
-  /// The held layer's result; the input itself if there is none.
+  /// The result of the layer that it holds; the input itself if it is empty.
   virtual Tensor operator()(const Tensor& in) { return layer ? layer->operator()(in) : in; }
 
  private:

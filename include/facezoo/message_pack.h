@@ -2,8 +2,8 @@
 /// The MessagePack types of a weight document.
 #pragma once
 
-// Which version of MessagePack's interface is used, and whether with Boost, is the host's choice.
-// Only where Boost is not installed is it switched off here.
+// The host chooses the version of MessagePack's interface, and whether it uses Boost. Boost is
+// switched off here only where it is not installed.
 #if !defined(MSGPACK_NO_BOOST) && !__has_include(<boost/predef/other/endian.h>)
 #define MSGPACK_NO_BOOST
 #endif

@@ -11,8 +11,8 @@
 
 #include <memory>
 
-/// One block taken from the pool and the shape of the data in it. The block goes back to the end of
-/// the free list with the object.
+/// One block of the pool, and the shape of the data in it. The destructor gives the block back to
+/// the end of the pool's list of free blocks.
 class FACEZOO_EXPORT TensorBase {
  public:
   /// A block of the pool.
@@ -21,8 +21,8 @@ class FACEZOO_EXPORT TensorBase {
     void* ptr;  ///< device memory
   };
 
-  /// Takes the first free block; its contents are whatever its last user left.
-  /// @throws TensorError 0 if N·C·H·W floats do not fit a block, or no block is free
+  /// Takes the first free block. Its contents are what its last user left there.
+  /// @throws TensorError 0 if N·C·H·W floats do not fit into a block, or no block is free
   explicit TensorBase(int4 shape);
   virtual ~TensorBase();
   TensorBase(const TensorBase&) = delete;
@@ -35,11 +35,11 @@ class FACEZOO_EXPORT TensorBase {
   PoolBlock block_;
 };
 
-/// Shared handle to a `TensorBase`; copies share the block.
+/// Shared handle to a `TensorBase`. Copies share its block; the last one gives it back.
 class FACEZOO_EXPORT Tensor {
  public:
   Tensor() = default;  ///< no block
-  /// @throws TensorError 0, see `TensorBase`
+  /// Takes a block for data of that shape. @throws TensorError 0, see `TensorBase`
   explicit Tensor(int4 shape) : base(std::make_shared<TensorBase>(shape)) {}
   /// @{
   /// A copy shares the block; a move hands it over.
