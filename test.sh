@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Style, static analysis, and all tests of the CPU build, plain and under AddressSanitizer and
-# UndefinedBehaviorSanitizer. What else must hold before a change lands is in .ci/run.
-#   ./test.sh [host|host-asan|host-tsan|style]...    default: all but host-tsan (ThreadSanitizer)
+# Checks style and runs all tests of the CPU build, plain and under AddressSanitizer and
+# UndefinedBehaviorSanitizer. .ci/run runs everything that must pass before a change lands.
+#   ./test.sh [host|host-asan|host-tsan|style]...    default: host host-asan style
 . "$(dirname "$0")/scripts/prelude.sh"
 
 scripts/setup.sh --tests

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds what a comparison needs and runs it.
+# Builds what a comparison with other engines needs, and runs the comparison.
 #   bench/run.sh [--help | arguments of bench/compare.py]
 #   bench/run.sh torch [--help | arguments of bench/compare_torch.py]
 . "$(dirname "$0")/../scripts/prelude.sh"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# How near `facezoo run` comes to the network alone, as `facezoo bench` times it, when it decodes
-# pictures and writes a NumPy file meanwhile; in turn, so that both meet the same machine.
+# Compares `facezoo run`, which also decodes pictures and writes a NumPy file, with the network alone, which
+# `facezoo bench` times. They take turns, so that both meet the machine in the same state.
 #   bench/tool.sh [NET [BATCH [PICTURES [ROUNDS]]]]     default: LCNN29 8 1000 3
 . "$(dirname "$0")/../scripts/prelude.sh"
 network=${1:-LCNN29} batch=${2:-8} pictures=${3:-1000} rounds=${4:-3}

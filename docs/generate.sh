@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Writes the tables of the pages anew; with --check, only says where a page differs from what the
-# code says.
+# Writes the generated tables of the pages; with --check, only says where a page differs from them.
 #   docs/generate.sh [--check] [GENERATOR]    default: the host build's
 . "$(dirname "$0")/../scripts/prelude.sh"
 

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Builds the library and its tests for AArch64 with Debian's cross compiler and runs under qemu what
-# computes: every layer, every algorithm, special numbers, and two networks against double precision.
-# Five minutes of one core, after the build.
-#   scripts/aarch64-check.sh [FILTER]      default: the tests above; else those a GoogleTest filter names
+# Builds the library and its tests for AArch64 with Debian's cross compiler, and runs the tests of the
+# arithmetic under qemu: every layer, every algorithm, special numbers, and two networks against double
+# precision. After the build this takes five minutes on one core.
+#   scripts/aarch64-check.sh [FILTER]      FILTER: of GoogleTest, for other tests than these
 . "$(dirname "$0")/prelude.sh"
 
 scripts/setup.sh --aarch64
 build=build/aarch64
-# These headers are for any processor, but those beside them are not.
+# MessagePack's headers serve any processor, but the other headers in their folder do not.
 mkdir -p "$build/msgpack"
 ln -sfn /usr/include/msgpack /usr/include/msgpack.hpp "$build/msgpack"
 cmake -G Ninja -S . -B "$build" --toolchain "$PWD/cmake/aarch64-linux-gnu.cmake" \

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Compares the binary interface of the CPU build's library with that of the last release: fails if a
-# program that was built with the release might not run with this library. Additions do not count.
-# Takes about a minute on two cores.
-#   scripts/abi-check.sh [--renew]         --renew: makes the interface of this build the release's
+# Compares the binary interface of the CPU build's library with that of the last release. Fails if a program
+# that was built with the release might not run with this library; additions do no harm. Takes about a
+# minute on two cores.
+#   scripts/abi-check.sh [--renew]         --renew: writes the interface of this build to abi/, for a release
 . "$(dirname "$0")/prelude.sh"
 
 scripts/setup.sh --tests
-build=build/abi # with what debuggers know of types, and only the library
+build=build/abi # only the library, with debug information, in which the types are described
 log=$build.log
 mkdir -p build
 if ! { cmake -G Ninja -S . -B "$build" -DFACEZOO_PLATFORM=host -DFACEZOO_TESTS=OFF -DFACEZOO_TOOL=OFF \
@@ -18,7 +18,7 @@ library=$(readlink -f "$build/libfacezoo.so")
 version=$(sed -n 's/^.*libfacezoo\.so\.\([0-9]*\.[0-9]*\).*/\1/p' <<<"$library")
 release=abi/libfacezoo-$version.abi
 
-# The types that the headers describe; others are the libraries' own, or the library's inside.
+# Only types that the public headers describe: others belong to other libraries, or are internal.
 if [ "${1:-}" = --renew ]; then
   mkdir -p abi
   rm -f abi/*.abi

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Which lines and branches of the library its tests reach: a table of src/ and include/. Fails unless
-# that is every line, and every branch of what reads weight files. src/client is left out: it is no
-# part of the library, and the tests of its programs run it. Takes about three minutes on two cores.
+# Prints a table of the lines and branches of src/ and include/ that the library's tests reach. Fails unless
+# they reach every line, and every branch of the sources that read weight files. src/client is left out: it
+# is no part of the library, and is run by the tests of the tool. Takes about three minutes on two cores.
 . "$(dirname "$0")/prelude.sh"
 . scripts/tests.sh
 
@@ -12,8 +12,9 @@ results=$build/coverage
 rm -rf "$results"
 mkdir "$results"
 
-# One network's faults stand for all. A library that is unloaded takes its counters along.
-# %c: counters live in the file itself, so that those of forks that just end count, too.
+# The faults of one network stand for those of all. Tests that unload the library are left out, as its
+# counters go with it. %c keeps the counters in the file itself, so that those of forked processes, which
+# end without writing them, count too.
 export LLVM_PROFILE_FILE=$results/%p%c.profraw
 export GTEST_BRIEF=1
 sweep=$(kind $build fault_sweep)

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Builds the cuda preset and checks what needs no card: configuring refuses versions that are not
-# supported, the exported names are those of the host build, device code is there for every
-# architecture asked for, and without a driver the library says so and throws what the runtime
-# returned.
+# Builds the cuda preset and checks what needs no card: that configuring refuses versions that are not
+# supported, that the exported names are those of the host build, that there is device code for every
+# architecture asked for, and that the library, where there is no driver, says so and throws the status
+# that the runtime returned.
 . "$(dirname "$0")/prelude.sh"
 . scripts/cuda-library-checks.sh
 
@@ -18,7 +18,7 @@ tests/cuda_requirements_test.sh .
 git ls-files tests/cuda_test.cpp bench/kernels.cpp |
   xargs -n 1 clang-tidy -p build/cuda --quiet 2>/dev/null
 
-# Without a driver, what needs a card is skipped, and counted, and the tool says why it cannot run.
+# Without a driver, tests that need a card are skipped and counted, and the tool says why it cannot run.
 build/cuda/bin/facezoo_tests --gtest_brief=1 |
   grep -E '^skipped|PASSED|FAILED'
 build/cuda/bin/facezoo info >/dev/null 2>build/cuda/info.log ||

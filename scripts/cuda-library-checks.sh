@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by bash: what a CUDA build of the library must hold, whatever the toolkit.
+# Sourced by scripts that check a CUDA build of the library, with whatever toolkit it was built.
 
 exports() { nm -D --defined-only "$1" | awk '{print $3}' | sort; }
 
@@ -8,7 +8,7 @@ check_exports() { # LIBRARY
   echo "exported names: the same $(exports "$1" | wc -l) as the host build"
 }
 
-check_device_code() { # LIBRARY ARCHITECTURE...: as machine code and PTX, in each of three units
+check_device_code() { # LIBRARY ARCHITECTURE...: machine code and PTX for each, in each of the three units
   local found library=$1 architecture wanted
   found=$(python3 scripts/device_code.py "$library")
   shift

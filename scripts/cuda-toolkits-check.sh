@@ -1,19 +1,20 @@
 #!/usr/bin/env bash
-# Builds the library against older CUDA toolkits and cuDNNs, each with a compiler of its time, and
-# checks what needs no card. The pieces come from Debian, its non-free part included, and PyPI: 5 GB
-# to fetch the first time, of which 1 GB is kept. Nothing is installed.
-#   scripts/cuda-toolkits-check.sh [FOLDER]    default: build/toolkits
+# Builds the library against older CUDA toolkits and cuDNNs, each with a compiler of its time, and checks
+# what needs no card. Fetches them from Debian, its non-free part included, and from PyPI: 5 GB the first
+# time, of which it keeps 1 GB. Installs nothing.
+#   scripts/cuda-toolkits-check.sh [FOLDER]    FOLDER keeps what was fetched; default: build/toolkits
 . "$(dirname "$0")/prelude.sh"
 . scripts/cuda-library-checks.sh
 
-# The toolkit, Debian's release that has it, the C++ compiler, the release that has that, cuDNN.
+# Version of the toolkit, Debian's release that has it, version of the C++ compiler, Debian's release that
+# has it, and cuDNN's requirement for pip.
 combinations=(
   "11.2 bullseye 9 bullseye nvidia-cudnn-cu11==8.5.0.96"
   "11.8 bookworm 11 bookworm nvidia-cudnn-cu11==8.9.6.50"
   "12.4 trixie 12 bookworm nvidia-cudnn-cu12==8.9.7.29"
   "12.4 trixie 12 bookworm nvidia-cudnn-cu12==9.0.0.312"
 )
-# What cublas_v2.h and the linker ask for beside nvidia-cuda-toolkit and nvidia-cuda-dev.
+# Packages that cublas_v2.h and the linker need beside nvidia-cuda-toolkit and nvidia-cuda-dev.
 declare -A also=(
   [11.2]="libcudart11.0" [11.8]="libcudart11.0 libcu++-dev" [12.4]="libcudart12 libcu++-dev"
 )
@@ -23,7 +24,7 @@ mkdir -p "$folder/apt/lists/partial" "$folder/apt/cache/archives/partial"
 folder=$(realpath "$folder")
 unset CPATH LIBRARY_PATH CUDACXX # they may lead to an installed toolkit
 
-# A view of Debian's releases beside the system's own.
+# Package lists of several releases of Debian, apart from those of the system.
 export APT_CONFIG=$folder/apt/apt.conf
 # shellcheck disable=SC2016 # apt-get's own variable
 mirror=$(APT_CONFIG='' apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' \
@@ -44,7 +45,7 @@ Dir::State::lists "$folder/apt/lists";
 Dir::Cache "$folder/apt/cache";
 EOF
 
-once() { # NAME COMMAND...: COMMAND fills the folder that it is given
+once() { # NAME COMMAND...: unless folder NAME exists, makes it by running COMMAND in an empty folder
   [ -d "$folder/$1" ] && return
   echo "fetching $1 ..."
   rm -rf "$folder/part"
@@ -69,7 +70,7 @@ get_compiler() { # VERSION RELEASE
   ln -sf "$(g++ -print-file-name=libstdc++.so.6)" "$library"
 }
 
-# Unpacked to where the maker's own installer puts things. The linker gets the stub of cuBLAS.
+# Unpacks the packages to the layout of the maker's own installer. The linker gets the stub of cuBLAS.
 get_toolkit() { # RELEASE PACKAGE...
   packages "$@"
   for package in *.deb; do
@@ -89,7 +90,7 @@ LIBRARIES =+ $(_SPACE_) "-L$(_HERE_)/../lib64"
 EOF
 }
 
-# The headers and the library that loads the others, which are large.
+# Keeps the headers and the one library that loads the others, as those are large.
 get_cudnn() { # REQUIREMENT
   pip download -q --no-cache-dir --disable-pip-version-check --no-deps "$1"
   python3 - <<'EOF'

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Fails every platform call and every allocation in the life of each network, alone and with others
-# after it: the whole of what ./test.sh visits a sample of. Takes a good hour on two cores.
-#   scripts/fault-sweep.sh [points]        default: all; else so many of a network's calls, and in
-#                                          proportion of the rest
+# Makes every platform call and every allocation in the life of each network fail, alone and together with
+# those after it; ./test.sh visits a sample of these points. Takes more than an hour on two cores.
+#   scripts/fault-sweep.sh [POINTS]        POINTS: of the calls of each network, and as large a part of the
+#                                          allocations; default: all
 . "$(dirname "$0")/prelude.sh"
 . scripts/tests.sh
 
@@ -12,7 +12,8 @@ trap 'rm -f "$log"' EXIT
 
 export FACEZOO_FAULT_POINTS=${1:-all} GTEST_BRIEF=1
 sweep=$(kind build/host fault_sweep)
-# In the reverse order of their names the shortest come last, which keeps all cores busy to the end.
+# In the reverse order of the networks' names the shortest sweeps come last, so that all cores are busy to
+# the end.
 ok=true
 for tests in build/host/bin/facezoo{,_heap}_tests; do
   list_cases "$tests" "$sweep" |

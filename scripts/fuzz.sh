@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Feeds hostile files to what reads files, under AddressSanitizer and UndefinedBehaviorSanitizer. What
-# reaches further than the corpus is kept for later runs in build/fuzz; what ends a run becomes part of
-# the corpus, which the tests replay; so does a file that takes more memory than it may. Inputs are short
-# at first, which is fast, and grow as nothing new is found.
-#   scripts/fuzz.sh MINUTES [TARGET]...        default: weight_file image safetensors, MINUTES each
+# Feeds hostile files to the readers of files, under AddressSanitizer and UndefinedBehaviorSanitizer. An input
+# that reaches code which the corpus does not is kept in build/fuzz for later runs. An input that ends a run,
+# also by taking more memory than it may, becomes part of the corpus, which the tests replay. Inputs are short
+# at first, which is fast, and grow when nothing new is found.
+#   scripts/fuzz.sh MINUTES [TARGET]...        each TARGET for MINUTES; default: weight_file image safetensors
 . "$(dirname "$0")/prelude.sh"
 . scripts/tests.sh
 
@@ -15,8 +15,9 @@ build_preset host-asan "${@/#/fuzz_}"
 
 fuzz() {
   local target=$1 seconds=$(($2 * 60)) found=build/fuzz/$1 log=build/fuzz/$1.log
-  # MiB at once and in all: what pictures may take, and half a GiB that the sanitizer keeps for itself
-  # and holds back from use; of the other files the tool takes a few times their size.
+  # Limits in MiB for one allocation and for the process. The process's limit for pictures is what the tool
+  # allows them, and half a GiB more, as the sanitizer keeps freed memory from use. Other files take a few
+  # times their size.
   local block=256 memory=1024
   [ "$target" != image ] || block=1526 memory=2048
   mkdir -p "$found"

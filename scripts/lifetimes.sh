@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Constructs, calls and destroys each network many times, in a process of its own, where no memory may
-# be lost; then calls four of them from eight threads, as often from each.
-#   scripts/lifetimes.sh [cycles]    default: 1000, and ten times as many of DexpressionNet
+# Constructs, calls and destroys each network many times in a process of its own, which must lose no memory.
+# Then calls four networks from eight threads, as many times from each thread.
+#   scripts/lifetimes.sh [CYCLES]    default: 1000; ten times as many for DexpressionNet
 . "$(dirname "$0")/prelude.sh"
 . scripts/tests.sh
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by bash before all else: a script ends where something fails, and runs at the root of the
-# sources.
+# Every script sources this first. It ends the script when a command fails, and makes the root of the
+# sources the current folder.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

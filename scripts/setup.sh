@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing need and that this machine lacks.
+# Installs the Debian packages that building needs and that this machine lacks. With options, also those
+# that ./test.sh, bench/run.sh, scripts/valgrind.sh or scripts/aarch64-check.sh need.
 #   scripts/setup.sh [--tests] [--bench] [--valgrind] [--aarch64]
-#                          also what ./test.sh, bench/run.sh, scripts/{valgrind,aarch64-check}.sh need
 set -euo pipefail
 
 packages=(

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# The tests of the library and the tool under valgrind's memcheck, which sees what the sanitizers do not:
-# reads of memory that nobody wrote, in the distribution's libraries as well. Faults are sampled. The
-# tests that replace the heap are not among them: memcheck replaces it, too. Nor are those that measure
-# the process's memory: memcheck keeps what is freed.
-#   scripts/valgrind.sh [FILTER]           default: all; else the library's that a GoogleTest filter names
+# Runs the tests of the library and of the tool under valgrind's memcheck, which sees reads of memory that
+# nobody wrote, also in the distribution's libraries; the sanitizers do not see these. The sweeps visit a
+# sample. Two kinds of tests are left out: those that replace the heap, as memcheck replaces it too, and
+# those that measure the process's memory, as memcheck keeps freed memory.
+#   scripts/valgrind.sh [FILTER]           FILTER: of GoogleTest, for tests of the library; default: all
 . "$(dirname "$0")/prelude.sh"
 . scripts/tests.sh
 
@@ -19,8 +19,10 @@ sweep=$(kind build/host fault_sweep)
 memcheck="$(command -v valgrind) --quiet --error-exitcode=99 --show-leak-kinds=definite \
   --errors-for-leak-kinds=definite"
 
-# The tool's tests start this in its place, but not to take times. Where they close standard output, no
-# log may take its place. Under memcheck nobody hears that a program, as pv, could not be started.
+# The tool's tests start this script in place of the tool. It runs `bench`, which takes times, without
+# memcheck. The log gets a high number, as it must not take the place of a standard stream that a test has
+# closed. The test of the progress shown is left out: under memcheck a program does not learn that another
+# one, such as pv, could not be started.
 tool=$PWD/build/host/bin/facezoo
 cat >"$results/facezoo" <<EOF
 #!/bin/sh
@@ -33,7 +35,7 @@ chmod +x "$results/facezoo"
   [ $# -gt 0 ] || for file in tests/{tool,weights_tool}_test.py; do
     sed -n "/shows_progress/d; s,^    def \(test_[a-z_]*\)(.*,python3 $file $results/facezoo samples/portrait.jpg -k \1,p" "$file"
   done
-  # The forks of a sweep end where they stand, with all they have.
+  # The forked processes of a sweep end at once, without freeing anything: they are not checked for leaks.
   list_cases "$tests" "${1:--$lifetimes}" |
     awk -v run="$memcheck --log-file=$results/%p.log" -v tests="$tests" 'NR == FNR {sweep[$0]; next}
       {print run, "--leak-check=" ($0 in sweep ? "no" : "full"), tests, "--gtest_filter=" $0}' \
