@@ -1,5 +1,5 @@
-# The production platform's compiler and libraries: finds them and refuses versions that the library
-# is not written for, before anything is compiled.
+# Finds the production platform's compiler and libraries, and refuses versions that the library is not written
+# for before anything is compiled.
 set(_supported "CUDA toolkits 10.1 to 13 and cuDNN 7 to 9 are supported")
 find_package(CUDAToolkit QUIET)
 if(NOT CUDAToolkit_FOUND)
@@ -22,9 +22,9 @@ elseif(NOT cuDNN_LIBRARY)
 endif()
 message(STATUS "CUDA toolkit ${CUDAToolkit_VERSION}, cuDNN ${cuDNN_VERSION}")
 
-# Device code for the oldest cards the toolkit can serve: compute capabilities 5.0 and 6.0 up to
-# toolkit 12, which is the last that has them; from 13 on its own oldest, 7.5, and the data centre
-# cards 8.0 and 9.0. Machine code for each, and PTX for what comes later.
+# Device code is made for the oldest cards that the toolkit serves. These are compute capabilities 5.0 and 6.0 up
+# to toolkit 12, the last that knows them; from toolkit 13 on its oldest, 7.5, and the data centre cards 8.0 and
+# 9.0. There is machine code for each, and PTX for later cards.
 if(NOT DEFINED CMAKE_CUDA_ARCHITECTURES)
   if(CUDAToolkit_VERSION VERSION_LESS 13)
     set(CMAKE_CUDA_ARCHITECTURES 50 60 CACHE STRING "")

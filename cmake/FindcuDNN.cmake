@@ -1,11 +1,11 @@
-# Finds cuDNN 7 to 9: cuDNN_FOUND, cuDNN_VERSION and the target cuDNN::cuDNN.
-# Hint: cuDNN_ROOT, or the CUDA toolkit's own folders.
+# Finds cuDNN 7 to 9 and sets cuDNN_FOUND, cuDNN_VERSION and the target cuDNN::cuDNN. Looks in the folder that
+# cuDNN_ROOT names, and in those of the CUDA toolkit.
 
 set(_hints ${cuDNN_ROOT} $ENV{CUDNN_ROOT} ${CUDAToolkit_INCLUDE_DIRS} ${CUDAToolkit_LIBRARY_ROOT}
   ${CUDAToolkit_LIBRARY_DIR})
 find_path(cuDNN_INCLUDE_DIR cudnn.h HINTS ${_hints} PATH_SUFFIXES include)
 
-# Version 7 states itself in cudnn.h, later ones in cudnn_version.h.
+# Version 7 states its version in cudnn.h, later versions in cudnn_version.h.
 unset(cuDNN_VERSION)
 foreach(_header cudnn_version.h cudnn.h)
   if(NOT cuDNN_VERSION AND EXISTS ${cuDNN_INCLUDE_DIR}/${_header})
@@ -23,7 +23,7 @@ foreach(_header cudnn_version.h cudnn.h)
   endif()
 endforeach()
 
-# By the name that carries the header's major version: a libcudnn.so may belong to another one, and
+# Looks for the name with the header's major version first: a plain libcudnn.so may be of another version, and
 # Python's packages of cuDNN have none.
 if(cuDNN_VERSION MATCHES "^([0-9]+)")
   find_library(cuDNN_LIBRARY libcudnn.so.${CMAKE_MATCH_1} HINTS ${_hints}

@@ -1,6 +1,6 @@
-# What is installed and where, and how others find it there. Nothing of it names the folder it was
-# installed to, so the whole may move. Each part is a component: what a program needs to run, what it
-# needs to be compiled, and the tool.
+# Says what is installed where, and how others find it. No installed file names the folder that it was installed
+# to, so that the whole can be moved. There are three components: what a program needs to run (runtime), what it
+# needs to be compiled (development), and the tool.
 include(CMakePackageConfigHelpers)
 set(_headers ${CMAKE_INSTALL_INCLUDEDIR}/facezoo)
 set(_package ${CMAKE_INSTALL_LIBDIR}/cmake/facezoo)
@@ -14,7 +14,7 @@ endif()
 install(TARGETS ${_targets} EXPORT facezoo LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   COMPONENT runtime NAMELINK_COMPONENT development)
 install(DIRECTORY include/ DESTINATION ${_headers} COMPONENT development)
-# The pages lie as in the sources, so that their links to each other hold.
+# The pages keep their places relative to each other, so that the links between them hold.
 install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${_documents} COMPONENT development)
 foreach(_folder docs platform/host bench)
   file(GLOB _pages ${PROJECT_SOURCE_DIR}/${_folder}/*.md)
@@ -30,8 +30,8 @@ write_basic_package_version_file(facezooConfigVersion.cmake COMPATIBILITY SameMi
 install(FILES cmake/FindcuDNN.cmake ${PROJECT_BINARY_DIR}/facezooConfig.cmake
   ${PROJECT_BINARY_DIR}/facezooConfigVersion.cmake DESTINATION ${_package} COMPONENT development)
 
-# The compiler searches some folders anyway; others, and the libraries of a card, are where this
-# machine has them.
+# Folders that the compiler searches anyway are left out. Other folders, and the libraries of a card, are named as
+# this machine has them.
 set(_pc_cflags)
 set(_pc_libs)
 set(_include_dirs ${FACEZOO_MSGPACK_INCLUDE_DIR})

@@ -1,11 +1,11 @@
-# The Debian packages, each made of what one component installs.
+# Makes the Debian packages, each from what one component installs.
 set(CPACK_GENERATOR DEB)
 set(FACEZOO_PACKAGE_CONTACT "facezoo developers <developers@facezoo.invalid>" CACHE STRING
   "Who answers for the packages")
 set(CPACK_PACKAGE_CONTACT ${FACEZOO_PACKAGE_CONTACT})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-# Whatever the umask of who makes it.
+# Folders get these permissions whatever the umask of whoever makes the packages.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -45,8 +45,9 @@ ${_about}
 This package holds the program facezoo, which runs the networks on pictures,
 measures them, and makes, checks and converts files of weights.")
 
-# What the libraries and the tool need is read from them, each other apart. A package that links
-# against the libraries depends on theirs; the linker's cache learns of them.
+# The packages that the libraries and the tool depend on are read from their files, which find each other in these
+# folders. Packages that link against the libraries will depend on theirs, and installing updates the linker's
+# cache.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/platform/host)
@@ -57,7 +58,7 @@ file(CONFIGURE OUTPUT ${_debian}/triggers CONTENT "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${_debian}/triggers)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-# Debian's own form of a changelog, which only packages hold.
+# A changelog in Debian's own form, which only the packages hold.
 string(TIMESTAMP _date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 file(WRITE ${_debian}/changelog "facezoo (${PROJECT_VERSION}) unstable; urgency=medium
 
@@ -74,12 +75,12 @@ foreach(_component ${CPACK_COMPONENTS_ALL})
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${_upper}_PACKAGE_NAME})
 endforeach()
 
-# CPack adds scripts that call ldconfig as well, which Debian's checker is told to accept.
+# CPack also adds scripts that call ldconfig; Debian's checker is told to accept them.
 file(CONFIGURE OUTPUT ${_debian}/overrides CONTENT "maintscript-calls-ldconfig\n")
 install(FILES ${_debian}/overrides COMPONENT runtime EXCLUDE_FROM_ALL
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
   RENAME ${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME})
 
-# The libraries lie where the linker looks, so that nothing needs to say where.
+# In a package the libraries lie where the linker looks, so that their folder need not be named in the files.
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/RemoveRunpath.cmake)
 include(CPack)

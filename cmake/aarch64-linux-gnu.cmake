@@ -1,4 +1,4 @@
-# Debian's cross compiler for AArch64, and qemu to run what it makes.
+# Toolchain file: Debian's cross compiler for AArch64, and qemu, which runs what it compiles.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
