@@ -23,8 +23,8 @@ foreach(_header cudnn_version.h cudnn.h)
   endif()
 endforeach()
 
-# Looks for the name with the header's major version first: a plain libcudnn.so may be of another version, and
-# Python's packages of cuDNN have none.
+# Looks for the file name with the header's major version: libcudnn.so may be of another version, and Python's
+# packages of cuDNN do not have it.
 if(cuDNN_VERSION MATCHES "^([0-9]+)")
   find_library(cuDNN_LIBRARY libcudnn.so.${CMAKE_MATCH_1} HINTS ${_hints}
     PATH_SUFFIXES lib64 lib)
