@@ -11,6 +11,8 @@
 
 namespace device_code {
 
+using read_ahead::inOrder;
+
 /// Launches `kernel` on the default stream; the status is not looked at, it surfaces in the next
 /// checked call.
 template <class... P, class... A>

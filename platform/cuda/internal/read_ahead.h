@@ -1,5 +1,6 @@
 /// @file
-/// How one thread of a device visits many values in their order without waiting for each.
+/// How one thread of a device visits many values in their order without waiting for each. In a
+/// namespace of its own, because a test of the CPU build compiles it beside the CPU's `device_code`.
 /// Keeps to C++14 for the oldest supported nvcc.
 #pragma once
 
@@ -7,7 +8,7 @@
 
 #include <cstdint>
 
-namespace device_code {
+namespace read_ahead {
 namespace detail {
 
 // A thread that has one chain of multiply-adds has nothing else to wait with. While it works off
@@ -59,4 +60,4 @@ __device__ void inOrder(const float* in, int count, const Body& body) {
   for (; in != end; ++in) body(*in);
 }
 
-}  // namespace device_code
+}  // namespace read_ahead
