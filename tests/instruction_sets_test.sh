@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Only what is compiled for an instruction set has its instructions, whatever the linker makes of it.
-#   instruction_sets_test.sh BUILD_DIR
+#   instruction_sets_test.sh OBJECTS    a file with a line for each object file: TARGET PATH
 set -euo pipefail
 failures=0
 
@@ -17,29 +17,29 @@ functions_with() { # PATTERN OBJECT
 
 avx='\tv[a-z]'
 avx512='%zmm|%k[0-7]|%[xy]mm(1[6-9]|[23][0-9])'
-while read -r set forbidden required; do
-  for object in "$1"/platform/host/CMakeFiles/facezoo_"$set".dir/*/*.o; do
-    found=$(functions_with "$forbidden" "$object")
-    [ -z "$found" ] || fail "$object: expected no instruction like $forbidden, found $found"
-    [[ $object != */products.cpp.o ]] || [ -n "$(functions_with "$required" "$object")" ] ||
-      fail "$object: expected instructions like $required, found none"
-    [[ $set == host ]] || ! shared=$(nm -C --defined-only "$object" |
-      grep -v " [bdrt] \| D host_device::${set#kernels_}::[a-z]*$") ||
-      fail "$object: expected nothing that another unit may share, found $shared"
-  done
-done <<END
-host $avx mulps
-kernels_baseline $avx mulps
-kernels_avx2 $avx512 %ymm
-kernels_avx512 \ttilezero %zmm
-END
-
-# The clones of a kernel's launch say in their names what they are for.
+declare -A forbidden=([host]=$avx [kernels_baseline]=$avx [kernels_avx2]=$avx512
+  [kernels_avx512]='\ttilezero')
+declare -A required=([kernels_baseline]=mulps [kernels_avx2]=%ymm [kernels_avx512]=%zmm)
 clones=0
-for object in "$1"/CMakeFiles/facezoo_objects.dir/src/kernels/*.o; do
-  found=$(functions_with "$avx" "$object" | grep -v visitAvx) && fail "$object: AVX in $found"
-  found=$(functions_with "$avx512" "$object" | grep -v visitAvx512) && fail "$object: AVX-512 in $found"
-  clones=$((clones + $(functions_with %zmm "$object" | grep -c visitAvx512 || true)))
-done
+while read -r target object; do
+  if [ "$target" != objects ]; then
+    found=$(functions_with "${forbidden[$target]}" "$object")
+    [ -z "$found" ] || fail "$object: expected no instruction like ${forbidden[$target]}, found $found"
+    if [[ $object == */products.cpp.o ]]; then
+      [ -n "$(functions_with "${required[$target]}" "$object")" ] ||
+        fail "$object: expected instructions like ${required[$target]}, found none"
+      unset "required[$target]"
+    fi
+    [[ $target == host ]] || ! shared=$(nm -C --defined-only "$object" |
+      grep -v " [bdrt] \| D host_device::${target#kernels_}::[a-z]*$") ||
+      fail "$object: expected nothing that another unit may share, found $shared"
+  elif [[ $object == */src/kernels/* ]]; then
+    # The clones of a kernel's launch say in their names what they are for.
+    found=$(functions_with "$avx" "$object" | grep -v visitAvx) && fail "$object: AVX in $found"
+    found=$(functions_with "$avx512" "$object" | grep -v visitAvx512) && fail "$object: AVX-512 in $found"
+    clones=$((clones + $(functions_with %zmm "$object" | grep -c visitAvx512 || true)))
+  fi
+done <"$1"
+[ ${#required[@]} -eq 0 ] || fail "expected products.cpp of ${!required[*]}, found none"
 [ "$clones" -gt 0 ] || fail "expected clones for AVX-512, found none"
 exit "$failures"
