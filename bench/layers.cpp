@@ -4,6 +4,7 @@
 
 #include "buffer_pool.h"
 #include "layer_factory.h"
+#include "layer_shapes.h"
 #include "layers/cba.h"
 #include "layers/concat.h"
 #include "layers/eltwise.h"
@@ -19,10 +20,13 @@
 #include <deque>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <random>
 #include <sstream>
 #include <vector>
+
+using namespace facezoo::test;
 
 namespace {
 
@@ -112,66 +116,35 @@ void add(const std::string& name, const Work& work, const std::function<Operatio
       ->Unit(benchmark::kMicrosecond);
 }
 
-/// Layers with weights: a row, as the networks' tables have it, and the edge of its input.
-void addWeighted() {
-  using namespace facezoo;
-  const struct {
-    LayerRow row;
-    int edge;
-  } cases[] = {
-      {fusedConvolution("Inception_V1_conv1", 3, 64, 7, 2, samePadding), 224},
-      {fusedConvolution("Inception_V1_conv2_reduce", 64, 64, 1, 1, noPadding), 56},
-      {fusedConvolution("Inception_V1_conv2", 64, 192, 3, 1, samePadding), 56},
-      {fusedConvolution("Inception_V1_3a_3x3", 96, 128, 3, 1, samePadding), 28},
-      {fusedConvolution("Inception_V1_3a_5x5", 16, 32, 5, 1, samePadding), 28},
-      {fusedConvolution("Inception_V1_4a_1x1", 480, 192, 1, 1, noPadding), 14},
-      {fusedConvolution("Inception_V1_4d_3x3", 144, 288, 3, 1, samePadding), 14},
-      {fusedConvolution("Inception_V1_4e_5x5", 32, 128, 5, 1, samePadding), 14},
-      {fusedConvolution("Inception_V1_5b_1x1", 832, 384, 1, 1, noPadding), 7},
-      {fusedConvolution("Inception_V1_5b_3x3", 192, 384, 3, 1, samePadding), 7},
-      {fusedConvolution("DexpressionNet_conv1", 1, 64, 7, 2, samePadding), 224},
-      {fusedConvolution("DexpressionNet_conv2b", 96, 208, 3, 1, samePadding), 56},
-      {fusedConvolution("FANet_conv1", 3, 96, 7, 2, noPadding), 224},
-      {fusedConvolution("FANet_conv2", 96, 256, 5, 1, noPadding), 37},
-      {fusedConvolution("FANet_conv4", 512, 512, 3, 1, samePadding), 17},
-      {convolution("GoogLeNetBN_3a_double3x3b", 96, 96, 3, 1, samePadding, noBias), 28},
-      {convolution("GoogLeNetBN_3c_3x3", 128, 160, 3, 2, samePadding, noBias), 28},
-      {convolution("LCNN29_conv1", 3, 96, 5, 1, samePadding, withBias), 128},
-      {convolution("LCNN29_block1", 48, 96, 3, 1, samePadding, withBias), 64},
-      {convolution("LCNN29_conv3_2", 96, 384, 3, 1, samePadding, withBias), 32},
-      {convolution("LCNN29_conv4_1", 192, 192, 1, 1, noPadding, withBias), 16},
-      {convolution("LCNN29_block7", 128, 256, 3, 1, samePadding, withBias), 16},
-      {innerProduct("FANet_fc6", 512 * 6 * 6, 4096, withBias), 1},
-      {innerProduct("FANet_68point", 4096, 136, withBias), 1},
-      {innerProduct("GoogLeNet_loss2_fc", 128 * 5 * 5, 1024, withBias), 1},
-      {innerProduct("head", 1024, 3, withBias), 1},
-      {innerProduct("LCNN29_fc1", 128 * 8 * 8, 512, withBias), 1},
-      {projection("GoogLeNet_pca", 512), 1},
-      {batchNormalization("GoogLeNetBN_conv1", 64), 112},
-      {batchNormalization("GoogLeNetBN_4a_1x1", 224), 14},
-      {meanImage(224, 224, 1), 224},
-      {meanImage(224, 224, 3), 224},
-      {noMean(3), 128},
+std::string sizeName(int channels, int edge) {
+  return "/" + std::to_string(channels) + "x" + std::to_string(edge);
+}
+
+/// A layer that reads random weights.
+std::function<Operation()> weighted(const LayerRow& row) {
+  return [row]() -> Operation {
+    Weights weights(row);
+    const std::shared_ptr<LayerBase> layer(createLayer(row, "", weights.root()));
+    return [layer](const Tensor& x) { return (*layer)(x); };
   };
-  for (const auto& [row, edge] : cases) {
-    const auto create = [row = row]() -> Operation {
-      Weights weights(row);
-      const std::shared_ptr<LayerBase> layer(createLayer(row, "", weights.root()));
-      return [layer](const Tensor& x) { return (*layer)(x); };
-    };
-    const std::string size = "/" + std::to_string(row.in) + "x" + std::to_string(edge);
-    const double taps = static_cast<double>(row.in) * row.kernel * row.kernel;
-    switch (row.kind) {
-      case LayerKind::meanImage:
-      case LayerKind::noMean:
-        add("Input" + size, {{0, edge, edge, row.in}, 1}, create);
-        break;
-      case LayerKind::batchNormalization:
-        add("BatchNormalization" + size, {{0, row.in, edge, edge}}, create);
-        break;
-      default:
-        add(row.name + size, {{0, row.in, edge, edge}, 4, 2 * taps, taps * row.out}, create);
-    }
+}
+
+Work workOf(const LayerShape& shape) {
+  const LayerRow& row = shape.row;
+  const double taps = static_cast<double>(row.in) * row.kernel * row.kernel;
+  return {{0, row.in, shape.height, shape.width}, 4, 2 * taps, taps * row.out};
+}
+
+void addWeighted() {
+  for (const LayerShape& shape : networkLayers) {
+    const LayerRow& row = shape.row;
+    const bool normalizes = row.kind == facezoo::LayerKind::batchNormalization;
+    add((normalizes ? "BatchNormalization" : row.name) + sizeName(row.in, shape.width),
+        normalizes ? Work{workOf(shape).input} : workOf(shape), weighted(row));
+  }
+  for (const LayerShape& shape : networkInputs) {
+    add("Input" + sizeName(shape.row.in, shape.width),
+        {{0, shape.height, shape.width, shape.row.in}, 1}, weighted(shape.row));
   }
 }
 
@@ -192,14 +165,10 @@ void addAlgorithms() {
     cudnnConvolutionFwdAlgo_t id;
   } algorithms[] = {{"winograd", CUDNN_CONVOLUTION_FWD_ALGO_WINOGRAD_NONFUSED},
                     {"panels", CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM}};
-  const struct {
-    int in, out, edge, kernel;
-  } cases[] = {{64, 192, 56, 3}, {96, 128, 28, 3},  {144, 288, 14, 3},
-               {192, 384, 7, 3}, {512, 512, 17, 3}, {96, 256, 37, 5},
-               {16, 32, 28, 5},  {32, 128, 14, 5},  {48, 128, 7, 5}};
-  for (const auto& t : cases) {
-    const LayerRow row =
-        facezoo::fusedConvolution("conv", t.in, t.out, t.kernel, 1, facezoo::samePadding);
+  for (const LayerShape& shape : networkLayers) {
+    const LayerRow& row = shape.row;
+    if (row.kind != facezoo::LayerKind::fusedConvolution || row.stride > 1) continue;
+    if (row.kernel != 3 && row.kernel != 5) continue;
     for (const auto& algorithm : algorithms) {
       const auto create = [row, id = algorithm.id]() -> Operation {
         Weights weights(row);
@@ -207,55 +176,48 @@ void addAlgorithms() {
         return [layer, id](const Tensor& x) { return layer->with(id, x); };
       };
       std::ostringstream name;
-      name << "Algorithm/" << t.kernel << 'x' << t.kernel << '/' << t.in << 'x' << t.edge << '/'
-           << algorithm.name;
-      const double taps = static_cast<double>(t.in) * t.kernel * t.kernel;
-      add(name.str(), {{0, t.in, t.edge, t.edge}, 4, 2 * taps, taps * t.out}, create);
+      name << "Algorithm/" << row.kernel << 'x' << row.kernel << '/' << row.in << 'x' << shape.width
+           << '/' << algorithm.name;
+      add(name.str(), workOf(shape), create);
     }
   }
 }
 
-/// Layers that nothing has to be read for.
-void addWeightless() {
-  MaxPooling max;
-  AveragePooling average;
+void addPoolings() {
+  for (const PoolingShape& shape : networkPoolings) {
+    const auto pooled = [&](auto pooling) -> Operation {
+      return [=](const Tensor& x) mutable {
+        return pooling(x, shape.window, shape.stride, shape.pad);
+      };
+    };
+    const Operation operation = shape.average ? pooled(AveragePooling()) : pooled(MaxPooling());
+    add((shape.average ? "AveragePooling" : "MaxPooling") + std::to_string(shape.window) + "s" +
+            std::to_string(shape.stride) + sizeName(shape.channels, shape.width),
+        {{0, shape.channels, shape.height, shape.width}}, [=] { return operation; });
+  }
+}
+
+void addMaps() {
   LocalResponseNormalization lrn;
   Concat concat;
   EltwiseSum sum;
-  const auto pooled = [](auto pooling, int window, int stride, int pad) -> Operation {
-    return [=](const Tensor& x) mutable { return pooling(x, window, stride, pad); };
-  };
-  const struct {
-    const char* name;
-    int channels, edge;
-    Operation operation;
-  } cases[] = {
-      {"MaxPooling3s2", 64, 112, pooled(max, 3, 2, 0)},
-      {"MaxPooling3s1", 480, 14, pooled(max, 3, 1, 1)},
-      {"MaxPooling3s3", 96, 109, pooled(max, 3, 3, 0)},
-      {"MaxPooling2s2", 48, 128, pooled(max, 2, 2, 0)},
-      {"AveragePooling3s1", 576, 14, pooled(average, 3, 1, 1)},
-      {"AveragePooling5s3", 528, 16, pooled(average, 5, 3, 0)},
-      {"AveragePooling7s1", 1024, 7, pooled(average, 7, 1, 0)},
-      {"LRN", 64, 56, [=](const Tensor& x) mutable { return lrn(x, 5, 1e-4F, 0.75F, 1); }},
-      {"LRN", 192, 56, [=](const Tensor& x) mutable { return lrn(x, 5, 1e-4F, 0.75F, 1); }},
-      {"LRN", 96, 109, [=](const Tensor& x) mutable { return lrn(x, 5, 5e-4F, 0.75F, 2); }},
-      {"Relu", 64, 112, Relu()},
-      {"Relu", 4096, 1, Relu()},
-      {"Softmax", 4, 1, Softmax()},
-      {"SliceEltwiseMax", 96, 128, SliceEltwiseMax()},
-      {"SliceEltwiseMax", 384, 32, SliceEltwiseMax()},
-      {"EltwiseSum", 48, 64, [=](const Tensor& x) mutable { return sum(x, x); }},
-      {"Concat4", 128, 28,
+  const std::map<std::string, Operation> operations = {
+      {"LRN", [=](const Tensor& x) mutable { return lrn(x, 5, 1e-4F, 0.75F, 1); }},
+      {"Relu", Relu()},
+      {"Softmax", Softmax()},
+      {"SliceEltwiseMax", SliceEltwiseMax()},
+      {"EltwiseSum", [=](const Tensor& x) mutable { return sum(x, x); }},
+      {"Concat",
        [=](const Tensor& x) mutable {
          return concat({x, x, x, x});
        }},
-      {"L2Norm", 2048, 1, L2Norm()},
-      {"L2Norm", 512, 6, L2Norm()},
+      {"L2Norm", L2Norm()},
   };
-  for (const auto& t : cases)
-    add(std::string(t.name) + "/" + std::to_string(t.channels) + "x" + std::to_string(t.edge),
-        {{0, t.channels, t.edge, t.edge}}, [operation = t.operation] { return operation; });
+  for (const MapShape& shape : networkMaps) {
+    add(shape.layer + sizeName(shape.channels, shape.width),
+        {{0, shape.channels, shape.height, shape.width}},
+        [operation = operations.at(shape.layer)] { return operation; });
+  }
 }
 
 /// The product of two square matrices.
@@ -289,7 +251,8 @@ int main(int argc, char** argv) {
     preparePool(kLargestTensor, 4);
     addWeighted();
     addAlgorithms();
-    addWeightless();
+    addPoolings();
+    addMaps();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();

@@ -4,6 +4,7 @@
 # precision. After the build this takes five minutes on one core.
 #   scripts/aarch64-check.sh [FILTER]      FILTER: of GoogleTest, for other tests than these
 . "$(dirname "$0")/prelude.sh"
+. scripts/tests.sh
 
 scripts/setup.sh --aarch64
 build=build/aarch64
@@ -16,7 +17,7 @@ cmake -G Ninja -S . -B "$build" --toolchain "$PWD/cmake/aarch64-linux-gnu.cmake"
   -DFACEZOO_MSGPACK_INCLUDE_DIR="$PWD/$build/msgpack" >/dev/null
 nice cmake --build "$build" --target facezoo_tests
 start=$SECONDS
-layers="LayerTest.*:EdgeNumbers.*:PlatformTest.*:InstructionSets.*"
+layers="$(kind "$build" layers):PlatformTest.*:InstructionSets.*"
 networks="*DoublePrecision/DexpressionNet:*DoublePrecision/LCNN29"
 nice qemu-aarch64 -L /usr/aarch64-linux-gnu "$build/bin/facezoo_tests" --gtest_brief=1 \
   --gtest_filter="${1:-$layers:$networks}"

@@ -1,4 +1,4 @@
-// That all computes with the instruction set in use; LayerTest and EdgeNumbers run with each.
+// That all computes with the instruction set in use; the tests of layers run with each.
 #include "device_code.h"
 #include "support.h"
 
