@@ -17,8 +17,8 @@ import matplotlib
 import numpy as np
 
 import onnx_models
-from workers import (LIBRARY, TOLERANCE, EngineFailure, Files, Worker, aligned, difference,
-                     library_worker, parse, prepare, processor, rotated)
+from workers import (LIBRARY, TOLERANCE, EngineFailure, Files, Worker, aligned, choose_networks,
+                     difference, library_worker, prepare, processor, rotated)
 
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402
@@ -71,12 +71,12 @@ def model_of(files: Files) -> Path:
     return files.weights.with_suffix(".onnx")
 
 
-def make_model(name: str, files: Files) -> None:
+def make_model(files: Files) -> None:
     """Once, and again when what it is made of is newer."""
     model = model_of(files)
     sources = files.weights, HERE / "networks.py", HERE / "onnx_models.py"
     if not model.exists() or model.stat().st_mtime < max(path.stat().st_mtime for path in sources):
-        onnx_models.save_model(name, files.weights, model)
+        onnx_models.save_model(files.network, files.weights, model)
 
 
 def sgemm_gflops(size: int = 1024) -> float:
@@ -89,9 +89,9 @@ def sgemm_gflops(size: int = 1024) -> float:
 
 def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Result]:
     files = prepare(name, batch, options)
-    make_model(name, files)
+    make_model(files)
     results = {engine: Result() for engine in options.engines}
-    gflop = onnx_models.operations(name, files.weights) * batch / 1e9
+    gflop = onnx_models.operations(files.network, files.weights) * batch / 1e9
     with ExitStack() as stack:
         workers: list[Worker] = []
         for attempt in range(LOADS):
@@ -193,6 +193,7 @@ def draw(cells: Cells, batches: list[int], path: Path) -> None:
 
 def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("networks", nargs="*", metavar="NET", help="default: all")
     parser.add_argument("--batches", type=int, nargs="+", default=[1, 8, 32], metavar="N")
     parser.add_argument("--threads", type=int, default=2, metavar="N", help="of each engine")
     parser.add_argument("--engines", nargs="+", default=[LIBRARY, *PEERS],
@@ -210,7 +211,9 @@ def parse_arguments() -> argparse.Namespace:
                         help="of results.txt, .json and .png")
     parser.add_argument("--build", type=Path, default="build/bench", metavar="DIR",
                         help="where the worker has been built")
-    return parse(parser)
+    options = parser.parse_args()
+    choose_networks(parser, options)
+    return options
 
 
 def main() -> int:

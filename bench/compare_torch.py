@@ -22,10 +22,10 @@ import numpy as np
 import torch
 from torch import Tensor
 
-from networks import NETWORKS
+from networks import Network
 from torch_modules import TorchNetwork
-from workers import (LIBRARY, TOLERANCE, Files, aligned, difference, library_worker, parse, prepare,
-                     processor, rotated)
+from workers import (LIBRARY, TOLERANCE, Files, aligned, choose_networks, difference,
+                     library_worker, prepare, processor, rotated)
 
 Pass = Callable[[], Tensor]
 WARM_UPS = 5
@@ -158,13 +158,13 @@ def read_images(files: Files, device: torch.device) -> Tensor:
 
 @cache
 @torch.inference_mode(False)
-def load(name: str, weights: Path, device: torch.device,
+def load(network: Network, weights: Path, device: torch.device,
          memory_format: torch.memory_format) -> TorchNetwork:
-    return TorchNetwork(name, weights, device, memory_format)
+    return TorchNetwork(network, weights, device, memory_format)
 
 
-def start(form: Form, name: str, files: Files, device: torch.device) -> Pass:
-    return form.start(load(name, files.weights, device, form.memory_format),
+def start(form: Form, files: Files, device: torch.device) -> Pass:
+    return form.start(load(files.network, files.weights, device, form.memory_format),
                       read_images(files, device))
 
 
@@ -185,11 +185,11 @@ def measure(cell: Cell, name: str, batch: int, options: argparse.Namespace) -> N
             elif form.start is not compiled or time.monotonic() < options.deadline:
                 try:
                     allow_tf32(form.tf32)
-                    run = start(form, name, files, options.device)
+                    run = start(form, files, options.device)
                     for _ in range(WARM_UPS):
                         results = run()
                     outcome.difference = difference(results.flatten().tolist(), expected)
-                    if NETWORKS[name].results_on_host:
+                    if files.network.results_on_host:
                         run = to_host(run, results)
                     turns[label] = partial(turn, run, form, on_card)
                 except Exception as failure:  # whatever it is, the other forms go on
@@ -211,7 +211,7 @@ def free_memory() -> None:
 def compile_once(name: str, batch: int, options: argparse.Namespace) -> None:
     set_up(options)
     with torch.inference_mode():
-        start(FORMS["compile"], name, prepare(name, batch, options), options.device)()
+        start(FORMS["compile"], prepare(name, batch, options), options.device)()
 
 
 def compile_all(options: argparse.Namespace) -> None:
@@ -338,6 +338,7 @@ def set_up(options: argparse.Namespace) -> None:
 
 def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("networks", nargs="*", metavar="NET", help="default: all")
     parser.add_argument("--batches", type=int, nargs="+", default=[1, 8, 32, 128], metavar="N")
     parser.add_argument("--forms", nargs="+", choices=FORMS, metavar="F",
                         help=f"of PyTorch: {', '.join(FORMS)}")
@@ -355,12 +356,13 @@ def parse_arguments() -> argparse.Namespace:
                         help="of torch.txt, .json and .md")
     parser.add_argument("--build", type=Path, metavar="DIR",
                         help="where the worker has been built; default: build/cuda or build/bench")
-    options = parse(parser)
+    options = parser.parse_args()
     on_card = options.device == "cuda"
     if on_card and not torch.cuda.is_available():
         sys.exit("PyTorch finds no card; --device cpu compares on the CPU")
     options.device = torch.device(options.device)
     options.build = options.build or Path("build", "cuda" if on_card else "bench")
+    choose_networks(parser, options)
     usable = [label for label, form in FORMS.items() if on_card or not form.needs_card]
     options.forms = options.forms or usable
     if unusable := set(options.forms) - set(usable):

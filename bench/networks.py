@@ -1,10 +1,13 @@
-"""The eight networks, defined once over abstract layers.
+"""The library's networks, defined once over abstract layers.
 
-The definitions mirror the library's layer by layer. What they compute with is up to a subclass of
-`Layers`. Sizes of layers follow from those of their weights.
+The definitions mirror the library's layer by layer; which networks there are and the sizes of their
+images are the library's answer. What they compute with is up to a subclass of `Layers`. Sizes of
+layers follow from those of their weights.
 """
+import subprocess
 from abc import ABC, abstractmethod
 from collections.abc import Callable, Iterable, Mapping
+from functools import cache
 from pathlib import Path
 from typing import Any, Generic, NamedTuple, TypeVar
 
@@ -17,9 +20,9 @@ Value = TypeVar("Value")  # a map, a matrix or a parameter
 class Layers(ABC, Generic[Value]):
     """Layers by name, on top of operations that a subclass provides."""
 
-    def __init__(self, name: str, weights: Mapping[str, np.ndarray]) -> None:
-        self.network = NETWORKS[name]
-        self.weights = {**weights, **self.network.constants}
+    def __init__(self, network: "Network", weights: Mapping[str, np.ndarray]) -> None:
+        self.network = network
+        self.weights = {**weights, **CONSTANTS.get(network.name, {})}
         self.sizes = {key: array.size for key, array in self.weights.items()}
 
     @abstractmethod
@@ -256,25 +259,41 @@ def lcnn29(g: Layers[Value], images: Value) -> Value:
     return g.fc(x, "fc1")
 
 
-class Network(NamedTuple):
-    build: Callable[[Layers[Any], Any], Any]
-    edge: int
-    channels: int
-    results_on_host: bool = False  # where `Forward` leaves them
-    constants: dict[str, np.ndarray] = {}  # what its weight files do not have
-
-
-NETWORKS = {
-    "DexpressionNet": Network(dexpression, 224, 1, True),
-    "FANet": Network(fa_net, 224, 3, True),
-    "GoogLeNet": Network(google_net, 256, 1),
-    "GoogLeNetBN": Network(google_net_bn, 224, 3,
-                           constants={"mean": np.array([104, 117, 123], np.float32)}),
-    "GoogLeNet_FAA1ch": Network(two_heads, 224, 1, True),
-    "GoogLeNet_FAA3ch": Network(two_heads, 224, 3, True),
-    "GoogLeNet_FAA3ch_12tasks": Network(twelve_tasks, 224, 3, True),
-    "LCNN29": Network(lcnn29, 128, 3),
+GRAPHS = {
+    "DexpressionNet": dexpression,
+    "FANet": fa_net,
+    "GoogLeNet": google_net,
+    "GoogLeNetBN": google_net_bn,
+    "GoogLeNet_FAA1ch": two_heads,
+    "GoogLeNet_FAA3ch": two_heads,
+    "GoogLeNet_FAA3ch_12tasks": twelve_tasks,
+    "LCNN29": lcnn29,
 }
+# What weight files do not have.
+CONSTANTS = {"GoogLeNetBN": {"mean": np.array([104, 117, 123], np.float32)}}
+
+
+class Network(NamedTuple):
+    name: str
+    channels: int
+    edge: int
+    results_on_host: bool  # where `Forward` leaves them
+
+    def build(self, g: Layers[Any], images: Any) -> Any:
+        return GRAPHS[self.name](g, images)
+
+
+@cache
+def networks(worker: Path) -> dict[str, Network]:
+    """All that the library has, by name."""
+    listed = subprocess.run([worker, "networks"], check=True, stdout=subprocess.PIPE, encoding="ascii")
+    found = {}
+    for line in listed.stdout.splitlines():
+        name, channels, edge, memory = line.split()
+        if name not in GRAPHS:
+            raise SystemExit(f"bench/networks.py: expected a graph of {name}, found none")
+        found[name] = Network(name, int(channels), int(edge), memory == "host")
+    return found
 
 
 def read_weights(path: Path) -> dict[str, np.ndarray]:

@@ -10,14 +10,14 @@ import numpy as np
 import onnx
 from onnx import TensorProto, helper, numpy_helper
 
-from networks import NETWORKS, Layers, read_weights
+from networks import Layers, Network, read_weights
 
 
 class Graph(Layers[str]):
     """Collects nodes; a value is known by its name."""
 
-    def __init__(self, name: str, weights: Path) -> None:
-        super().__init__(name, read_weights(weights))
+    def __init__(self, network: Network, weights: Path) -> None:
+        super().__init__(network, read_weights(weights))
         self.edges = {"images": self.network.edge}  # of the maps
         self.nodes: list[onnx.NodeProto] = []
         self.constants: dict[str, np.ndarray] = {}
@@ -106,22 +106,22 @@ class Graph(Layers[str]):
         return self.one("Concat", *parts, axis=1)
 
 
-def operations(name: str, weights: Path) -> int:
+def operations(network: Network, weights: Path) -> int:
     """Additions and multiplications for one image, by the definition of the layers."""
-    return 2 * Graph(name, weights).products
+    return 2 * Graph(network, weights).products
 
 
-def save_model(name: str, weights: Path, path: Path) -> None:
-    graph = Graph(name, weights)
+def save_model(network: Network, weights: Path, path: Path) -> None:
+    graph = Graph(network, weights)
     graph.one("Identity", graph.results)
     graph.nodes[-1].output[0] = "results"
-    edge, channels = NETWORKS[name].edge, NETWORKS[name].channels
+    edge, channels = network.edge, network.channels
     images = helper.make_tensor_value_info("images", TensorProto.UINT8, ["N", edge, edge, channels])
     results = helper.make_tensor_value_info("results", TensorProto.FLOAT, ["N", None])
     constants = [numpy_helper.from_array(np.ascontiguousarray(array), key)
                  for key, array in graph.constants.items()]
     model = helper.make_model(
-        helper.make_graph(graph.nodes, name, [images], [results], constants),
+        helper.make_graph(graph.nodes, network.name, [images], [results], constants),
         opset_imports=[helper.make_opsetid("", 18)], ir_version=10)
     onnx.checker.check_model(model)
     onnx.save(model, path)

@@ -5,18 +5,18 @@ import torch
 import torch.nn.functional as F
 from torch import Tensor, nn
 
-from networks import Layers, read_weights
+from networks import Layers, Network, read_weights
 
 
 class TorchNetwork(nn.Module, Layers[Tensor]):
     """Runs the network's definition in every `forward`. Maps are in the memory format given."""
 
-    def __init__(self, name: str, weights: Path, device: torch.device,
+    def __init__(self, network: Network, weights: Path, device: torch.device,
                  memory_format: torch.memory_format) -> None:
         nn.Module.__init__(self)
-        Layers.__init__(self, name, read_weights(weights))
+        Layers.__init__(self, network, read_weights(weights))
         self.memory_format = memory_format
-        edge, channels = self.network.edge, self.network.channels
+        edge, channels = network.edge, network.channels
         self(torch.zeros(1, edge, edge, channels, dtype=torch.uint8))  # makes the parameters
         self.weights = {}
         self.to(device=device, memory_format=memory_format)  # type: ignore[call-overload]

@@ -1,6 +1,8 @@
 /// @file
 /// Runs one network for the scripts that time it next to other engines.
 ///
+/// facezoo-bench-worker networks lists them: name, channels and edge of an image, and where the
+/// results are, "host" or "device".
 /// facezoo-bench-worker synth NET FILE writes seeded weights of NET.
 /// facezoo-bench-worker NET WEIGHTS IMAGES BATCH constructs NET for the BATCH images that the file
 /// IMAGES holds, as raw bytes, and prints the milliseconds that took. Then it answers every line of
@@ -113,6 +115,14 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
   });
 }
 
+void list() {
+  for (const KnownNetwork& known : knownNetworks()) {
+    const NetworkTable& table = *known.table;
+    std::cout << table.name << ' ' << table.channels << ' ' << table.width << ' '
+              << (table.memory == Results::onHost ? "host" : "device") << '\n';
+  }
+}
+
 void synthesize(const std::string& network, const std::string& path) {
   NewFile file(Outputs({}).claim(path, true));
   writeRandomWeights(*findNetwork(network).table, "", 1, file.stream());
@@ -125,12 +135,15 @@ int main(int argc, char** argv) {
   try {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     std::cout.precision(9);
-    if (arguments.size() == 3 && arguments[0] == "synth") {
+    if (arguments.size() == 1 && arguments[0] == "networks") {
+      list();
+    } else if (arguments.size() == 3 && arguments[0] == "synth") {
       synthesize(arguments[1], arguments[2]);
     } else if (arguments.size() == 4) {
       work(findNetwork(arguments[0]), arguments[1], arguments[2], std::stoi(arguments[3]));
     } else {
-      throw Failure("usage: facezoo-bench-worker (NET WEIGHTS IMAGES BATCH | synth NET FILE)");
+      throw Failure(
+          "usage: facezoo-bench-worker (networks | synth NET FILE | NET WEIGHTS IMAGES BATCH)");
     }
     return 0;
   } catch (...) {

@@ -10,7 +10,7 @@ from typing import Any, TypeVar
 
 import numpy as np
 
-from networks import NETWORKS
+from networks import Network, networks
 
 LIBRARY = "facezoo"
 TOLERANCE = 1e-3
@@ -20,6 +20,7 @@ Item = TypeVar("Item")
 @dataclass
 class Files:
     """What an engine reads for one network and one batch."""
+    network: Network
     weights: Path
     images: Path
     shape: tuple[int, ...]
@@ -68,10 +69,10 @@ def program(options: argparse.Namespace) -> Path:
 
 def prepare(name: str, batch: int, options: argparse.Namespace) -> Files:
     """Weights of a network are made once, images for each batch; all are seeded."""
-    network = NETWORKS[name]
+    network = networks(program(options))[name]
     folder = options.output / "files"
     folder.mkdir(parents=True, exist_ok=True)
-    files = Files(folder / f"{name}.weights", folder / f"{name}.{batch}.images",
+    files = Files(network, folder / f"{name}.weights", folder / f"{name}.{batch}.images",
                   (batch, network.edge, network.edge, network.channels))
     if not files.weights.exists():
         subprocess.run([program(options), "synth", name, files.weights], check=True)
@@ -103,11 +104,8 @@ def processor() -> str:
     return platform.machine()
 
 
-def parse(parser: argparse.ArgumentParser) -> argparse.Namespace:
-    """With the networks that are to be compared."""
-    parser.add_argument("networks", nargs="*", metavar="NET", help="default: all eight")
-    options = parser.parse_args()
-    if unknown := set(options.networks) - set(NETWORKS):
-        parser.error(f"no such network: {', '.join(unknown)}; of {', '.join(NETWORKS)}")
-    options.networks = options.networks or list(NETWORKS)
-    return options
+def choose_networks(parser: argparse.ArgumentParser, options: argparse.Namespace) -> None:
+    known = networks(program(options))
+    if unknown := set(options.networks) - set(known):
+        parser.error(f"no such network: {', '.join(unknown)}; of {', '.join(known)}")
+    options.networks = options.networks or list(known)
