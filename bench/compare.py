@@ -36,7 +36,7 @@ HERE = Path(__file__).resolve().parent
 
 @dataclass
 class Result:
-    """One engine, one network, one batch."""
+    """What was measured of one engine on one network and one batch."""
     load_ms: list[float] = field(default_factory=list)
     first_result_ms: list[float] = field(default_factory=list)
     run_ms: list[float] = field(default_factory=list)
@@ -72,7 +72,7 @@ def model_of(files: Files) -> Path:
 
 
 def make_model(files: Files) -> None:
-    """Once, and again when what it is made of is newer."""
+    """Makes the ONNX model if there is none, or if weights or scripts are newer than it."""
     model = model_of(files)
     sources = files.weights, HERE / "networks.py", HERE / "onnx_models.py"
     if not model.exists() or model.stat().st_mtime < max(path.stat().st_mtime for path in sources):
@@ -80,7 +80,7 @@ def make_model(files: Files) -> None:
 
 
 def sgemm_gflops(size: int = 1024) -> float:
-    """A large matrix product: what the machine gives at this moment."""
+    """The speed of a large matrix product, which shows how fast the machine is at this moment."""
     a = np.ones((size, size), np.float32)
     start = time.perf_counter()
     a @ a
@@ -138,7 +138,7 @@ Cells = dict[tuple[str, int], dict[str, dict[str, Any]]]
 
 
 def advantage(cell: dict[str, dict[str, Any]], quantity: str, family: str = "") -> float | None:
-    """How many times the library's value the best peer's is; all quantities are costs."""
+    """The best peer's value divided by the library's. Of all quantities, less is better."""
     peers = [values[quantity] for engine, values in cell.items()
              if engine != LIBRARY and engine.startswith(family)]
     if not peers or LIBRARY not in cell:

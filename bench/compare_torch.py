@@ -38,7 +38,7 @@ def eager(network: TorchNetwork, images: Tensor) -> Pass:
 
 
 def captured(network: TorchNetwork, images: Tensor) -> Pass:
-    """As a CUDA graph, which needs everything chosen and allocated before."""
+    """A CUDA graph. Before it is captured, a few passes choose algorithms and allocate memory."""
     stream = torch.cuda.Stream()
     stream.wait_stream(torch.cuda.current_stream())
     with torch.cuda.stream(stream):
@@ -124,7 +124,8 @@ def allow_tf32(allowed: bool) -> None:
 
 
 def milliseconds(run: Pass, on_card: bool) -> float:
-    """By the clock that the library's worker has: the card's, with nothing before under way."""
+    """The time of a pass, measured as the library's worker does: by the card's own clock, once it
+    has nothing else to do."""
     if on_card:
         begin, end = (torch.cuda.Event(enable_timing=True) for _ in range(2))
         torch.cuda.synchronize()
@@ -215,8 +216,8 @@ def compile_once(name: str, batch: int, options: argparse.Namespace) -> None:
 
 
 def compile_all(options: argparse.Namespace) -> None:
-    """Several networks at once, before anything is timed: the cells then find the result in the
-    compiler's cache on disk. They also report what fails."""
+    """Compiles several networks at once, before anything is timed. The measurements find the results
+    in the compiler's cache on disk; they also report what has failed."""
     context = multiprocessing.get_context("spawn")
     with ProcessPoolExecutor(max(1, (os.cpu_count() or 1) // 2), context) as pool:
         wait([pool.submit(compile_once, name, batch, options)
@@ -232,7 +233,7 @@ def best(cell: Cell) -> tuple[float, str] | None:
 
 
 def ratio(cell: Cell, over: str) -> float | None:
-    """How many times the library's time that of a form is."""
+    """The time of a form divided by that of the library."""
     fastest = best(cell)
     peer = fastest[0] if over == BEST and fastest else cell[over].median if over in cell else None
     own = cell[LIBRARY].median

@@ -1,5 +1,6 @@
 /// @file
-/// Times the library's own kernels on the card, each beside its floor, as a Markdown table.
+/// Times the library's own kernels on a card, each beside the shortest time that its memory traffic
+/// or its chain of operations allows, as a Markdown table.
 
 #include "client/devices.h"
 #include "client/failure.h"
@@ -25,15 +26,16 @@ int attribute(cudaDeviceAttr which) {
   return value;
 }
 
-/// Device memory without zeros, which some hardware handles faster.
-struct Filled : DeviceBuffer {
-  explicit Filled(std::size_t bytes) : DeviceBuffer(bytes) {
+/// Device memory filled with a value other than zero, as some hardware moves zeros faster.
+struct FilledBuffer : DeviceBuffer {
+  explicit FilledBuffer(std::size_t bytes) : DeviceBuffer(bytes) {
     checkCall(cudaMemset(data(), 0x3E, bytes), "filling of device memory");
   }
   float* floats() { return static_cast<float*>(data()); }
 };
 
-/// The median of many; events enclose several calls each, so that their own cost hardly counts.
+/// The median time of a call. Each sample times many calls together, so that the cost of the
+/// measurement itself hardly counts.
 template <class Call>
 double microseconds(const Call& call) {
   constexpr int kCalls = 20;
@@ -50,7 +52,8 @@ double microseconds(const Call& call) {
   return samples[samples.size() / 2];
 }
 
-/// @param bytes moved by each call; 0 where that is not the limit
+/// Prints a line of the table.
+/// @param bytes that a call moves; 0 if memory does not limit it
 void print(const std::string& kernel, const std::string& shape, double time, double floor,
            double bytes) {
   const std::string rate = bytes > 0 ? std::to_string(std::lround(bytes / time / 1e3)) : "";
@@ -58,13 +61,13 @@ void print(const std::string& kernel, const std::string& shape, double time, dou
               rate.c_str(), floor, time / floor);
 }
 
-/// Next to a copy that reads and writes as many bytes together.
+/// Times a kernel beside a copy whose bytes read and written are as many together.
 template <class Call>
 void timeMoves(const std::string& kernel, const std::string& shape, std::size_t bytes,
                const Call& call) {
   const std::size_t half = bytes / 2;
-  Filled from(half);
-  Filled to(half);
+  FilledBuffer from(half);
+  FilledBuffer to(half);
   const double copy = microseconds(
       [&] { cudaMemcpyAsync(to.data(), from.data(), half, cudaMemcpyDeviceToDevice, nullptr); });
   print(kernel, shape, microseconds(call), copy, static_cast<double>(bytes));
@@ -74,8 +77,8 @@ void timeMoves(const std::string& kernel, const std::string& shape, std::size_t 
 void timeRows(const std::string& kernel, decltype(facezoo::maxRows)* launch, int width, int height,
               bool beside) {
   const std::size_t count = static_cast<std::size_t>(width) * height;
-  Filled in(2 * count * sizeof(float));
-  Filled out(count * sizeof(float));
+  FilledBuffer in(2 * count * sizeof(float));
+  FilledBuffer out(count * sizeof(float));
   const int stride = beside ? 2 * width : width;
   float* const second = in.floats() + (beside ? width : count);
   timeMoves(kernel, std::to_string(height) + " x " + std::to_string(width),
@@ -86,9 +89,9 @@ void timeRows(const std::string& kernel, decltype(facezoo::maxRows)* launch, int
 void timeConversion(const std::string& kernel, MeanKind kind, int4 dims) {
   const std::size_t image = static_cast<std::size_t>(dims.y) * dims.z * dims.w;
   const std::size_t count = image * dims.x;
-  Filled in(count);
-  Filled mean(image * sizeof(float));
-  Filled out(count * sizeof(float));
+  FilledBuffer in(count);
+  FilledBuffer mean(image * sizeof(float));
+  FilledBuffer out(count * sizeof(float));
   const std::string shape = std::to_string(dims.x) + " x " + std::to_string(dims.y) + " x " +
                             std::to_string(dims.z) + " x " + std::to_string(dims.w);
   timeMoves(kernel, shape, count * (1 + sizeof(float)), [&] {
@@ -97,10 +100,10 @@ void timeConversion(const std::string& kernel, MeanKind kind, int4 dims) {
   });
 }
 
-/// Next to its chain of dependent fused multiply-adds, of four cycles each.
+/// Times the L2 norm beside its chain of dependent multiply-adds, of four cycles each.
 void timeNorms(int count, int dim) {
-  Filled in(static_cast<std::size_t>(count) * dim * sizeof(float));
-  Filled out(count * sizeof(float));
+  FilledBuffer in(static_cast<std::size_t>(count) * dim * sizeof(float));
+  FilledBuffer out(count * sizeof(float));
   const double time =
       microseconds([&] { facezoo::l2Norms(count, dim, in.floats(), out.floats()); });
   print("l2Norms", std::to_string(count) + " x " + std::to_string(dim), time,

@@ -1,6 +1,6 @@
 /// @file
-/// Times single layers on shapes that occur in the networks, and a matrix product large enough to
-/// show what the machine can give.
+/// Times single layers on shapes of the networks, and a matrix product that is large enough to show
+/// how fast the machine can multiply.
 
 #include "buffer_pool.h"
 #include "layer_factory.h"
@@ -76,7 +76,7 @@ std::size_t elements(int4 shape) {
   return static_cast<std::size_t>(shape.x) * shape.y * shape.z * shape.w;
 }
 
-/// What one image costs a layer.
+/// The work of a layer on one image.
 struct Work {
   int4 input;  ///< its shape; the first extent is the benchmark's argument
   int inputBytes = sizeof(float);
@@ -84,7 +84,7 @@ struct Work {
   double weights = 0;  ///< floats that a call reads, whatever the batch
 };
 
-/// @param create what is timed; created once and untimed
+/// @param create makes what is timed; its own time does not count
 void run(benchmark::State& state, const Work& work, const std::function<Operation()>& create) {
   const Operation operation = create();
   int4 shape = work.input;
@@ -148,7 +148,7 @@ void addWeighted() {
   }
 }
 
-/// A convolution by an algorithm of our choice.
+/// A convolution that computes with the algorithm that it is told.
 struct ChosenConvolution : CBA {
   using CBA::CBA;
   Tensor with(cudnnConvolutionFwdAlgo_t algorithm, const Tensor& x) {
@@ -158,7 +158,7 @@ struct ChosenConvolution : CBA {
   }
 };
 
-/// What the CPU platform's rules that choose between algorithms rest on.
+/// Times both algorithms of the CPU platform, whose rules for choosing one rest on these times.
 void addAlgorithms() {
   const struct {
     const char* name;
@@ -190,7 +190,7 @@ void addPoolings() {
         return pooling(x, shape.window, shape.stride, shape.pad);
       };
     };
-    const Operation operation = shape.average ? pooled(AveragePooling()) : pooled(MaxPooling());
+    Operation operation = shape.average ? pooled(AveragePooling()) : pooled(MaxPooling());
     add((shape.average ? "AveragePooling" : "MaxPooling") + std::to_string(shape.window) + "s" +
             std::to_string(shape.stride) + sizeName(shape.channels, shape.width),
         {{0, shape.channels, shape.height, shape.width}}, [=] { return operation; });

@@ -52,11 +52,12 @@ class Layers(ABC, Generic[Value]):
 
     @abstractmethod
     def max_pool(self, x: Value, window: int, stride: int, pad: int = 0) -> Value:
-        """Rounds the size up."""
+        """The size of the result is rounded up."""
 
     @abstractmethod
     def average_pool(self, x: Value, window: int, stride: int, pad: int = 0) -> Value:
-        """Rounds the size up; divides by a window's positions inside the padded input."""
+        """The size of the result is rounded up. Divides by the number of a window's positions inside
+        the padded input."""
 
     @abstractmethod
     def lrn(self, x: Value, alpha: float = 1e-4, k: float = 1.0) -> Value:
@@ -89,7 +90,8 @@ class Layers(ABC, Generic[Value]):
         return self.parameter(name + "-1", -1) if name + "-1" in self.sizes else None
 
     def outputs(self, name: str) -> int:
-        """As many as there are biases, or betas of the batch normalization in their place."""
+        """The number of a layer's outputs: of its biases, or of the betas of the batch normalization
+        that stands in their place."""
         return self.sizes.get(name + "-1") or self.sizes[name + "/bn-beta"]
 
     def conv(self, x: Value, name: str, kernel: int = 1, stride: int = 1,
@@ -285,7 +287,7 @@ class Network(NamedTuple):
 
 @cache
 def networks(worker: Path) -> dict[str, Network]:
-    """All that the library has, by name."""
+    """All networks of the library, by name."""
     listed = subprocess.run([worker, "networks"], check=True, stdout=subprocess.PIPE, encoding="ascii")
     found = {}
     for line in listed.stdout.splitlines():

@@ -14,7 +14,7 @@ from networks import Layers, Network, read_weights
 
 
 class Graph(Layers[str]):
-    """Collects nodes; a value is known by its name."""
+    """Collects the nodes of an ONNX graph, in which values are names."""
 
     def __init__(self, network: Network, weights: Path) -> None:
         super().__init__(network, read_weights(weights))
@@ -64,8 +64,8 @@ class Graph(Layers[str]):
 
     def pool(self, kind: str, x: str, window: int, stride: int, pad: int,
              **attributes: Any) -> str:
-        """What the last window overhangs is padding that does not count: that is faster with the
-        peers than their own rounding."""
+        """Sizes are rounded up by more padding, which does not count, behind the last window: the peers
+        compute that faster than with their own option for it."""
         edge = self.edges[x]
         rounded = -(-(edge + 2 * pad - window) // stride) + 1
         overhang = (rounded - 1) * stride + window - edge - 2 * pad

@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-/// Times what is called: it is done when the call returns.
+/// Measures calls to a simulated device, whose work is done when a call returns.
 class Stopwatch {
  public:
   void start() { start_ = std::chrono::steady_clock::now(); }
@@ -23,7 +23,7 @@ class Stopwatch {
 
 #include "client/devices.h"
 
-/// Times what the default stream does, which is idle at `start`.
+/// Measures the work of a card's default stream, which `start` lets become idle first.
 class Stopwatch {
  public:
   Stopwatch() {

@@ -1,4 +1,4 @@
-"""What the comparisons share: seeded files, processes that run a network on them, and tables."""
+"""Common to the comparisons: seeded files, processes that run a network on them, and tables."""
 import argparse
 import os
 import platform
@@ -68,7 +68,7 @@ def program(options: argparse.Namespace) -> Path:
 
 
 def prepare(name: str, batch: int, options: argparse.Namespace) -> Files:
-    """Weights of a network are made once, images for each batch; all are seeded."""
+    """Writes seeded images for a batch, and seeded weights unless there are some."""
     network = networks(program(options))[name]
     folder = options.output / "files"
     folder.mkdir(parents=True, exist_ok=True)
@@ -86,7 +86,7 @@ def rotated(items: list[Item], turn: int) -> list[Item]:
 
 
 def difference(found: Any, expected: Any) -> float:
-    """The largest, as a part of the largest value."""
+    """The largest difference, relative to the largest value."""
     return float(np.abs(np.subtract(found, expected)).max() / np.abs(expected).max())
 
 

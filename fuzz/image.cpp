@@ -1,5 +1,4 @@
-// An image file from its bytes to the upright pixels that a network takes, grey or in
-// colour.
+// Decodes an image file of any bytes to the upright pixels that a network takes, grey or in colour.
 #include "client/failure.h"
 #include "client/images.h"
 #include "memory_file.h"

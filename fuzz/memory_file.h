@@ -1,5 +1,5 @@
 /// @file
-/// Bytes as a file, for code that takes a path.
+/// Gives bytes in memory a path, for code that reads files.
 #pragma once
 
 #include <sys/mman.h>
@@ -12,7 +12,7 @@
 
 namespace facezoo::fuzz {
 
-/// One regular file that lives in memory and is filled anew for each input.
+/// A regular file in memory, whose contents `fill` replaces.
 class MemoryFile {
  public:
   const char* fill(const std::uint8_t* data, std::size_t size) {

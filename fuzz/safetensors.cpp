@@ -1,4 +1,5 @@
-// A safetensors file from its bytes to the weight file that is made of it.
+// Reads a safetensors file of any bytes and makes a weight file of it, which must read back as the
+// same arrays.
 #include "client/safetensors.h"
 #include "client/failure.h"
 #include "client/weight_exchange.h"

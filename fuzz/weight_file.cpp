@@ -1,4 +1,5 @@
-// A weight file from its bytes to the construction of a small network.
+// Constructs a small network from a weight file of any bytes. Whatever the answer, the device must
+// hold afterwards what it held before.
 #include "memory_file.h"
 #include "small_network.h"
 
@@ -32,7 +33,8 @@ struct Probe : Network {
   static int count() { return network_count; }
 };
 
-/// Keeps a network, so that the shared context is not made anew for each input.
+/// Constructs a network that stays, so that not every input creates the shared context anew.
+/// @return what the device holds then
 host_device::Live prepare(facezoo::fuzz::MemoryFile& file) {
   if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
   const std::string valid = validFile();
@@ -42,7 +44,7 @@ host_device::Live prepare(facezoo::fuzz::MemoryFile& file) {
   return host_device::live();
 }
 
-/// Documented failures only; any other exception ends the process.
+/// Ends the process by any exception but the documented ones.
 void construct(const char* path) {
   try {
     const SmallNetwork network(path, 1, "");

@@ -1,5 +1,6 @@
-// Host memory runs out: every allocation in a network's construction and first pass fails, alone or
-// followed by every call to the platform; and every call fails, followed by every allocation.
+// Host memory runs out: each allocation in a network's construction and first `Forward` fails,
+// alone or with all calls to the platform after it; and each call fails with all allocations after
+// it.
 #include "heap.h"
 #include "sweep.h"
 
@@ -20,7 +21,7 @@ class AllocationSweep : public Sweep {
  protected:
   void SetUp() override {
     Sweep::SetUp();
-    // Giving back what lies behind a document is an allocation too.
+    // To give back the bytes behind a document, the library allocates.
     if (&table_ == &smallNetwork) std::ofstream(file_, std::ios::app) << "a tail";
     heap::restart();
     construct();
@@ -28,33 +29,33 @@ class AllocationSweep : public Sweep {
     forward();
     untilForward_ = heap::usage().allocations;
     destroy();
-    EXPECT_EQ(untilForward_, heap::usage().allocations) << "releasing takes memory";
+    EXPECT_EQ(untilForward_, heap::usage().allocations) << "the destruction allocates";
   }
 
   void sweep(const char* mode, void (*then)()) {
-    const std::vector<std::size_t> some = points(untilForward_, kShare);
-    visitAll(some, then != nullptr, [&](std::size_t k) {
+    const std::vector<std::size_t> visited = points(untilForward_, kShare);
+    visitAll(visited, then != nullptr, [&](std::size_t k) {
       SCOPED_TRACE("allocation " + std::to_string(k));
-      const std::size_t before = heap::usage().blocks;
+      const std::size_t before = heap::usage().live;
       visit(k, then);
       if (then == nullptr) {
-        EXPECT_EQ(before, heap::usage().blocks);
+        EXPECT_EQ(before, heap::usage().live);
       }
     });
-    report("allocation", mode, some,
+    report("allocation", mode, visited,
            {{"construction", inConstruction_}, {"Forward", untilForward_}});
   }
 
   void sweepCalls() {
-    const std::vector<std::size_t> some = points(trace_.size(), kShare / 2);
-    visitAll(some, false, [&](std::size_t k) {
+    const std::vector<std::size_t> visited = points(trace_.size(), kShare / 2);
+    visitAll(visited, false, [&](std::size_t k) {
       SCOPED_TRACE("call " + std::to_string(k) + ", " + trace_[k - 1]);
       visitCall(k);
     });
-    report("fault", "all later allocations failing", some, callPhases());
+    report("fault", "all later allocations failing", visited, callPhases());
   }
 
-  /// What an allocation that fails may look like from outside.
+  /// How a failing allocation is reported by `thrower`, a kind of `Thrown`.
   static Report outOfMemory(const std::string& thrower) {
     for (const Report& report :
          {Report{{"cuda", cudaErrorMemoryAllocation},
@@ -69,7 +70,7 @@ class AllocationSweep : public Sweep {
     return {{"bad_alloc", 0}, ""};
   }
 
-  /// Fails allocation `k` of a life. Before and after, a network is alive.
+  /// Fails allocation `k` of a life and calls `then`, if any, at that moment.
   void visit(std::size_t k, void (*then)()) {
     bool failed = false;
     Outcome outcome = live(
@@ -86,7 +87,7 @@ class AllocationSweep : public Sweep {
       EXPECT_EQ(1U, outcome.thrown.size());
       EXPECT_EQ(report.line.empty() ? 0U : 1U, outcome.lines.size());
     }
-    // No other call of the runtime allocates.
+    // The only call of the CUDA runtime that allocates is cudaMalloc.
     if (report.thrown.first == "cuda") outcome.raised.insert(outcome.raised.begin(), "cudaMalloc");
     expectNewLife(lostIn(outcome));
   }
@@ -126,7 +127,7 @@ class AllocationSweep : public Sweep {
   std::size_t left_ = 0;
 };
 
-// In one test, because the weights take longer than a mode.
+// One test for all modes, because making the weights takes longer than a mode.
 TEST_P(AllocationSweep, EndsAsOneFailure) {
   sweep("one allocation failing", nullptr);
   sweep("all later calls failing too", [] {
@@ -142,8 +143,9 @@ INSTANTIATE_TEST_SUITE_P(Small, AllocationSweep, testing::Values(smallKind),
 
 enum Ending { held, failed, notReached };
 
-/// In a process where only a small network has lived before, and lives on: the next makes longer
-/// lists, larger scratch memory and the descriptors that stay, while allocation `k` fails.
+/// Constructs a network of `kind` while allocation `k` fails, in a process in which only a small
+/// one is alive: there the pool's lists and the platform's scratch memory still have to grow, and
+/// the descriptors that stay have to be created. The small network must go on working.
 Ending growWith(const NetworkKind& kind, std::size_t k) {
   omp_set_num_threads(1);
   ForwardCall call{kind.table, 1}, smallCall{smallNetwork, 1};
@@ -162,7 +164,7 @@ Ending growWith(const NetworkKind& kind, std::size_t k) {
   EXPECT_NE("", thrown.first);
   EXPECT_EQ(net ? 2 : 1, NetworkProbe::count());
   const Thrown smallThrown = attempt([&] { EXPECT_EQ(expected, smallCall.results(small, 1)); });
-  // Only a block that could not be had leaves the living without.
+  // Only if the pool's new blocks could not be allocated do networks that are alive lack theirs.
   const std::string mayThrow = thrown.first == "cuda" ? "tensor" : "";
   EXPECT_TRUE(smallThrown.first.empty() || smallThrown.first == mayThrow);
   construct();
@@ -180,15 +182,7 @@ TEST(FirstAllocations, LeaveTheLivingAlone) {
     int ending = held;
     for (std::size_t k = 1; ending == held; k += step) {
       SCOPED_TRACE(kind.table.name + (", allocation " + std::to_string(k)));
-      std::cout.flush();
-      const pid_t child = fork();
-      if (child == 0) {
-        const Ending here = growWith(kind, k);
-        std::cout.flush();
-        _exit(here);
-      }
-      ASSERT_EQ(child, waitpid(child, &ending, 0));
-      ending = WIFEXITED(ending) ? WEXITSTATUS(ending) : failed;
+      ending = exitCodeInChild([&, &kind = kind] { return growWith(kind, k); });
     }
     EXPECT_EQ(notReached, ending);
   }

@@ -1,8 +1,9 @@
 /// @file
-/// What a test sees of the calls that the library makes, and what they leave. A simulated device
-/// shows its calls; on a card, what they do is all there is to see.
+/// Observes the calls that the library makes to the platform. Only a simulated device reports them:
+/// on a card, the expectations of calls run their action and expect nothing.
 #pragma once
 
+#include "GPU.h"
 #include "seeded_network.h"
 
 namespace facezoo::test {
@@ -21,10 +22,10 @@ inline Names times(int n, const Names& part) {
 }
 
 #if FACEZOO_SIMULATED
-/// The calls made while `action` runs.
+/// The calls that are made while `action` runs.
 template <class Action>
 std::vector<host_device::Call> callsOf(const Action& action) {
-  // Outlives an action that throws.
+  // Shared with the observer, which stays in place if `action` throws.
   const auto calls = std::make_shared<std::vector<host_device::Call>>();
   host_device::setObserver([calls](const host_device::Call& call) { calls->push_back(call); });
   action();
@@ -62,7 +63,7 @@ Thrown thrownBy(const Action& action) {
   return static_cast<Thrown>(-1);
 }
 
-/// Blocks of at least `floats` floats that the pool has to give.
+/// How many tensors of `floats` floats the pool has free blocks for.
 inline int freeBlocks(int floats) {
   std::vector<Tensor> taken;
   try {
@@ -71,6 +72,10 @@ inline int freeBlocks(int floats) {
     return static_cast<int>(taken.size());
   }
 }
+
+struct GpuProbe : GPU {
+  static int& chosen() { return DeviceID; }
+};
 
 /// A test after which no network is alive.
 struct ContractTest : DeviceTest {

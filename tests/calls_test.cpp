@@ -1,6 +1,5 @@
-// Who calls what, when and how often. Seen by the simulated device's observer.
+// Which calls to the platform the library makes, in which order and how often.
 #include "calls.h"
-#include "GPU.h"
 #include "facezoo/listener.h"
 #include "layers/eltwise.h"
 #include "layers/l2_norm.h"
@@ -23,11 +22,6 @@ void failAt(const char* name, std::size_t at) { host_device::setFault({at, name}
 
 using CallsTest = ContractTest;
 
-struct GpuProbe : GPU {
-  static void forget() { DeviceID = -1; }
-  static int chosen() { return DeviceID; }
-};
-
 TEST_F(CallsTest, TheFirstSuitableDeviceIsChosen) {
   constexpr std::size_t MiB = std::size_t{1} << 20;
   const struct {
@@ -41,7 +35,7 @@ TEST_F(CallsTest, TheFirstSuitableDeviceIsChosen) {
       {{}, -1, 0},
   };
   for (const auto& c : cases) {
-    GpuProbe::forget();
+    GpuProbe::chosen() = -1;
     host_device::setDevices(c.devices);
     testing::internal::CaptureStderr();
     if (c.chosen >= 0) {
@@ -64,7 +58,7 @@ TEST_F(CallsTest, TheFirstSuitableDeviceIsChosen) {
   }
   host_device::restoreDefaultDevices();
   for (const char* call : {"cudaGetDeviceCount", "cudaSetDevice", "cudaGetDeviceProperties"}) {
-    GpuProbe::forget();
+    GpuProbe::chosen() = -1;
     failAt(call, 1);
     EXPECT_EQ(cudaErrorUnknown, thrownBy<cudaError>([] { GPU gpu; })) << call;
     EXPECT_EQ(-1, GpuProbe::chosen());
@@ -74,7 +68,7 @@ TEST_F(CallsTest, TheFirstSuitableDeviceIsChosen) {
 }
 
 TEST_F(CallsTest, APoolThatFailedToChangeIsMadeWholeByTheNextSizing) {
-  testing::internal::CaptureStderr();
+  const Listener silent;
   failAt("cudaMalloc", 3);
   EXPECT_EQ(cudaErrorUnknown, thrownBy<cudaError>([] { growPool(64, 4); }));
   EXPECT_EQ(2, freeBlocks(1));
@@ -87,7 +81,6 @@ TEST_F(CallsTest, APoolThatFailedToChangeIsMadeWholeByTheNextSizing) {
   EXPECT_EQ(4, freeBlocks(1));
   growPool(128, 4);
   EXPECT_EQ(4, freeBlocks(1));
-  testing::internal::GetCapturedStderr();
 }
 
 TEST_F(CallsTest, LayersShareOneContext) {
@@ -109,25 +102,25 @@ TEST_F(CallsTest, WhatAFailedConstructionLeavesIsOneContextAtMost) {
   const TemporaryFile empty, noMap;
   std::ofstream(empty.path).close();
   std::ofstream(noMap.path) << "an integer";
-  const auto left = [] {
+  const auto alive = [] {
     const host_device::Live now = host_device::live();
     return std::pair(now.handles, now.allocations);
   };
   const auto construct = [&](const std::string& path) {
     EXPECT_ANY_THROW(SmallNetwork(path.c_str(), 1, ""));
-    return left();
+    return alive();
   };
-  const auto nothing = left();
+  const auto nothing = alive();
   const std::pair handle(nothing.first + 1, nothing.second),
       context(handle.first, handle.second + 1);
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  // Before the network counts, its end does not come.
+  const Listener silent;
+  // A constructor that throws before its network is counted leaves the context: only the end of
+  // the last counted network releases it.
   for (const std::string& path : {std::string("/nonexistent"), empty.path}) {
     EXPECT_EQ(context, construct(path));
     EXPECT_EQ(context, construct(path));
     LayerBase::releaseAll();
-    EXPECT_EQ(nothing, left());
+    EXPECT_EQ(nothing, alive());
   }
   for (int attempt = 0; attempt < 3; ++attempt) {
     failAt("cudaMalloc", 1);
@@ -136,8 +129,6 @@ TEST_F(CallsTest, WhatAFailedConstructionLeavesIsOneContextAtMost) {
   host_device::clearFault();
   EXPECT_EQ((Names{"cudnnDestroy", "cudnnCreate", "cudaMalloc"}), namesOf([] { LayerBase(); }));
   EXPECT_EQ(nothing, construct(noMap.path));
-  testing::internal::GetCapturedStderr();
-  testing::internal::GetCapturedStdout();
 }
 
 /// The layers of a network that make calls when they are created, those inside blocks included, in
@@ -195,7 +186,8 @@ TEST_P(NetworkCalls, AreTheDocumentedOnes) {
   std::map<std::pair<LayerKind, bool>, std::ptrdiff_t> run;
   for (const auto& [name, row] : layers) {
     created = created + callsFor(row).first;
-    if (name.rfind("loss1/", 0) != 0) ++run[{row.kind, hasVector(row)}];  // else never run
+    if (name.rfind("loss1/", 0) == 0) continue;  // this branch has weights, but is never computed
+    ++run[{row.kind, hasVector(row)}];
   }
   std::unique_ptr<Network> net;
   EXPECT_EQ((Names{"cudnnCreate", "cudaMalloc"} + created + Names{"cublasCreate_v2"} +
@@ -231,20 +223,20 @@ TEST_P(NetworkCalls, AreTheDocumentedOnes) {
     }
   }
 
-  // Where the shared context has gone, a pass makes it again before all else.
+  // Without the shared context, `Forward` creates it before it makes any other call.
   LayerBase::releaseAll();
   Names names = namesOf([&] { forward(*net, 1); });
   names.resize(3);
   EXPECT_EQ((Names{"cudnnCreate", "cudaMalloc", "cudaMemcpy"}), names);
 
-  // A shape that was configured by halves is forgotten.
+  // A call that fails while a layer adapts to a shape leaves nothing of that shape behind.
   const std::vector<float> one = forward.results(*net, 1);
   failAt("cudnnSetTensor4dDescriptor", 2);
   EXPECT_NE(0, thrownBy<cudnnStatus_t>([&] { forward(*net, 2); }));
   EXPECT_EQ(one, forward.results(*net, 1));
 
-  if (&table == &googLeNetBN)  // its branches are declared convolutions first
-    std::rotate(layers.end() - 7, layers.end() - 5, layers.end() - 3);
+  // Two branches of this network declare both convolutions before both normalizations.
+  if (&table == &googLeNetBN) std::rotate(layers.end() - 7, layers.end() - 5, layers.end() - 3);
   for (const auto& [name, row] : layers) released = callsFor(row).second + released;
   EXPECT_EQ((released + times(table.bufferCount, {"cudaFree"}) +
              Names{"cublasDestroy_v2", "cudnnDestroy", "cudaFree"}),

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Completion offers what the tool's help says.
+# Completion offers the commands, options and values that the tool's help lists.
 #   completion_test.sh SOURCE_DIR TOOL
 set -euo pipefail
 # shellcheck disable=SC1091 # checked by itself
@@ -8,7 +8,7 @@ tool=$2 failures=0
 networks=$("$tool" info --format json | grep -o '"network":"[^"]*' | cut -d '"' -f 4 | paste -sd ' ')
 complete -p facezoo | grep -q -e '-o default' # of files, where there is nothing to offer
 
-# The words before the cursor, the last of them begun; what is offered.
+# Each line: the words before the cursor, of which the last may be incomplete | what is offered.
 while IFS='|' read -r typed expected; do
   IFS=' ' read -ra COMP_WORDS <<<"$tool $typed"
   [ -n "${typed##* }" ] || COMP_WORDS+=('')

@@ -1,5 +1,4 @@
-// What a host may count on of errors, pool and networks, on a simulated device and on a card.
-#include "GPU.h"
+// What hosts may rely on in errors, the pool and networks, on a simulated device and on a card.
 #include "calls.h"
 #include "facezoo/listener.h"
 #include "network_facts.h"
@@ -20,7 +19,8 @@
 namespace facezoo::test {
 namespace {
 
-/// What a host makes of a network: a member of a class whose base promises not to throw.
+/// A host's class with a network as a member. Its base's destructor must not throw, so that a
+/// network whose destructor might would not compile there.
 struct Host {
   virtual ~Host() = default;
 };
@@ -69,8 +69,8 @@ TEST_F(ContractTest, AFailingStatusIsClearedThenPrintedThenThrown) {
   EXPECT_TRUE(std::regex_match(testing::internal::GetCapturedStderr(), lines));
 }
 
-/// Keeps what it hears, and refuses documents while it is told to.
-struct Ear : Listener {
+/// Keeps the lines that it is told, and refuses documents while `refuses` is set.
+struct RecordingListener : Listener {
   void onLine(const char* line) noexcept override { lines.emplace_back(line); }
   void onDocument(const msgpack::v1::object& root) override {
     entries = static_cast<int>(root.via.map.size);
@@ -89,23 +89,23 @@ TEST_F(ContractTest, WhoListensHearsInPlaceOfTheStreams) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   {
-    Ear outer;
+    RecordingListener outer;
     {
-      Ear ear;
+      RecordingListener inner;
       const std::string& file = seededFile(smallNetwork);
       EXPECT_EQ(2, thrownBy<cudaError>([] { CheckCuda(cudaErrorMemoryAllocation); }));
       EXPECT_EQ(0, construct("nowhere", ""));
       EXPECT_EQ(1, construct(file.c_str(), "up/"));
       EXPECT_EQ(1, construct(file.c_str(), longPrefix));
-      ASSERT_EQ(4U, ear.lines.size());
-      EXPECT_EQ(0U, ear.lines[0].find("[Error] out of memory (cuda error code: 2) at tests/"));
-      EXPECT_EQ("Weight file not found.", ear.lines[1]);
-      EXPECT_EQ("up/inMean-0 not found.", ear.lines[2]);
-      EXPECT_EQ(longPrefix.substr(0, 1023), ear.lines[3]);
+      ASSERT_EQ(4U, inner.lines.size());
+      EXPECT_EQ(0U, inner.lines[0].find("[Error] out of memory (cuda error code: 2) at tests/"));
+      EXPECT_EQ("Weight file not found.", inner.lines[1]);
+      EXPECT_EQ("up/inMean-0 not found.", inner.lines[2]);
+      EXPECT_EQ(longPrefix.substr(0, 1023), inner.lines[3]);
 
       const SmallNetwork net(file.c_str(), 1, "");
-      EXPECT_EQ(9, ear.entries);
-      ear.refuses = true;
+      EXPECT_EQ(9, inner.entries);
+      inner.refuses = true;
       EXPECT_THROW(const SmallNetwork refused(file.c_str(), 1, ""), std::runtime_error);
       EXPECT_EQ(1, NetworkProbe::count());
     }
@@ -161,12 +161,12 @@ TEST_F(ContractTest, BlocksAreTakenFromTheFrontAndReturnedAtTheBack) {
   const float* block = first.base->data;
   Tensor second({1, 1, 1, 1});
   Tensor copy = first;
-  first = LayerBase()(Layer()(copy));  // identities, which share the block
+  first = LayerBase()(Layer()(copy));  // both return their input, with the same block
   copy = Tensor();
   EXPECT_EQ(0, thrownBy<TensorError>([&] { wants(1, 1, 1, 1); }));
   first = Tensor();
   EXPECT_EQ(block, Tensor({1, 1, 1, 1}).base->data);
-  second = Tensor();  // comes back behind the other
+  second = Tensor();  // its block returns behind the other
   EXPECT_EQ(block, Tensor({1, 1, 1, 1}).base->data);
   EXPECT_NE(block, Tensor({1, 1, 1, 1}).base->data);
 }
@@ -176,7 +176,7 @@ struct NetworkPass : ContractTest, testing::WithParamInterface<NetworkKind> {};
 TEST_P(NetworkPass, RepeatsItsBitsInAsManyBlocksAsDocumented) {
   const NetworkTable& table = GetParam().table;
   const int blocks = factsOf(table).blocks, largest = factsOf(table).largestTensor;
-  std::unique_ptr<Network> net(GetParam().construct(seededFile(table), 2));
+  const auto net = GetParam().make(2);
   EXPECT_EQ(std::tuple(table.channels, table.width, table.height, table.outputDim),
             std::tuple(net->getChannels(), net->getWidth(), net->getHeight(), net->getOutputDim()));
   ForwardCall forward{table, 2};
@@ -218,7 +218,7 @@ TEST_F(ContractTest, NetworksShareWhatTheLastOneReleases) {
   }
   for (Member& member : members) member.net.reset();
 #if FACEZOO_SIMULATED
-  host_device::poisonFreshMemory(false);  // takes too long
+  host_device::poisonFreshMemory(false);  // to fill each workspace would take too long
   const std::size_t idle = host_device::live().allocations;
 #endif
   int order[] = {0, 1, 2}, end[] = {0, 1, 2};
@@ -248,8 +248,8 @@ TEST_F(ContractTest, NetworksShareWhatTheLastOneReleases) {
   while (std::next_permutation(order, order + 3));
 }
 
-/// A network is copied, the copy once more, and the first again when it is empty; then all go, in
-/// the first of the 24 possible orders.
+/// Copies a network, the copy, and the first once more, which is empty then; destroys the four in
+/// the first `orders` of their 24 orders.
 template <class Net>
 void expectCopiesToTakeEverythingOver(const NetworkTable& table, int orders) {
   ForwardCall forward{table, 2};
@@ -318,7 +318,7 @@ TEST_F(ContractTest, BadArgumentsOfForwardHaveTheirOwnAnswers) {
   EXPECT_EQ(1, thrownBy<cudaError>(run(images.data(), 1, nullptr)));
   int printed = 5;
 #if FACEZOO_SIMULATED
-  // A card may let the wrong kind of memory pass, and what lies behind an array.
+  // A card may accept the wrong kind of memory, and accesses behind an array.
   EXPECT_EQ(1, thrownBy<cudaError>(run(hostImages.data(), 1, out.data())));
   EXPECT_EQ(1, thrownBy<cudaError>(run(oneImage.data(), 2, out.data())));
   EXPECT_EQ(1, thrownBy<cudaError>(run(images.data(), 1, deviceOut.data())));
@@ -334,7 +334,7 @@ TEST_F(ContractTest, BadArgumentsOfForwardHaveTheirOwnAnswers) {
                      [&] { const DexpressionNet vast(seededFile(dexpressionNet), most, ""); }))
         << most;
   }
-  // What is wrong with the file comes first.
+  // A wrong file is reported before a wrong `maxBatch`.
   const TemporaryFile noMap;
   std::ofstream(noMap.path) << "an integer";
   EXPECT_EQ(1, thrownBy<NetworkError>(

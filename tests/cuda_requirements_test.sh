@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What configuring the cuda platform says of the versions it finds: pretended folders hold no more
-# than what versions are read from.
+# Configures the cuda platform with folders that pretend to hold versions of the toolkit and of cuDNN,
+# and checks what CMake says. The folders hold only the files that versions are read from.
 #   cuda_requirements_test.sh SOURCE-DIRECTORY
 set -euo pipefail
 source=$1

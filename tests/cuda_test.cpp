@@ -77,7 +77,8 @@ TEST(ConvolutionQuery, TakesTheFirstThatRunsFitsAndIsPlain) {
 }
 
 TEST(ConvolutionQuery, SeesEveryRowOfTheList) {
-  // An algorithm may have a row for each math type: what fits comes behind as many as there are.
+  // An algorithm may have a row for each math type. The one that fits is the last of all these
+  // rows.
   constexpr int rows = 2 * CUDNN_CONVOLUTION_FWD_ALGO_COUNT;
   const auto maxCount = [](int* count) {
     *count = rows;
@@ -102,7 +103,7 @@ TEST(ConvolutionQuery, SeesEveryRowOfTheList) {
   EXPECT_EQ(CUDNN_STATUS_NOT_SUPPORTED, chooseFromList(maxCount, fails, fits, 100, &chosen));
 }
 
-/// A fused convolution whose descriptors can be asked about.
+/// A fused convolution whose descriptors tests can read.
 struct OpenConvolution : CBA {
   using CBA::algorithm_, CBA::CBA, CBA::configure, CBA::convolution_, CBA::filterShape_,
       CBA::handle_, CBA::input_, CBA::output_, CBA::workspaceSize;
@@ -164,7 +165,7 @@ struct DeviceMemory : DeviceTest, testing::WithParamInterface<NetworkKind> {};
 
 TEST_P(DeviceMemory, IsTheSameAfterTenThousandPasses) {
   const NetworkTable& table = GetParam().table;
-  const std::unique_ptr<Network> net(GetParam().construct(seededFile(table), 2));
+  const auto net = GetParam().make(2);
   ForwardCall forward{table, 2};
   const std::vector<float> one = forward.results(*net, 1), two = forward.results(*net, 2);
   const std::size_t before = freeMemory();
@@ -183,11 +184,11 @@ TEST_P(DeviceMemory, IsTheSameAfterTenThousandPasses) {
 TEST_P(DeviceMemory, IsTheSameAfterEveryLifeFromTheSecondOn) {
   const NetworkTable& table = GetParam().table;
   ForwardCall forward{table, 1};
-  // The weights of the others take longer to copy than to make sure of.
+  // Copying the weights of the other networks a thousand times would take too long.
   const int lives = &table == &dexpressionNet ? 1000 : 20;
   std::size_t expected = 0;
   for (int life = 1; life <= lives; ++life) {
-    std::unique_ptr<Network> net(GetParam().construct(seededFile(table), 1));
+    auto net = GetParam().make(1);
     if (life <= 2 || life % 100 == 0) forward(*net, 1);
     net.reset();
     if (life == 2) expected = freeMemory();

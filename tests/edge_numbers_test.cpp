@@ -18,7 +18,8 @@ namespace {
 
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 constexpr float infinity = std::numeric_limits<float>::infinity();
-// The GPU libraries do not say whether they keep subnormal numbers.
+// Subnormal on the CPU platform; on a card a normal number, because the GPU libraries do not say
+// whether they keep subnormal ones.
 constexpr float tiny = FACEZOO_SIMULATED != 0 ? 1e-40F : 1e-30F;
 
 struct EdgeNumbers : DeviceTest {
@@ -29,9 +30,6 @@ struct EdgeNumbers : DeviceTest {
 };
 
 TEST_F(EdgeNumbers, FollowTheFormulasOfLayersThatMultiplyNoMatrices) {
-  const auto up = [](const Image4& x) {
-    return upload(std::vector<float>(x.v.begin(), x.v.end()), {x.n, x.c, x.h, x.w});
-  };
   const auto check = [](const char* what, const Tensor& got, const Image4& expected) {
     SCOPED_TRACE(what);
     expectClose(got, expected, expected, 1e-3);
@@ -53,40 +51,42 @@ TEST_F(EdgeNumbers, FollowTheFormulasOfLayersThatMultiplyNoMatrices) {
   for (int c = 0; c < x.c; ++c) std::copy_n(std::data({2.0F, tiny, infinity, nan}), 4, &x.v[4 * c]);
   const std::unique_ptr<LayerBase> normalize(
       createLayer(facezoo::batchNormalization("bn", x.c), "", weights.root()));
-  check("batch normalization", (*normalize)(up(x)), test::batchNormalization(x, parameters, 1e-5));
+  check("batch normalization", (*normalize)(upload(x)),
+        test::batchNormalization(x, parameters, 1e-5));
 
   std::fill(x.v.begin(), x.v.end(), 2);
   std::copy_n(std::data({infinity, nan, tiny, -infinity}), 4, &x.v[x.index(0, 3, 0, 0)]);
-  check("LRN of the networks", LocalResponseNormalization()(up(x), 5, 1e-4F, 0.75F, 1),
+  check("LRN of the networks", LocalResponseNormalization()(upload(x), 5, 1e-4F, 0.75F, 1),
         lrn(x, 5, 1e-4, 0.75, 1));
-  check("another LRN", LocalResponseNormalization()(up(x), 3, 1e-2F, 0.5F, 2),
+  check("another LRN", LocalResponseNormalization()(upload(x), 3, 1e-2F, 0.5F, 2),
         lrn(x, 3, 1e-2, 0.5, 2));
 
   std::vector<double> rows = {infinity, -infinity, -infinity, -infinity, 1,        nan, tiny, 0,
                               1,        2,         -infinity, -infinity, infinity, 3,   0,    0};
-  const Tensor windows = up({1, 1, 2, 8, rows});
+  const Tensor windows = upload({1, 1, 2, 8, rows});
   check("largest", MaxPooling()(windows, 2, 2, 0), {1, 1, 1, 4, {infinity, -infinity, nan, tiny}});
   check("average", AveragePooling()(windows, 2, 2, 0),
         {1, 1, 1, 4, {nan, -infinity, nan, tiny / 4}});
 
   const Image4 pairs = {1, 2, 1, 5, {infinity, -infinity, nan, tiny, -tiny, 0, 0, 0, tiny, -tiny}};
-  const Tensor in = up(pairs);
+  const Tensor in = upload(pairs);
   check("softmax", Softmax()(in), softmax(pairs));
   check("rectified", Relu()(in), {1, 2, 1, 5, {infinity, 0, nan, tiny, 0, 0, 0, 0, tiny, 0}});
   check("larger", SliceEltwiseMax()(in), {1, 1, 1, 5, {infinity, 0, nan, tiny, -tiny}});
   check("joined", Concat()({in, in}), concat({pairs, pairs}));
   check("difference of infinities",
-        EltwiseSum()(up({1, 1, 1, 3, {infinity, infinity, tiny}}),
-                     up({1, 1, 1, 3, {-infinity, 1, tiny}})),
+        EltwiseSum()(upload({1, 1, 1, 3, {infinity, infinity, tiny}}),
+                     upload({1, 1, 1, 3, {-infinity, 1, tiny}})),
         {1, 1, 1, 3, {nan, infinity, 2 * tiny}});
 }
 
-/// What a special value may make of a result that it takes part in.
+/// Whether `got` is a permitted result of a sum that the NaN or infinity `special` takes part in.
 using Outcome = bool (*)(float special, float got);
 bool notFinite(float /*special*/, float got) { return !std::isfinite(got); }
-// An infinity may be divided or rectified away.
+// Division or a ReLU may make a finite number of an infinity.
 bool nanOfNan(float special, float got) { return std::isnan(got) || !std::isnan(special); }
-// A fused convolution rectifies NaN to 0. Transforms make NaN of an infinity.
+// The ReLU of a fused convolution makes 0 of NaN, and Winograd's transforms make NaN of an
+// infinity.
 bool zeroOfNan(float special, float got) {
   return got == 0 || (got == infinity && !std::isnan(special));
 }
@@ -138,11 +138,11 @@ TEST_F(EdgeNumbers, ReachNoFurtherThanDocumented) {
     const std::vector<float> clean = run(row, edge, arrays);
     const int plane = edge * edge, channels = static_cast<int>(clean.size()) / images / plane;
     const bool isBlock = row.out == 0, mixes = isBlock || row.kernel > 1;
-    // Beside what it takes part in, a value strays through its transformed tile.
-    const int strays = FACEZOO_SIMULATED != 0 && !isBlock ? 4 : edge;
+    // Winograd's transforms spread a value over its tile, beyond the sums that it takes part in.
+    const int reach = FACEZOO_SIMULATED != 0 && !isBlock ? 4 : edge;
     for (const auto& [name, values] : arrays) {
       const bool ofInput = name == input, ofAll = name == "pca-1";
-      if (isBlock && !ofInput) continue;  // behind its own layer a weight reaches every channel
+      if (isBlock && !ofInput) continue;  // a weight inside a block reaches every channel of it
       // The middle of the middle image, or of the weights of the middle channel.
       const std::size_t parts = ofInput ? images : ofAll ? 1 : channels;
       const std::size_t part = values.size() / parts, middle = parts / 2 * part + part / 2;
@@ -157,7 +157,7 @@ TEST_F(EdgeNumbers, ReachNoFurtherThanDocumented) {
           const bool related = ofInput ? image == images / 2 : ofAll || channel == channels / 2;
           const bool takesPart = related && (!ofInput || away <= row.kernel / 2);
           const bool may = takesPart ? outcome(special, got[i])
-                                     : related && mixes && away <= strays &&
+                                     : related && mixes && away <= reach &&
                                            (!std::isnan(got[i]) || outcome(nan, nan));
           EXPECT_TRUE(may || (!takesPart && clean[i] == got[i]))
               << row.name << ", " << special << " in " << name << ": image " << image
@@ -182,7 +182,7 @@ TEST_F(EdgeNumbers, SubnormalNumbersCountInEverySumOfProducts) {
       Arrays changed = arrays;
       for (float& value : changed[name]) value *= tiny;
       const std::vector<float> got = run(row, edge, changed);
-      // Transforms take a few digits of what has few.
+      // Subnormal numbers have few digits, of which Winograd's transforms lose some.
       const double most = std::abs(*std::max_element(clean.begin(), clean.end()));
       for (std::size_t i = 0; i < got.size(); ++i)
         ASSERT_NEAR(1.0 * tiny * clean[i], got[i], 0.02 * tiny * most) << i;

@@ -1,5 +1,6 @@
-// What the documentation of the GPU libraries leaves open, and the networks rest on. The first
-// answer is what the library's own documentation says and what the CPU platform does.
+// Questions that the documentation of the GPU libraries leaves open, although the networks' results
+// depend on them. The first answer to each is the one that the library's own documentation gives
+// and that the CPU platform implements.
 #include "layers/cba.h"
 #include "layers/l2_norm.h"
 #include "layers/pool.h"

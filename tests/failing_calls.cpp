@@ -1,7 +1,7 @@
 /// @file
-/// What fails allocations and the start of threads in a program that is not built for it, into
-/// which it is preloaded. FAIL_MALLOC_AT and FAIL_THREAD_AT say from which call on, counted from 1;
-/// COUNT_TO names a file to write at the exit how many allocations there were.
+/// A library that lets allocations and the start of threads fail in a program into which it is
+/// preloaded. FAIL_MALLOC_AT and FAIL_THREAD_AT say from which call on, where the first is 1. At
+/// its exit, the program writes the number of its allocations to the file that COUNT_TO names.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -52,23 +52,23 @@ bool isRefused() {
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* block, std::size_t size);
+void* __libc_realloc(void* memory, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 void* malloc(std::size_t size) { return isRefused() ? nullptr : __libc_malloc(size); }
 void* calloc(std::size_t count, std::size_t size) {
   return isRefused() ? nullptr : __libc_calloc(count, size);
 }
-void* realloc(void* block, std::size_t size) {
-  return isRefused() ? nullptr : __libc_realloc(block, size);
+void* realloc(void* memory, std::size_t size) {
+  return isRefused() ? nullptr : __libc_realloc(memory, size);
 }
 void* memalign(std::size_t alignment, std::size_t size) {
   return isRefused() ? nullptr : __libc_memalign(alignment, size);
 }
 void* aligned_alloc(std::size_t alignment, std::size_t size) { return memalign(alignment, size); }
-int posix_memalign(void** block, std::size_t alignment, std::size_t size) {
-  *block = memalign(alignment, size);
-  return *block == nullptr ? ENOMEM : 0;
+int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
+  *memory = memalign(alignment, size);
+  return *memory == nullptr ? ENOMEM : 0;
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),

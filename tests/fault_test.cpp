@@ -1,5 +1,5 @@
-// Every call to the platform fails once, and from then on; what the library promises must hold
-// after each.
+// Each call to the platform in a network's life fails, alone or with all calls after it. After each
+// the promises of docs/reliability.md must hold.
 #include "layers/lrn.h"
 #include "layers/pool.h"
 #include "layers/relu.h"
@@ -14,16 +14,16 @@ namespace {
 class FaultSweep : public Sweep {
  protected:
   void sweep(bool fromThenOn) {
-    const std::vector<std::size_t> some = points(trace_.size(), 1);
-    visitAll(some, fromThenOn, [&](std::size_t k) {
+    const std::vector<std::size_t> visited = points(trace_.size(), 1);
+    visitAll(visited, fromThenOn, [&](std::size_t k) {
       SCOPED_TRACE("call " + std::to_string(k) + ", " + trace_[k - 1]);
       visit(k, fromThenOn);
     });
-    report("fault", fromThenOn ? "all later calls failing too" : "one call failing", some,
+    report("fault", fromThenOn ? "all later calls failing too" : "one call failing", visited,
            callPhases());
   }
 
-  /// Fails call `k` of a life. Before and after, a network is alive.
+  /// Fails call `k` of a life, which replaces the network that is alive; a new one follows.
   void visit(std::size_t k, bool fromThenOn) {
     const bool afterForward = k > forwarded_;
     const std::size_t at = afterForward ? k - forwarded_ : k;
@@ -46,7 +46,7 @@ class FaultSweep : public Sweep {
       expectFirst(report, outcome);
     }
     if (fromThenOn) {
-      // The end of an unwinding may add lines, but never an exception.
+      // Destructors that run while the exception unwinds may print more lines, but throw nothing.
       EXPECT_GE(outcome.lines.size(), outcome.thrown.size());
       for (const std::string& line : outcome.lines) {
         EXPECT_EQ(0U, line.rfind("[Error] ", 0)) << line;
@@ -66,7 +66,9 @@ TEST_P(FaultSweep, AllCallsFromOneOn) { sweep(true); }
 INSTANTIATE_TEST_SUITE_P(, FaultSweep, testing::ValuesIn(networkKinds),
                          testing::PrintToStringParamName());
 
-/// Where no stateless layer has its descriptors yet: fails the creation of each once.
+/// Fails the creation of each descriptor that stateless layers share, in a process in which none of
+/// them exists yet.
+/// @return whether each failure was thrown and each descriptor was then created once
 bool firstCallsMeetEveryFailure() {
   preparePool(sizeof(float), 3);
   Tensor x = upload<float>({1}, {1, 1, 1, 1});
@@ -78,7 +80,7 @@ bool firstCallsMeetEveryFailure() {
     x = Relu()(x);
     x = Softmax()(x);
   };
-  bool reported = true;
+  bool thrown = true;
   const std::string tensor = "cudnnCreateTensorDescriptor", pool = "cudnnCreatePoolingDescriptor";
   const std::pair<std::string, std::size_t> calls[] = {{tensor, 1},
                                                        {"cudnnCreateLRNDescriptor", 1},
@@ -94,11 +96,11 @@ bool firstCallsMeetEveryFailure() {
                                                        {tensor, 1}};
   for (const auto& [call, at] : calls) {
     host_device::setFault({at, call});
-    reported = attempt(callAll).first == "cudnn" && reported;
+    thrown = attempt(callAll).first == "cudnn" && thrown;
     host_device::clearFault();
   }
   callAll();
-  return reported && host_device::live().descriptors == before + std::size(calls) - 1;
+  return thrown && host_device::live().descriptors == before + std::size(calls) - 1;
 }
 
 TEST(FaultDeathTest, DescriptorsThatStayAreCreatedOnceThroughFailures) {

@@ -1,5 +1,5 @@
-// What a host may bring along under the names of the GPU libraries: every call fails, as it does
-// where a driver is missing.
+// Functions of a host under the names of the GPU libraries' calls. All of them fail, as the calls
+// do without a driver.
 #define FAILS(name) \
   extern "C" int name() { return 35; }
 

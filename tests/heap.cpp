@@ -12,16 +12,16 @@
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* block, std::size_t size);
+void* __libc_realloc(void* memory, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
-void __libc_free(void* block);
+void __libc_free(void* memory);
 extern const char __executable_start, etext;
 }
 
 namespace facezoo::test::heap {
 namespace {
 
-std::atomic<std::size_t> allocations{0}, fromOutside{0}, blocks{0}, bytes{0}, peak{0};
+std::atomic<std::size_t> allocations{0}, fromOutside{0}, live{0}, bytes{0}, peak{0};
 std::atomic<const char*> firstCaller{nullptr};
 
 struct Plan {
@@ -34,8 +34,8 @@ Plan plan;
 std::atomic<bool> planned{false};
 std::atomic<std::size_t> counted{0};
 
-/// Counts an allocation. The library's sources are part of this executable: whoever else calls is
-/// the platform, or works for it.
+/// Counts an allocation. The library's sources are part of this executable, so that callers outside
+/// of it are the platform and the libraries that it uses.
 /// @return whether it must fail
 bool refuses(const void* caller) {
   ++allocations;
@@ -50,44 +50,44 @@ bool refuses(const void* caller) {
   return fails;
 }
 
-void* grown(void* block) {
-  if (block == nullptr) return nullptr;
-  ++blocks;
-  const std::size_t now = bytes += malloc_usable_size(block);
+void* grown(void* memory) {
+  if (memory == nullptr) return nullptr;
+  ++live;
+  const std::size_t now = bytes += malloc_usable_size(memory);
   std::size_t most = peak;
   while (most < now && !peak.compare_exchange_weak(most, now)) {
   }
-  return block;
+  return memory;
 }
 
 void shrunk(std::size_t by) {
-  --blocks;
+  --live;
   bytes -= by;
 }
 
-void* orThrow(void* block) {
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
+void* orThrow(void* memory) {
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
 }
 
 #ifdef FACEZOO_SANITIZED
 void* take(std::size_t size) { return std::malloc(size); }
 void* takeAligned(std::size_t alignment, std::size_t size) {
-  void* block = nullptr;
-  return posix_memalign(&block, alignment, size) == 0 ? block : nullptr;
+  void* memory = nullptr;
+  return posix_memalign(&memory, alignment, size) == 0 ? memory : nullptr;
 }
-void giveBack(void* block) { std::free(block); }
+void giveBack(void* memory) { std::free(memory); }
 #else
 void* take(std::size_t size) { return __libc_malloc(size); }
 void* takeAligned(std::size_t alignment, std::size_t size) {
   return __libc_memalign(alignment, size);
 }
-void giveBack(void* block) { __libc_free(block); }
+void giveBack(void* memory) { __libc_free(memory); }
 #endif
 
-void release(void* block) {
-  if (block != nullptr) shrunk(malloc_usable_size(block));
-  giveBack(block);
+void release(void* memory) {
+  if (memory != nullptr) shrunk(malloc_usable_size(memory));
+  giveBack(memory);
 }
 
 void* allocate(const void* caller, std::size_t size) {
@@ -108,7 +108,7 @@ void restart() {
   peak = bytes.load();
 }
 
-Usage usage() { return {allocations, fromOutside, firstCaller, blocks, bytes, peak}; }
+Usage usage() { return {allocations, fromOutside, firstCaller, live, bytes, peak}; }
 
 void failAt(std::size_t at, Failing failing, void (*then)()) {
   plan = {at, failing, then};
@@ -141,17 +141,18 @@ void* operator new(std::size_t size, const std::nothrow_t& /*unused*/) noexcept 
 void* operator new[](std::size_t size, const std::nothrow_t& /*unused*/) noexcept {
   return allocate(CALLER, size);
 }
-void operator delete(void* block) noexcept { release(block); }
-void operator delete[](void* block) noexcept { release(block); }
-void operator delete(void* block, std::size_t /*size*/) noexcept { release(block); }
-void operator delete[](void* block, std::size_t /*size*/) noexcept { release(block); }
-void operator delete(void* block, std::align_val_t /*alignment*/) noexcept { release(block); }
-void operator delete[](void* block, std::align_val_t /*alignment*/) noexcept { release(block); }
-void operator delete(void* block, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
-  release(block);
+void operator delete(void* memory) noexcept { release(memory); }
+void operator delete[](void* memory) noexcept { release(memory); }
+void operator delete(void* memory, std::size_t /*size*/) noexcept { release(memory); }
+void operator delete[](void* memory, std::size_t /*size*/) noexcept { release(memory); }
+void operator delete(void* memory, std::align_val_t /*alignment*/) noexcept { release(memory); }
+void operator delete[](void* memory, std::align_val_t /*alignment*/) noexcept { release(memory); }
+void operator delete(void* memory, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
+  release(memory);
 }
-void operator delete[](void* block, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
-  release(block);
+void operator delete[](void* memory, std::size_t /*size*/,
+                       std::align_val_t /*alignment*/) noexcept {
+  release(memory);
 }
 
 #ifndef FACEZOO_SANITIZED
@@ -160,25 +161,25 @@ void* malloc(std::size_t size) { return allocate(CALLER, size); }
 void* calloc(std::size_t count, std::size_t size) {
   return refuses(CALLER) ? nullptr : grown(__libc_calloc(count, size));
 }
-void* realloc(void* block, std::size_t size) {
+void* realloc(void* memory, std::size_t size) {
   if (refuses(CALLER)) return nullptr;
-  const std::size_t before = malloc_usable_size(block);
-  void* const moved = __libc_realloc(block, size);
-  if (block != nullptr && (moved != nullptr || size == 0)) shrunk(before);
+  const std::size_t before = malloc_usable_size(memory);
+  void* const moved = __libc_realloc(memory, size);
+  if (memory != nullptr && (moved != nullptr || size == 0)) shrunk(before);
   return grown(moved);
 }
-// Only OpenMP's runtime calls it, for its teams, and ends the process if it is refused.
+// Never fails: only OpenMP's runtime calls it, for its teams, and it would end the process.
 void* memalign(std::size_t alignment, std::size_t size) {
   return grown(__libc_memalign(alignment, size));
 }
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
   return allocate(CALLER, size, alignment);
 }
-int posix_memalign(void** block, std::size_t alignment, std::size_t size) {
-  *block = allocate(CALLER, size, alignment);
-  return *block == nullptr ? ENOMEM : 0;
+int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
+  *memory = allocate(CALLER, size, alignment);
+  return *memory == nullptr ? ENOMEM : 0;
 }
-void free(void* block) { release(block); }
+void free(void* memory) { release(memory); }
 }
 #endif
 // NOLINTEND(bugprone-reserved-identifier)

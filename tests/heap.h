@@ -1,20 +1,20 @@
 /// @file
-/// The heap of the whole process, watched from the executable that this is part of. Under a
-/// sanitizer, whose own heap must see every block, only what C++ code allocates passes here.
+/// Counts the heap's allocations and lets some fail, in the whole process of the executable that
+/// heap.cpp is part of. Sanitizers bring a heap of their own: with them, only the operators new and
+/// delete are watched.
 #pragma once
 
 #include <cstddef>
 
 namespace facezoo::test::heap {
 
-/// What has been taken from the heap.
 struct Usage {
   std::size_t allocations;  ///< since the last `restart`
-  std::size_t fromOutside;  ///< of them, those that no code of this executable asked for
-  const char* firstCaller;  ///< of these, or null
-  std::size_t blocks;       ///< live
-  std::size_t bytes;        ///< in them, with what the heap rounds up
-  std::size_t peak;         ///< most of these since the last `restart`
+  std::size_t fromOutside;  ///< of them, those by code outside this executable
+  const char* firstCaller;  ///< where the first of these was made; null without any
+  std::size_t live;         ///< not yet given back
+  std::size_t bytes;        ///< in these, as the heap has rounded them up
+  std::size_t peak;         ///< the most of `bytes` since the last `restart`
 };
 
 void restart();
@@ -22,10 +22,11 @@ Usage usage();
 
 enum class Failing { once, fromThenOn };
 
-/// Lets the `at`-th allocation fail, counted from now, from 1. `then`, if any, is called where it
-/// fails first.
+/// Lets the `at`-th allocation from now fail, where the next is the first. `then`, if any, is
+/// called just before the first failure.
 void failAt(std::size_t at, Failing failing, void (*then)() = nullptr);
-/// Ends that. Whether an allocation has failed.
+/// Ends what `failAt` began.
+/// @return whether an allocation has failed
 bool endFailing();
 
 }  // namespace facezoo::test::heap

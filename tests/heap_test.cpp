@@ -1,5 +1,5 @@
-// Once a shape has been seen, a pass takes nothing from the heap below the library. That it takes
-// no device memory is among the calls that calls_test.cpp counts.
+// The platform allocates no host memory in a `Forward` whose shape it has seen before.
+// calls_test.cpp checks that no `Forward` allocates device memory.
 #include "heap.h"
 #include "seeded_network.h"
 
@@ -12,7 +12,7 @@ struct HeapTest : DeviceTest, testing::WithParamInterface<NetworkKind> {};
 
 TEST_P(HeapTest, IsLeftAloneOnceAShapeIsKnown) {
   ForwardCall forward{GetParam().table, 2};
-  const std::unique_ptr<Network> net(GetParam().construct(seededFile(GetParam().table), 2));
+  const auto net = GetParam().make(2);
   for (const int batch : {1, 2}) {
     forward(*net, batch);
     heap::restart();

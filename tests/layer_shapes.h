@@ -85,11 +85,9 @@ inline constexpr LayerShape edgeLayers[] = {
 };
 
 /// Images that networks convert to floats, and what they subtract.
-inline constexpr LayerShape networkInputs[] = {
-    {meanImage(224, 224, 1), 1, 224, 224},
-    {meanImage(224, 224, 3), 1, 224, 224},
-    {noMean(3), 1, 128, 128},
-};
+inline constexpr LayerShape networkInputs[] = {{meanImage(224, 224, 1), 1, 224, 224},
+                                               {meanImage(224, 224, 3), 1, 224, 224},
+                                               {noMean(3), 1, 128, 128}};
 inline constexpr LayerShape edgeInputs[] = {
     {noMean(1), 1, 1, 1},  {noMean(3), 1, 2, 2},  {noMean(3), 5, 1, 33},  {noMean(1), 2, 33, 31},
     {noMean(3), 5, 7, 64}, {noMean(2), 2, 65, 3}, {noMean(3), 2, 67, 83}, {noMean(1), 1, 2, 8999},

@@ -69,16 +69,12 @@ struct LayerTest : DeviceTest {
   }
 };
 
-Tensor upload(const Image4& x) {
-  return test::upload(std::vector<float>(x.v.begin(), x.v.end()), {x.n, x.c, x.h, x.w});
-}
-
 template <class Shape>
 struct ShapedLayerTest : LayerTest, testing::WithParamInterface<Shape> {};
 
 /// A suite with one test for each of `shapes`.
 #define LAYER_TEST(Suite, Shape, shapes)                                                           \
-  using Suite = ShapedLayerTest<Shape>;                                                            \
+  struct Suite : ShapedLayerTest<Shape> {};                                                        \
   INSTANTIATE_TEST_SUITE_P(, Suite, testing::ValuesIn(shapes), testing::PrintToStringParamName()); \
   TEST_P(Suite, FollowsItsFormula)
 
@@ -126,7 +122,7 @@ LAYER_TEST(InputLayerTest, LayerShape, both(networkInputs, edgeInputs)) {
     TransformNHWC2NCHW layer(kind, "", weights.root());
     freshPool(bytes.size());
     const Image4 expected = convertInput({n, h, w, c, {bytes.begin(), bytes.end()}}, mean);
-    expectClose(layer(test::upload(bytes, {n, h, w, c})), expected, expected, epsilon);
+    expectClose(layer(upload(bytes, {n, h, w, c})), expected, expected, epsilon);
   };
   check(noMean(c), {});
   check(channelMean(means[0], means[1], means[2]), {means.begin(), means.begin() + c});
@@ -237,12 +233,6 @@ LAYER_TEST(ReluLayerTest, MapShape, mapsOf({"Relu"})) {
   const Image4 x = seededMap(GetParam(), 1);
   freshPool(x.v.size());
   expectEqual(Relu()(upload(x)), relu(x));
-}
-
-TEST_F(LayerTest, ReluKeepsNan) {
-  freshPool(6);
-  expectEqual(Relu()(upload({1, 2, 1, 3, {-3.5, 0, 2.25, nan, infinity, -infinity}})),
-              {1, 2, 1, 3, {0, 0, 2.25, nan, infinity, 0}});
 }
 
 LAYER_TEST(SoftmaxLayerTest, MapShape, mapsOf({"Softmax"})) {

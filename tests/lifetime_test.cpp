@@ -1,4 +1,5 @@
-// Networks that come and go thousands of times, and one that outlives the library.
+// Networks that are constructed and destroyed thousands of times, and one that outlives the
+// library.
 #include "calls.h"
 
 #include <malloc.h>
@@ -18,7 +19,7 @@ long residentKiB() {
 }
 
 #ifdef FACEZOO_SANITIZED
-constexpr int kSmallCycles = 200;  // of the workspace's life, too, which takes its heap long
+constexpr int kSmallCycles = 200;  // a sanitizer's heap takes long for the workspace of each
 #else
 constexpr int kSmallCycles = 10000;
 #endif
@@ -28,10 +29,10 @@ struct Lifetimes : ContractTest, testing::WithParamInterface<NetworkKind> {};
 TEST_P(Lifetimes, LeaveMemoryAsItWas) {
   const NetworkTable& table = GetParam().table;
   const int cycles = numberFrom("FACEZOO_CYCLES", &table == &smallNetwork ? kSmallCycles : 2);
-  host_device::poisonFreshMemory(false);  // takes too long
+  host_device::poisonFreshMemory(false);  // to fill each life's workspace would take too long
   const char* const file = seededFile(table);
   ForwardCall forward{table, 1};
-  malloc_trim(0);  // what it took to make the file
+  malloc_trim(0);  // gives back the memory that the weights took until they were in the file
   const long before = residentKiB();
   long most = before, settled = before;
   std::vector<float> expected;
@@ -48,7 +49,7 @@ TEST_P(Lifetimes, LeaveMemoryAsItWas) {
             << " MiB of memory, " << after - before << " KiB more than before the first";
   if (cycles > 100) std::cout << ", " << after - settled << " KiB more than after the hundredth";
   std::cout << "\n";
-#ifndef FACEZOO_SANITIZED  // which keep what is freed
+#ifndef FACEZOO_SANITIZED  // sanitizers keep memory that was freed
   EXPECT_LT(after - before, 4096);
   EXPECT_TRUE(cycles <= 100 || after - settled < 1024);
 #endif
@@ -59,23 +60,22 @@ INSTANTIATE_TEST_SUITE_P(Small, Lifetimes, testing::Values(smallKind),
 INSTANTIATE_TEST_SUITE_P(, Lifetimes, testing::ValuesIn(networkKinds),
                          testing::PrintToStringParamName());
 
-TEST(LibraryUnload, LeavesNothingAndIsOutlived) {
-  for (const char* unloads : {" 0", " 3"}) {
-    // One thread: where there are more, the leak check fails over memory of unloaded libraries.
-    const std::string command =
-        std::string("OMP_NUM_THREADS=1 " UNLOAD_COMMAND " ") + seededFile(dexpressionNet) + unloads;
-    EXPECT_EQ(0, std::system(command.c_str())) << command;
-  }
+void expectToUnload(const std::string& arguments) {
+  // With more threads than one, the leak check reports memory of unloaded libraries.
+  const std::string command =
+      std::string("OMP_NUM_THREADS=1 " UNLOAD_COMMAND " ") + seededFile(dexpressionNet) + arguments;
+  EXPECT_EQ(0, std::system(command.c_str())) << command;
 }
 
-// Whoever brings the calls of the GPU libraries keeps them, and so does the library.
+TEST(LibraryUnload, LeavesNothingAndIsOutlived) {
+  for (const char* unloads : {" 0", " 3"}) expectToUnload(unloads);
+}
+
+// A host may have other functions under the names of the GPU libraries' calls: it goes on calling
+// those, and the library its platform's.
 TEST(LibraryUnload, KeepsItsPlatformWhereAnotherHasTheNames) {
-  for (const char* stub : {NAMES_STUB, VERSIONED_NAMES_STUB})
-    for (const char* order : {" 0 before ", " 0 after "}) {
-      const std::string command = std::string("OMP_NUM_THREADS=1 " UNLOAD_COMMAND " ") +
-                                  seededFile(dexpressionNet) + order + stub;
-      EXPECT_EQ(0, std::system(command.c_str())) << command;
-    }
+  for (const std::string stub : {NAMES_STUB, VERSIONED_NAMES_STUB})
+    for (const char* order : {" 0 before ", " 0 after "}) expectToUnload(order + stub);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 /// @file
-/// What the tests know of each network without its table: geometry, pool blocks, and its graph.
+/// What the tests know of each network independently of its table: geometry, pool blocks, graph.
 #pragma once
 
 #include "network_table.h"
@@ -15,9 +15,9 @@ struct NetworkFacts {
   const char* name;
   int channels, size, outputDim;
   bool onDevice;         ///< where `out1` is
-  int blocks;            ///< of the pool, taken at once
+  int blocks;            ///< the most that `Forward` takes from the pool at once
   int largestTensor;     ///< bytes of one image
-  const char* required;  ///< a weight without which there is no network
+  const char* required;  ///< one of its weights, whose absence the constructor must notice
   std::string steps;     ///< see `Chain::run`
 };
 

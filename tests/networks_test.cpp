@@ -23,7 +23,7 @@ struct NetworkCase {
 /// The end of a test's name.
 void PrintTo(const NetworkCase& network, std::ostream* out) { *out << network.facts.name; }
 
-/// A copy, which has what its source had.
+/// Constructs a network and returns a copy, to which the layers have moved.
 template <class N>
 std::unique_ptr<Network> create(const std::string& file, int maxBatch, const std::string& prefix) {
   N source(file.c_str(), maxBatch, prefix);
@@ -80,7 +80,7 @@ TEST_P(NetworkTest, MatchesDoublePrecision) {
             std::tuple(network->getChannels(), network->getWidth(), network->getHeight(),
                        network->getOutputDim()));
 
-  // What a pass leaves in `out1` and `out2`; it writes nothing behind them.
+  // What `Forward` writes to `out1` and `out2`. Behind them, it must write nothing.
   using Results = std::vector<std::vector<float>>;
   const std::vector<float> fence(16, untouched);
   const auto forward = [&](int from, int batch, bool onDevice, bool wantsNorm) {
@@ -119,7 +119,7 @@ TEST_P(NetworkTest, MatchesDoublePrecision) {
   }
   EXPECT_EQ((Results{results[0], {untouched}}), forward(1, 1, net.onDevice, false));
 #if FACEZOO_SIMULATED
-  // A GPU may let the wrong kind of memory pass.
+  // A card may accept the wrong kind of memory.
   EXPECT_THROW(forward(1, 1, !net.onDevice, true), cudaError);
 #endif
   std::cout << "measured " << net.name << ": largest difference from double precision " << worst

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The README's program and CMake lines, as they stand, and the examples build and run against the
-# library, however it is had.
+# Builds the README's program, with its CMake lines, and the examples against the library, and runs them:
+# against the installed library, the Debian packages, or the library as a part of the project.
 #   package_test.sh installed|debian|embedded SOURCE_DIR BUILD_DIR
 set -Eeuo pipefail
 trap 'echo "line $LINENO: $BASH_COMMAND"' ERR

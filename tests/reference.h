@@ -1,5 +1,6 @@
 /// @file
-/// What the layers compute, written down a second time: plain loops in double precision.
+/// The formulas of the layers as plain loops in double precision, which share no code with the
+/// library.
 #pragma once
 
 #include "support.h"
@@ -21,6 +22,8 @@ struct Image4 {
 };
 Image4 zeros(int n, int c, int h, int w);
 Image4 seededImage(int n, int c, int h, int w, unsigned seed, double low = -1, double high = 1);
+/// A tensor from the pool with these values.
+Tensor upload(const Image4& x);
 /// One image of n·h·w·c values becomes (n, c·h·w, 1, 1).
 Image4 flat(const Image4& x);
 
@@ -30,8 +33,9 @@ Image4 convertInput(const Image4& bytes, const std::vector<float>& mean);
 /// @param bias one value per output, or empty
 Image4 convolution(const Image4& x, const std::vector<float>& filter,
                    const std::vector<float>& bias, int kernel, int stride, int pad);
-/// The scale of a convolution's rounding errors: the root of the sum of its squared terms. Partial
-/// sums of seeded terms of either sign grow like it, and so do the roundings of each.
+/// The scale of a convolution's rounding errors: for each result, the root of the sum of its
+/// squared terms. Partial sums of random terms of either sign grow like it, and with them their
+/// roundings.
 Image4 convolutionScale(Image4 x, std::vector<float> filter, std::vector<float> bias, int kernel,
                         int stride, int pad);
 Image4 lrn(const Image4& x, int size, double alpha, double beta, double k);
@@ -48,23 +52,25 @@ Image4 batchNormalization(const Image4& x, const std::array<std::vector<float>, 
 /// in the first wins, a NaN in the second loses.
 Image4 sliceMax(const Image4& x);
 
-/// Chains of layers on seeded weights that are made when first asked for. They suit their input, so
-/// that each layer and each branch matters to the results, however deep.
+/// Computes chains of layers with random weights, which are made when a layer first asks for them.
+/// Their scale follows that of the layer's input, so that the results depend on every layer and
+/// every branch, however deep it is.
 struct Chain {
   struct Weights : std::map<std::string, std::vector<float>> {
     unsigned seed = 0;  ///< other values for another seed
   };
   Weights weights;
-  std::map<std::string, Image4> kept;  ///< what "set", "join" and "norm" leave
+  std::map<std::string, Image4> kept;  ///< by name, the results of the steps "set", "join", "norm"
 
-  /// @param steps "layer:NAME sizes", separated by ';'; the definition knows the layers
+  /// @param steps "layer:NAME sizes", separated by ';'; reference.cpp has the list of layers
   Image4 run(const std::string& steps, Image4 x);
 };
 
-/// What `count` roundings of terms of either sign add up to, and `more` in a row, as a share of the
-/// scale: like a random walk, with room for the few in a thousand that stray furthest.
+/// A bound for the sum of `count` rounding errors of either sign and of `more` of the same sign,
+/// relative to the scale. The first add up like a random walk, in which the factor 4 leaves room
+/// for the few in a thousand that stray furthest.
 double roundings(double count, double more = 4);
-/// Every value the largest of x: the scale for results of many layers.
+/// The largest absolute value of x in all places: the scale for results of many layers.
 Image4 largest(Image4 x);
 /// Expects the shape, and every value within `relative` times the same place's value in `scale`.
 void expectClose(const Tensor& got, const Image4& expected, const Image4& scale, double relative);

@@ -1,5 +1,5 @@
 /// @file
-/// Whole networks on seeded weights, for tests of the contract rather than of the numbers.
+/// Whole networks with random weights, for tests of what the library promises beside its results.
 #pragma once
 
 #include "network_list.h"
@@ -20,8 +20,8 @@ inline Document seededDocument(const NetworkTable& table, unsigned seed = 1) {
   forEachWeight(
       table.layers, "",
       [&](const std::string& name, std::size_t elements, const LayerRow& layer, WeightRole role) {
-        // Keeps activations at their scale, through a ReLU or a maximum of two, and the last
-        // products where softmax can tell them apart.
+        // Such filters keep the scale of activations through a ReLU or a maximum of two. Those of
+        // the last inner products are smaller, as softmax would make 0 and 1 of large differences.
         const bool plain = layer.kind == LayerKind::convolution && layer.hasBias;
         const double gain = layer.kind == LayerKind::innerProduct && layer.out < 10 ? 0.01 : 1;
         const double range = gain * std::sqrt((plain ? 3.0 : 6.0) * layer.out / elements);
@@ -36,7 +36,7 @@ inline Document seededDocument(const NetworkTable& table, unsigned seed = 1) {
   return document;
 }
 
-/// A weight file of `table`, written once for the process.
+/// The path of a weight file of `table`, which the first call writes.
 inline const char* seededFile(const NetworkTable& table, unsigned seed = 1) {
   static std::map<std::pair<std::string, unsigned>, TemporaryFile> files;
   const auto [file, isNew] = files.try_emplace({table.name, seed});
@@ -44,7 +44,7 @@ inline const char* seededFile(const NetworkTable& table, unsigned seed = 1) {
   return file->second.path.c_str();
 }
 
-/// What a host has for `Forward`: seeded images, and room for all results that there are.
+/// The arguments that a host passes to `Forward`: seeded images, and memory for the results.
 struct ForwardCall {
   const NetworkTable& table;
   const int maxBatch;
@@ -59,7 +59,7 @@ struct ForwardCall {
     float* const out2 = table.hasNorm ? &host[values] : nullptr;
     EXPECT_EQ(0, network.Forward(images.data(), batch, out1, out2));
   }
-  /// The results since the last time; zeros where there are none.
+  /// The results since the last call of `take`, and zeros where `Forward` has written none.
   std::vector<float> take() {
     if (table.memory == Results::onDevice) {
       const std::size_t bytes = values * sizeof(float);
@@ -78,6 +78,10 @@ struct ForwardCall {
 struct NetworkKind {
   const NetworkTable& table;
   Network* (*construct)(const char* weightFile, int maxBatch);
+
+  std::unique_ptr<Network> make(int maxBatch, unsigned seed = 1) const {
+    return std::unique_ptr<Network>(construct(seededFile(table, seed), maxBatch));
+  }
 };
 
 template <class Net>
@@ -94,7 +98,7 @@ inline const NetworkKind smallKind = {smallNetwork, construct<SmallNetwork>};
 /// The end of a test's name.
 inline void PrintTo(const NetworkKind& kind, std::ostream* out) { *out << kind.table.name; }
 
-/// Reaches what hosts cannot.
+/// Reads the number of live networks, which is protected.
 struct NetworkProbe : Network {
   static int count() { return network_count; }
 };

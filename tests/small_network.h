@@ -21,7 +21,7 @@ inline constexpr NetworkTable smallNetwork = {
     {1, 4, 4},         {2 * 4 * 4 * 4, 2}, "SmallNetwork",  3,
     view(smallLayers), view(smallOutput),  Results::onHost, withoutNorm};
 
-/// Asks for more pool blocks than it takes, if so many are wanted.
+/// Asks for `blocks` pool blocks, which may be more than it takes.
 template <int blocks>
 class SmallNetworkOf : public Network {
  public:

@@ -5,7 +5,9 @@
 #include "layers/relu.h"
 #include "layers/softmax.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -14,8 +16,8 @@
 namespace facezoo::test {
 namespace {
 
-// Class-wide descriptors appear with the first call of a class and stay: with all of them there, a
-// descriptor that a test leaves behind shows in the count.
+// The first call of a class of layers creates descriptors that stay. Once all of them exist, any
+// further descriptor is one that a test has left behind.
 void createClassWideDescriptors() {
   preparePool(static_cast<int>(sizeof(float)), 2);
   const Tensor one = upload<float>({1}, {1, 1, 1, 1});
@@ -34,7 +36,7 @@ std::string whatIsMissing() {
   return devices == 0 ? "no GPU" : "";
 }
 
-/// Says at the end how much was not tested for want of a device.
+/// Prints at the end how many tests were skipped because there is no device.
 struct SkipCount : testing::Environment {
   void TearDown() override {
     const std::string missing = whatIsMissing();
@@ -114,6 +116,19 @@ std::vector<std::uint8_t> seededBytes(std::size_t count, unsigned seed, int low,
   for (std::uint8_t& byte : bytes)
     byte = static_cast<std::uint8_t>(low + static_cast<int>(generator() % (high - low)));
   return bytes;
+}
+
+int exitCodeInChild(const std::function<int()>& action) {
+  std::cout.flush();
+  const pid_t child = fork();
+  if (child == 0) {
+    const int code = action();
+    std::cout.flush();
+    _exit(code);
+  }
+  int status = -1;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int numberFrom(const char* variable, int otherwise) {

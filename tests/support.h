@@ -45,7 +45,7 @@ class Document {
   msgpack::v1::object root_;
 };
 
-/// A path of its own; a file there goes with the object.
+/// The path of a file that nobody else uses, which the destructor deletes.
 struct TemporaryFile {
   TemporaryFile();
   TemporaryFile(const TemporaryFile&) = delete;
@@ -53,13 +53,17 @@ struct TemporaryFile {
   std::string path;
 };
 
-/// The same values for the same seed with every compiler, evenly spread from `low` to `high`.
+/// Random values, uniform from `low` to `high`: the same for the same seed with every compiler.
 std::vector<float> seededValues(std::size_t count, unsigned seed, double low = -1, double high = 1);
-/// The same for bytes, without `high`.
+/// Random bytes from `low` up to, but not including, `high`.
 std::vector<std::uint8_t> seededBytes(std::size_t count, unsigned seed, int low = 0,
                                       int high = 256);
 
-/// A number, such as how often to repeat, if the environment says it in `variable`.
+/// Runs `action` in a child process, which ends with what it returns.
+/// @return that; -1 if the child did not come so far
+int exitCodeInChild(const std::function<int()>& action);
+
+/// The number in the environment variable `variable`; `otherwise` if it is not set.
 int numberFrom(const char* variable, int otherwise);
 
 /// Device memory outside the pool, as a host application holds its images.
@@ -88,11 +92,12 @@ Tensor upload(const std::vector<T>& values, int4 shape) {
 }
 std::vector<float> download(const Tensor& tensor);
 
-/// Gives the pool, the handles and the workspace back.
+/// Releases the pool, the handles and the workspace.
 void releaseDevice();
 
-/// Starts from a device that holds nothing of the library's but the descriptors that live as long
-/// as the process, with fresh memory poisoned, and expects the test to leave it so.
+/// When a test starts, the device holds nothing of the library's but the descriptors that live as
+/// long as the process, and fresh memory is filled with NaNs. When it has ended, the device must
+/// hold no more than that.
 struct DeviceTest : testing::Test {
   void SetUp() override;
   void TearDown() override;

@@ -1,13 +1,12 @@
 /// @file
-/// What the sweeps over everything that can fail in a network's life have in common.
+/// Common to the tests that fail every call and every allocation in a network's life, one by one.
+/// A life is the construction of a network, one `Forward` and its destruction.
 #pragma once
 
 #include "seeded_network.h"
 
 #include <malloc.h>
 #include <omp.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
@@ -21,10 +20,10 @@
 
 namespace facezoo::test {
 
-/// What one phase of a network's life threw: whose, empty if nothing, and its value.
+/// What one phase of a network's life threw: the kind of exception, empty if none, and its value.
 using Thrown = std::pair<std::string, int>;
 
-/// Allocates nothing, so that it also tells of an exhausted heap.
+/// Runs `action` and returns what it threw; allocates nothing, as the heap may be exhausted.
 template <class Action>
 Thrown attempt(const Action& action) {
   try {
@@ -49,12 +48,12 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
  protected:
   using Lines = std::vector<std::string>;
 
-  /// What came of a failure.
+  /// What was seen of a life in which something failed.
   struct Outcome {
     std::vector<Thrown> thrown;
-    Lines lines;             ///< that were printed
-    Lines raised;            ///< the calls that failed
-    host_device::Live left;  ///< with no network alive
+    Lines lines;             ///< what was printed
+    Lines raised;            ///< names of the calls that failed
+    host_device::Live left;  ///< what the device held after the destruction
   };
 
   static constexpr cudaError kCuda = cudaErrorLaunchFailure;
@@ -63,12 +62,12 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
 
   void SetUp() override {
     DeviceTest::SetUp();
-    omp_set_num_threads(1);  // a fork has no others
+    omp_set_num_threads(1);  // a forked process would lack the others
     host_device::keepAfterFork(true);
-    host_device::poisonFreshMemory(false);  // filling the workspace anew each time takes too long
+    host_device::poisonFreshMemory(false);  // to fill each life's workspace would take too long
     file_ = seededFile(table_);
     call_.reset(new ForwardCall{table_, 1});
-    // The trace of a whole life, and where its phases end.
+    // Record the calls of one life without failures, and where its phases end.
     host_device::setObserver(
         [&](const host_device::Call& call) { trace_.emplace_back(call.name); });
     construct();
@@ -80,7 +79,7 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     host_device::setObserver({});
     idle_ = host_device::live();
     expected_ = call_->take();
-    // Otherwise a wrong result might go unnoticed.
+    // Results that are all alike would hide a wrong one.
     for (float value : expected_) ASSERT_TRUE(std::isfinite(value));
     ASSERT_GT(std::set<float>(expected_.begin(), expected_.end()).size() * 10,
               expected_.size() * 8);
@@ -96,9 +95,10 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
   void forward() { (*call_)(*net_, 1); }
   void destroy() { net_.reset(); }
 
-  /// Which of `count` points to visit: `share` of the number that FACEZOO_FAULT_POINTS says, evenly
-  /// spread, or "all" of them. If it says nothing, of small networks all and of others 24. FANet,
-  /// whose weights take the longest, makes do with a third.
+  /// Which of the points 1 to `count` to visit, evenly spread: all of them if the environment
+  /// variable FACEZOO_FAULT_POINTS is "all", else `share` of the number in it. Without the
+  /// variable, all points of the two smallest networks and `share` of 24 of the others. FANet,
+  /// whose weights take longest to read, gets a third of its share.
   std::vector<std::size_t> points(std::size_t count, double share) const {
     const char* const set = std::getenv("FACEZOO_FAULT_POINTS");
     const bool isSmall = &table_ == &dexpressionNet || &table_ == &smallNetwork;
@@ -106,34 +106,30 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     if (&table_ == &faNet) share /= 3;
     const std::size_t wanted =
         number == 0 ? count : std::clamp<std::size_t>(std::lround(share * number), 2, count);
-    std::vector<std::size_t> some(wanted);
-    for (std::size_t i = 0; i < wanted; ++i) some[i] = 1 + i * (count - 1) / (wanted - 1);
-    return some;
+    std::vector<std::size_t> spread(wanted);
+    for (std::size_t i = 0; i < wanted; ++i) spread[i] = 1 + i * (count - 1) / (wanted - 1);
+    return spread;
   }
 
-  /// Calls visit(k) for each of `points`, while a network is alive. What failing releases leave
-  /// for good goes with a process, before it is too much.
+  /// Calls visit(k) for each of `points`, in child processes in which a network is alive. If
+  /// releases fail, their memory leaks until the child ends: each child then visits only so many
+  /// points as leak 2 GiB.
   template <class Visit>
   void visitAll(const std::vector<std::size_t>& points, bool releasesFail, const Visit& visit) {
     const std::size_t atOnce =
         releasesFail ? 1 + (std::size_t{2} << 30) / alive_.bytes : points.size();
     for (std::size_t first = 0; first < points.size() && !HasFailure(); first += atOnce) {
-      std::cout.flush();
-      const pid_t child = fork();
-      if (child == 0) {
-        mallopt(M_MMAP_MAX, 0);  // pages that were touched once are kept
-        mallopt(M_TRIM_THRESHOLD, INT_MAX);
-        construct();
-        forward();
-        for (std::size_t i = first; i < std::min(first + atOnce, points.size()); ++i) {
-          if (!HasFailure()) visit(points[i]);
-        }
-        std::cout.flush();
-        _exit(HasFailure() ? 1 : 0);
-      }
-      int status = -1;
-      EXPECT_EQ(child, waitpid(child, &status, 0));
-      EXPECT_EQ(0, status);
+      EXPECT_EQ(0, exitCodeInChild([&] {
+                  mallopt(M_MMAP_MAX,
+                          0);  // the heap keeps its pages, as touching new ones takes long
+                  mallopt(M_TRIM_THRESHOLD, INT_MAX);
+                  construct();
+                  forward();
+                  for (std::size_t i = first; i < std::min(first + atOnce, points.size()); ++i) {
+                    if (!HasFailure()) visit(points[i]);
+                  }
+                  return HasFailure() ? 1 : 0;
+                }));
     }
   }
 
@@ -159,8 +155,9 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
         {"construction", constructed_}, {"Forward", forwarded_}, {"destruction", trace_.size()}};
   }
 
-  /// A life, or only the end of the one that is, during which `begin` has things fail until `end`.
-  /// If that is `once`, a network whose pass failed must give its results at once.
+  /// Lives a life, or, with `onlyTheEnd`, destroys the network that is alive. `begin` is called
+  /// before, to let something fail, and `end` afterwards, to end that. If only one call or
+  /// allocation fails (`once`), a network whose `Forward` failed must work in the next.
   template <class Begin, class End>
   Outcome live(bool onlyTheEnd, bool once, const Begin& begin, const End& end) {
     Outcome outcome;
@@ -190,9 +187,9 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     return outcome;
   }
 
-  /// Whether call k of a life may fail without a word. Releases are checked inside `Forward`, and
-  /// print a line where the pool, the blas handle, the cuDNN handle and the workspace go, which is
-  /// last.
+  /// Whether the failure of call k of a life is neither thrown nor printed. Launches, the copies of
+  /// `Concat` and releases are not checked, but for releases inside `Forward`, and for the last of
+  /// a life: those of the pool, the cuBLAS handle and the workspace print a line.
   bool silent(std::size_t k) const {
     const std::string& name = trace_[k - 1];
     const bool releases = name == "cudaFree" || name.rfind("cudnnDestroy", 0) == 0;
@@ -202,7 +199,7 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
            (releases && !checked);
   }
 
-  /// What a failure throws and prints, a regular expression; empty if it prints nothing.
+  /// What a failure throws, and a regular expression of what it prints, empty if that is nothing.
   struct Report {
     Thrown thrown;
     std::string line;
@@ -210,6 +207,7 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
   static std::string checkLine(const std::string& text) {
     return "\\[Error\\] " + text + " at (src|include|tests)/\\S+ line \\d+";
   }
+  /// What is expected where a call of that name fails.
   static Report reportOf(const std::string& call) {
     if (call.rfind("cudnn", 0) == 0) {
       return {{"cudnn", kCudnn}, checkLine("CUDNN_STATUS_MAPPING_ERROR \\(cudnn error code: 7\\)")};
@@ -229,14 +227,15 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     EXPECT_TRUE(std::regex_match(outcome.lines[0], std::regex(report.line))) << outcome.lines[0];
   }
 
-  /// Lost for good is what an unchecked release failed to release: the checked ones, which print
-  /// where they stand, are tried again by the next network.
+  /// What leaks. Unchecked releases that fail leak; checked ones, whose lines name src/layer.cpp or
+  /// src/tensor.cpp, are retried by the next network.
   static host_device::Live lostIn(const Outcome& outcome) {
     const auto having = [](const Lines& texts, const std::string& part) {
       return static_cast<std::size_t>(std::count_if(
           texts.begin(), texts.end(),
           [&](const std::string& text) { return text.find(part) != std::string::npos; }));
     };
+    // Whether the first line with that place is of a call that acquires, and not of a release.
     const auto firstAt = [&](const std::string& place, const std::set<std::string>& calls) {
       const bool first = !outcome.raised.empty() && calls.count(outcome.raised[0]) > 0;
       return first ? having({outcome.lines[0]}, place) : 0;
@@ -252,8 +251,8 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
     return lost;
   }
 
-  /// With no network alive, nothing is left but what failed to be released, and a handle whose
-  /// workspace could not be had.
+  /// After the destruction, the device holds only what a release failed to release, and the cuDNN
+  /// handle if the workspace could not be allocated.
   void expectTheRestReleased(const Outcome& outcome) const {
     const auto failed = [&](const char* name) {
       return static_cast<std::size_t>(
@@ -266,7 +265,8 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
               outcome.left.handles);
   }
 
-  /// A new life works as if nothing had been, and holds what it should.
+  /// The next network gives the expected results, and the device holds no more than before, but for
+  /// what leaked.
   void expectNewLife(const host_device::Live& lost) {
     EXPECT_EQ(0, NetworkProbe::count());
     construct();

@@ -1,5 +1,4 @@
 // Threads that share networks by the rules of docs/threads.md.
-#include "GPU.h"
 #include "calls.h"
 #include "layer_factory.h"
 #include "layers/concat.h"
@@ -12,7 +11,6 @@
 #include <omp.h>
 
 #include <pthread.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,7 +20,7 @@
 #include <mutex>
 #include <thread>
 
-/// One of OpenMP's runtimes leaves a team's records behind when a team is larger than the machine.
+/// LLVM's OpenMP runtime does not free the records of a team that is larger than the machine.
 extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
   return "leak:libomp\n";
 }
@@ -32,8 +30,8 @@ namespace {
 
 using Lock = std::lock_guard<std::recursive_mutex>;
 
-/// A network that all threads call, and what they must get for each batch.
-struct Served {
+/// A network that all threads call, and the results that they must get for each batch.
+struct SharedNetwork {
   const NetworkKind& kind;
   const int maxBatch;
   const unsigned seed = 1;
@@ -42,38 +40,38 @@ struct Served {
 
   void renew() {
     network.reset();
-    network.reset(kind.construct(seededFile(kind.table, seed), maxBatch));
+    network = kind.make(maxBatch, seed);
   }
 };
 
-/// One of several threads: calls the networks in turn, and replaces one now and then. Its images
-/// and results are its own, and need no lock.
-/// @return calls with a wrong result
-int callInTurn(std::vector<Served>& networks, int device, int thread, int calls) {
+/// What each of several threads does: it calls the networks in turn, and replaces one now and then.
+/// Only this thread uses its images and results, which therefore need no lock.
+/// @return the number of calls with a wrong result
+int callInTurn(std::vector<SharedNetwork>& networks, int device, int thread, int calls) {
   CheckCuda(cudaSetDevice(device));
   int wrong = 0;
   for (int i = 0; i < calls; ++i) {
-    Served& served = networks[(thread + i) % networks.size()];
-    const int batch = 1 + i % served.maxBatch;
-    ForwardCall forward{served.kind.table, served.maxBatch};
+    SharedNetwork& shared = networks[(thread + i) % networks.size()];
+    const int batch = 1 + i % shared.maxBatch;
+    ForwardCall forward{shared.kind.table, shared.maxBatch};
     {
       const Lock lock(GPU::getMutex());
-      if ((thread * 7 + i) % 37 == 0) served.renew();
-      forward(*served.network, batch);
+      if ((thread * 7 + i) % 37 == 0) shared.renew();
+      forward(*shared.network, batch);
     }
-    wrong += forward.take() != served.expected[batch - 1];
+    wrong += forward.take() != shared.expected[batch - 1];
   }
   return wrong;
 }
 
 struct ThreadTest : ContractTest {
-  static void callFromEightThreads(std::vector<Served> networks, int calls) {
+  static void callFromEightThreads(std::vector<SharedNetwork> networks, int calls) {
     const int device = GPU().getDeviceID();
-    for (Served& served : networks) {
-      served.renew();
-      ForwardCall forward{served.kind.table, served.maxBatch};
-      for (int batch = 1; batch <= served.maxBatch; ++batch) {
-        served.expected.push_back(forward.results(*served.network, batch));
+    for (SharedNetwork& shared : networks) {
+      shared.renew();
+      ForwardCall forward{shared.kind.table, shared.maxBatch};
+      for (int batch = 1; batch <= shared.maxBatch; ++batch) {
+        shared.expected.push_back(forward.results(*shared.network, batch));
       }
     }
     std::future<int> threads[8];
@@ -85,18 +83,18 @@ struct ThreadTest : ContractTest {
 };
 
 TEST_F(ThreadTest, GetFromSmallNetworksWhatOneThreadGets) {
-  std::vector<Served> networks;
+  std::vector<SharedNetwork> networks;
   for (const int i : {1, 2, 3, 4}) networks.push_back({smallKind, i, 100U * i});
   callFromEightThreads(std::move(networks), 1000);
 }
 
 TEST_F(ThreadTest, GetFromLargeNetworksWhatOneThreadGets) {
-  std::vector<Served> networks;
+  std::vector<SharedNetwork> networks;
   for (const int i : {0, 2, 4, 7}) networks.push_back({networkKinds[i], 2});
   callFromEightThreads(std::move(networks), numberFrom("FACEZOO_THREAD_CALLS", 4));
 }
 
-/// The result of one layer, of a kind that spreads its work over threads, on a tensor of its own.
+/// A layer that spreads its work over threads, and the shape of its input.
 struct LayerCase {
   const char* what;
   int4 shape;
@@ -114,8 +112,8 @@ LayerCase withWeights(const LayerRow& row, int4 shape) {
   return {row.name, shape, [layer](const Tensor& x) { return (*layer)(x); }};
 }
 
-// A host's own team of OpenMP's threads: what a call finds there is no team of its own, whatever
-// the number of the thread that makes it.
+// A host may call the library from a team of OpenMP's threads. The library must not take the
+// numbers of that team's threads for those of its own.
 TEST_F(ThreadTest, GetInATeamOfTheHostsWhatOneThreadGets) {
   preparePool(1 << 20, 8);
   const LayerCase cases[] = {
@@ -168,10 +166,6 @@ TEST_F(ThreadTest, GetInATeamOfTheHostsWhatOneThreadGets) {
 
 #if FACEZOO_SIMULATED
 
-struct GPUProbe : GPU {
-  static int& chosen() { return DeviceID; }
-};
-
 std::size_t usedBytes(int device) {
   std::size_t free = 0, total = 0;
   CheckCuda(cudaSetDevice(device));
@@ -182,7 +176,7 @@ std::size_t usedBytes(int device) {
 TEST_F(ThreadTest, WorkOnTheDeviceThatTheySelectAndElseOnTheFirst) {
   host_device::setDevices(
       {{"too old", 3, 5, std::size_t{8} << 30}, {"fits", 6, 1, std::size_t{4} << 30}});
-  const int chosenBefore = std::exchange(GPUProbe::chosen(), -1);
+  const int chosenBefore = std::exchange(GpuProbe::chosen(), -1);
   GPU gpu;
   EXPECT_EQ(1, gpu.getDeviceID());
   for (const int selected : {0, 1}) {
@@ -191,19 +185,19 @@ TEST_F(ThreadTest, WorkOnTheDeviceThatTheySelectAndElseOnTheFirst) {
     std::thread([&] {
       if (selected != 0) CheckCuda(cudaSetDevice(gpu.getDeviceID()));
       const Lock lock(GPU::getMutex());
-      network.reset(smallKind.construct(seededFile(smallNetwork), 1));
+      network = smallKind.make(1);
     }).join();
     EXPECT_LT(std::size_t{128} << 20, usedBytes(selected));
     EXPECT_EQ(0U, usedBytes(1 - selected));
     network.reset();
     EXPECT_EQ(0U, usedBytes(selected));
   }
-  GPUProbe::chosen() = chosenBefore;
+  GpuProbe::chosen() = chosenBefore;
   host_device::restoreDefaultDevices();
 }
 
-#ifndef FACEZOO_SANITIZED  // which needs stack of its own
-/// Bytes of stack that `action` takes on a thread of its own.
+#ifndef FACEZOO_SANITIZED  // sanitizers add to every function's stack
+/// How many bytes of stack `action` takes, measured on a thread of its own.
 std::size_t stackOf(const std::function<void()>& action) {
   constexpr unsigned char untouched = 0xA5;
   std::vector<unsigned char> stack(std::size_t{1} << 20, untouched);
@@ -226,56 +220,49 @@ std::size_t stackOf(const std::function<void()>& action) {
 TEST_F(ThreadTest, NeedLittleStack) {
   for (const NetworkKind& kind : networkKinds) {
     ForwardCall call{kind.table, 2};
-    const std::unique_ptr<Network> network(kind.construct(seededFile(kind.table), 2));
-    const std::size_t none = stackOf([] {});
+    const auto network = kind.make(2);
+    const std::size_t ofAnyThread = stackOf([] {});
     // The first call sets the layers up, the second does not.
     for (const int batch : {1, 1, 2}) {
       const std::size_t used = stackOf([&] { call(*network, batch); });
-      EXPECT_GT(std::size_t{32} << 10, used - none) << kind.table.name << ", batch " << batch;
+      EXPECT_GT(std::size_t{32} << 10, used - ofAnyThread)
+          << kind.table.name << ", batch " << batch;
     }
   }
 }
 #endif
 
 TEST_F(ThreadTest, AreNotWaitedForAfterAFork) {
-  const auto network =
-      std::unique_ptr<Network>(networkKinds[0].construct(seededFile(networkKinds[0].table), 1));
+  const auto network = networkKinds[0].make(1);
   ForwardCall call{networkKinds[0].table, 1};
   const std::vector<float> expected = call.results(*network, 1);
-  const pid_t child = fork();
-  if (child == 0) {
-    alarm(30);
-    testing::internal::CaptureStderr();
-    const cudaError failing[] = {
-        thrownBy<cudaError>([&] { call(*network, 1); }),
-        thrownBy<cudaError>([] { smallKind.construct(seededFile(smallNetwork), 1); })};
-    for (const cudaError status : failing) EXPECT_EQ(cudaErrorInitializationError, status);
-    const std::string lines = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(2, std::count(lines.begin(), lines.end(), '\n')) << lines;
-    _exit(HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  EXPECT_EQ(child, waitpid(child, &status, 0));
-  EXPECT_EQ(0, status);
+  EXPECT_EQ(0, exitCodeInChild([&] {
+              alarm(30);
+              testing::internal::CaptureStderr();
+              const cudaError failing[] = {thrownBy<cudaError>([&] { call(*network, 1); }),
+                                           thrownBy<cudaError>([] { smallKind.make(1); })};
+              for (const cudaError status : failing)
+                EXPECT_EQ(cudaErrorInitializationError, status);
+              const std::string lines = testing::internal::GetCapturedStderr();
+              EXPECT_EQ(2, std::count(lines.begin(), lines.end(), '\n')) << lines;
+              return HasFailure() ? 1 : 0;
+            }));
   EXPECT_EQ(expected, call.results(*network, 1));
 }
 
-/// Where nothing has used the library: whether a child works, though its parent has had a team of
-/// OpenMP's threads.
+/// Whether a child process can use the library although its parent has had a team of OpenMP's
+/// threads. The parent must not have used the library.
 bool forksBesideATeam() {
   std::atomic<int> team{0};
 #pragma omp parallel num_threads(2)
   ++team;
-  const char* const file = seededFile(networkKinds[0].table);
-  const pid_t child = fork();
-  if (child == 0) {
+  seededFile(networkKinds[0].table);
+  const int code = exitCodeInChild([] {
     alarm(30);
-    const std::unique_ptr<Network> network(networkKinds[0].construct(file, 1));
-    ForwardCall{networkKinds[0].table, 1}(*network, 1);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  return waitpid(child, &status, 0) == child && status == 0 && team == 2;
+    ForwardCall{networkKinds[0].table, 1}(*networkKinds[0].make(1), 1);
+    return testing::Test::HasFailure() ? 1 : 0;
+  });
+  return code == 0 && team == 2;
 }
 
 TEST(ForkDeathTest, ThreadsThatAChildHasNotAreNotWaitedFor) {

@@ -1,6 +1,7 @@
-// Loads a plugin that uses the library and unloads it again, as often as it is told; then ends with
-// a network that outlives the library's static objects.
-//   unload_host PLUGIN WEIGHTS UNLOADS
+// Loads a plugin that uses the library and unloads it again, UNLOADS times; then loads it once more
+// and ends with a network that outlives the library's static objects. With STUB, another library
+// that has the names of the GPU libraries' calls is loaded before or after the plugin.
+//   unload_host PLUGIN WEIGHTS UNLOADS [before|after STUB]
 #include <dlfcn.h>
 
 #include <cstdio>
@@ -8,7 +9,7 @@
 #include <cstring>
 #include <memory>
 
-/// Descriptors that stay when the library goes, on purpose: see `classWide`.
+/// Some descriptors stay on purpose when the library is unloaded: see `classWide`.
 extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
   return "leak:classWide\n";
 }
@@ -22,7 +23,7 @@ Function* symbol(void* plugin, const char* name) {
   return reinterpret_cast<Function*>(dlsym(plugin, name));
 }
 
-/// Whether the library's calls are those that the process finds.
+/// Loads `library`, and tells whether the process finds its functions under the names of the calls.
 bool takesNames(const char* library) {
   if (dlopen(library, RTLD_NOW | RTLD_GLOBAL) == nullptr) return false;
   const auto call = symbol<int()>(RTLD_DEFAULT, "cudaMalloc");

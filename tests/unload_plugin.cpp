@@ -1,4 +1,4 @@
-// A host's plugin, through which a program comes to the library and loses it again.
+// A plugin of a host: only it links the library, which is loaded and unloaded with it.
 #include <facezoo.h>
 
 #include <cstdint>
@@ -28,7 +28,7 @@ extern "C" void callNetwork(void* opaque) {
   check(cudaFree(images));
 }
 
-/// Leaves it to the plugin's end.
+/// Keeps the network until the plugin is unloaded.
 extern "C" void keepNetwork(void* network) { kept.reset(static_cast<Network*>(network)); }
 
 extern "C" void destroyNetwork(void* network) { delete static_cast<Network*>(network); }

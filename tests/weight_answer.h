@@ -1,5 +1,5 @@
 /// @file
-/// The answers to a weight file.
+/// What a network's constructor answers to a weight file.
 #pragma once
 
 #include "facezoo.h"

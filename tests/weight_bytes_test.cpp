@@ -1,5 +1,5 @@
-// A weight file with any byte that is not payload set to anything: the answer is the one that the
-// format gives, for no more memory than the file accounts for.
+// Weight files in which one byte of a header or a name has another value. A decoder of the tests'
+// own says what the answer must be, and the memory taken must be in proportion to the file.
 #include "heap.h"
 #include "seeded_network.h"
 #include "weight_answer.h"
@@ -15,7 +15,7 @@
 namespace facezoo::test {
 namespace {
 
-/// How many bytes the lengths of maps and strings take; 0 where the first byte holds them.
+/// In how many bytes the lengths of maps and strings are written; 0 means inside the first byte.
 struct Encoding {
   int map, string;
 };
@@ -23,7 +23,7 @@ struct Encoding {
 /// A weight file, byte by byte.
 struct File {
   std::string bytes;
-  std::vector<std::size_t> headers, keys, payload;  ///< where in `bytes`
+  std::vector<std::size_t> headers, keys, payload;  ///< their positions in `bytes`
 
   explicit File(const Encoding& encoding) {
     const auto shortestFor = [](std::size_t length) {
@@ -50,8 +50,8 @@ struct File {
       bytes += byte;
     }
   }
-  /// `width` bytes of length behind the tag, which is `first` for 1, the next for 2 and 4; for none
-  /// the length is in the tag, `fixed`.
+  /// Appends a tag and `width` bytes of length. The tag of one byte of length is `first`, and those
+  /// of 2 and 4 bytes follow it. Without any, the tag is `fixed` plus the length.
   void header(std::size_t length, int width, int fixed, int first) {
     std::string part(1, static_cast<char>(width == 0 ? fixed + length : first + width / 2));
     while (width-- > 0) part += static_cast<char>(length >> 8 * width);
@@ -59,14 +59,14 @@ struct File {
   }
 };
 
-/// A value as the format's definition has it.
+/// A value of a MessagePack document.
 struct Value {
   char family;                  ///< s: string, b: binary or extension, m: map, a: array, -: others
-  std::string_view payload;     ///< of the first two
-  std::vector<Value> elements;  ///< of a map, keys and values in turn
+  std::string_view payload;     ///< of a string, binary or extension value
+  std::vector<Value> elements;  ///< of an array; of a map, keys and values in turn
 };
 
-/// Throws the answer to what is no document.
+/// Decodes MessagePack; throws the answer to what is no document.
 class Decoder {
  public:
   explicit Decoder(std::string_view bytes) : bytes_(bytes) {}
@@ -77,7 +77,8 @@ class Decoder {
     if (tag < 0x90) return container('m', tag & 0xf, depth);
     if (tag < 0xa0) return container('a', tag & 0xf, depth);
     if (tag < 0xc0) return {'s', take(tag & 0x1f), {}};
-    // Of the tags from 0xc0: the bytes of a length, and those of a number or an extension's type.
+    // For each tag from 0xc0: the family of its values, how many bytes of length follow, and how
+    // many bytes of a number or of an extension's type.
     static constexpr char families[] = "-!--bbbbbb----------bbbbbsssaamm";
     static constexpr int lengths[32] = {0, 0, 0, 0, 1, 2, 4, 1, 2, 4, 0, 0, 0, 0, 0, 0,
                                         0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 4, 2, 4, 2, 4};
@@ -176,13 +177,13 @@ class WeightBytesTest : public DeviceTest {
 
   TemporaryFile good_, path_;
   int file_ = -1;
-  std::unique_ptr<SmallNetwork> other_;  ///< which holds the shared context
+  std::unique_ptr<SmallNetwork> other_;  ///< keeps the shared context alive
   host_device::Live live_{};
   std::string printed_;
 };
 
 #ifdef FACEZOO_SANITIZED
-constexpr int kStep = 5;  // not all values, which would take a minute
+constexpr int kStep = 5;  // all values would take a minute
 #else
 constexpr int kStep = 1;
 #endif
@@ -233,7 +234,7 @@ TEST_F(WeightBytesTest, WhatLiesBehindTheDocumentIsNotKept) {
   }
 }
 
-// What the parser keeps of a value takes many times the byte that it takes in the file.
+// A value of one byte in the file takes many times as much memory once it is parsed.
 TEST_F(WeightBytesTest, WideDocumentsTakeNoMoreThanTheirEntries) {
   constexpr std::size_t wide = std::size_t{32} << 20, entry = 48;
   const auto header = [](char tag, std::size_t count) {

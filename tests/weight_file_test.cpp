@@ -1,4 +1,4 @@
-// What a weight file may look like, and the one answer to each that it may not.
+// Which weight files a network accepts, and the answer to each that it does not.
 #include "seeded_network.h"
 #include "weight_answer.h"
 
@@ -18,8 +18,8 @@ Answer construct(const char* path) { return answerTo<DexpressionNet>(path); }
 
 class WeightFileTest : public DeviceTest {
  protected:
-  /// Constructs from a file of `bytes` and expects the answer and what it prints; within a second,
-  /// and without memory that the file does not account for.
+  /// Constructs a network from a file of `bytes`, which must give the answer and print that text
+  /// within a second, and take no more memory than the file's size explains.
   static void expect(const char* what, const std::string& bytes, Answer answer,
                      const std::string& printed) {
     SCOPED_TRACE(what);
@@ -27,7 +27,7 @@ class WeightFileTest : public DeviceTest {
     std::ofstream(file.path, std::ios::binary) << bytes;
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    construct("/dev/null");  // the shared context is not the file's
+    construct("/dev/null");  // creates the shared context, whose memory must not count
     const long before = peakKiB();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(answer, construct(file.path.c_str()));
@@ -46,16 +46,15 @@ class WeightFileTest : public DeviceTest {
 };
 
 TEST_F(WeightFileTest, WhatIsNotAReadableFileIsNotFound) {
-  for (const std::string& path : {std::string("/nonexistent/weights"), std::string(),
-                                  std::filesystem::temp_directory_path().string()}) {
+  const std::string directory = std::filesystem::temp_directory_path().string();
+  const char* const paths[] = {"/nonexistent/weights", "", directory.c_str(), nullptr};
+  for (const char* const path : paths) {
+    SCOPED_TRACE(path == nullptr ? "null" : path);
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Answer::notFound, construct(path.c_str())) << path;
+    EXPECT_EQ(Answer::notFound, construct(path));
     std::fflush(stdout);
-    EXPECT_EQ("Weight file not found.\n", testing::internal::GetCapturedStdout()) << path;
+    EXPECT_EQ("Weight file not found.\n", testing::internal::GetCapturedStdout());
   }
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(Answer::notFound, construct(nullptr));
-  testing::internal::GetCapturedStdout();
 }
 
 TEST_F(WeightFileTest, AFileWithoutASizeIsReadToItsEnd) {
@@ -71,12 +70,12 @@ TEST_F(WeightFileTest, AFileWithoutASizeIsReadToItsEnd) {
   }
 }
 
-#ifndef FACEZOO_SANITIZED  // whose heap ends the process
+#ifndef FACEZOO_SANITIZED  // sanitizers end a process that runs out of memory
 TEST_F(WeightFileTest, AFileThatMemoryCannotHoldIsBadAlloc) {
   constexpr rlim_t kTiB = rlim_t{1} << 40;
   const TemporaryFile file;
   std::ofstream(file.path).close();
-  std::filesystem::resize_file(file.path, 8 * kTiB);  // which takes no room on the disk
+  std::filesystem::resize_file(file.path, 8 * kTiB);  // sparse: it takes no room on the disk
   rlimit limit{};
   getrlimit(RLIMIT_AS, &limit);
   const rlimit lower{kTiB, limit.rlim_max};
@@ -137,7 +136,7 @@ TEST_F(WeightFileTest, DocumentsOfTheWrongFormHaveTheirAnswers) {
   expect("an empty map", std::string("\x80"), Answer::badWeights, "inMean-0 not found.\n");
 }
 
-TEST_F(WeightFileTest, AnEntryMayBeOfAnyTypeAndHoldsNothingOfIts) {
+TEST_F(WeightFileTest, EntriesMayHaveAnyTypeAndContainersLoseTheirElements) {
   namespace type = msgpack::v1::type;
   const struct {
     type::object_type type;
@@ -186,8 +185,8 @@ TEST_F(WeightFileTest, AFileCutAnywhereIsInsufficient) {
   }
 }
 
-/// One entry of a map: a value of `bytes` zeros, of the string or binary family, or a number; or a
-/// number for a key.
+/// An entry of a map, whose value is `bytes` zeros, as a string or as binary data, or a number.
+/// With `numberKey` the key is a number, too.
 struct Entry {
   std::string key;
   enum Kind { string, binary, number, numberKey } kind;
@@ -215,7 +214,7 @@ void add(Document& document, const Entry& entry) {
   });
 }
 
-/// A good document but for the array `name`, which gives way to `entries`.
+/// A good document in which `entries` stand in place of the array `name`.
 std::string changedDocument(const std::string& name, const std::vector<Entry>& entries) {
   Document document;
   forEachWeight(dexpressionNet.layers, "",
@@ -254,7 +253,8 @@ TEST_F(WeightFileTest, EveryArrayIsNeededAtItsLength) {
   for (const auto& c : cases) {
     expect(c.what, changedDocument(bias, c.entries), c.answer, c.printed);
   }
-  // The last head goes missing after nine layers were built; DeviceTest sees what they leave.
+  // Nine layers exist when the last head is found missing; DeviceTest checks that they leave
+  // nothing.
   expect("no eye head", changedDocument("loss3/classifier_acce_eye-0", {}), bad,
          "loss3/classifier_acce_eye-0 not found.\n");
 }
