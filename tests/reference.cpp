@@ -25,7 +25,7 @@ Image4 generate(int n, int c, int h, int w, Value&& value) {
 /// Adds `weight` times every `stride`-th of `in` to the `count` values of `out`. Under sanitizers,
 /// most of the tests' time would be spent here, so that this function is left unchecked.
 #ifdef __clang__
-[[clang::no_sanitize("address", "undefined")]]
+[[clang::no_sanitize("address", "thread", "undefined")]]
 #endif
 void addProducts(double weight, const double* in, int stride, double* out, int count) {
   for (int i = 0; i < count; ++i) out[i] += weight * in[i * stride];
