@@ -1,7 +1,7 @@
 /// @file
 /// How one thread of a device visits many values in their order without waiting for each. In a
-/// namespace of its own, because a test of the CPU build compiles it beside the CPU's `device_code`.
-/// Keeps to C++14 for the oldest supported nvcc.
+/// namespace of its own, because a test of the CPU build compiles it beside the CPU's
+/// `device_code`. Keeps to C++14 for the oldest supported nvcc.
 #pragma once
 
 #include <cuda_runtime.h>
