@@ -20,7 +20,6 @@
 #include <deque>
 #include <functional>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -201,22 +200,30 @@ void addMaps() {
   LocalResponseNormalization lrn;
   Concat concat;
   EltwiseSum sum;
-  const std::map<std::string, Operation> operations = {
-      {"LRN", [=](const Tensor& x) mutable { return lrn(x, 5, 1e-4F, 0.75F, 1); }},
-      {"Relu", Relu()},
-      {"Softmax", Softmax()},
-      {"SliceEltwiseMax", SliceEltwiseMax()},
-      {"EltwiseSum", [=](const Tensor& x) mutable { return sum(x, x); }},
-      {"Concat",
+  const struct {
+    const char* name;
+    facezoo::View<MapShape> shapes;
+    Operation operation;
+  } layers[] = {
+      {"LRN", facezoo::view(networkLrns),
+       [=](const Tensor& x) mutable { return lrn(x, 5, 1e-4F, 0.75F, 1); }},
+      {"Relu", facezoo::view(networkRelus), Relu()},
+      {"Softmax", facezoo::view(networkSoftmaxes), Softmax()},
+      {"SliceEltwiseMax", facezoo::view(networkMaxima), SliceEltwiseMax()},
+      {"EltwiseSum", facezoo::view(networkSums),
+       [=](const Tensor& x) mutable { return sum(x, x); }},
+      {"Concat", facezoo::view(networkConcats),
        [=](const Tensor& x) mutable {
          return concat({x, x, x, x});
        }},
-      {"L2Norm", L2Norm()},
+      {"L2Norm", facezoo::view(networkNorms), L2Norm()},
   };
-  for (const MapShape& shape : networkMaps) {
-    add(shape.layer + sizeName(shape.channels, shape.width),
-        {{0, shape.channels, shape.height, shape.width}},
-        [operation = operations.at(shape.layer)] { return operation; });
+  for (const auto& layer : layers) {
+    for (const MapShape& shape : layer.shapes) {
+      add(layer.name + sizeName(shape.channels, shape.width),
+          {{0, shape.channels, shape.height, shape.width}},
+          [operation = layer.operation] { return operation; });
+    }
   }
 }
 

@@ -235,7 +235,8 @@ TEST_P(NetworkCalls, AreTheDocumentedOnes) {
   EXPECT_NE(0, thrownBy<cudnnStatus_t>([&] { forward(*net, 2); }));
   EXPECT_EQ(one, forward.results(*net, 1));
 
-  // Two branches of this network declare both convolutions before both normalizations.
+  // This class declares the convolutions of its two branches before their inner products, and
+  // members are destroyed in the reverse order of their declaration.
   if (&table == &googLeNetBN) std::rotate(layers.end() - 7, layers.end() - 5, layers.end() - 3);
   for (const auto& [name, row] : layers) released = callsFor(row).second + released;
   EXPECT_EQ((released + times(table.bufferCount, {"cudaFree"}) +

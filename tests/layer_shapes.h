@@ -110,44 +110,24 @@ inline constexpr PoolingShape edgePoolings[] = {
     {1, 16, 9, 33, 3, 1, 1, 9, 33}, {2, 3, 17, 20, 3, 3, 0, 6, 7},
 };
 
-/// A layer without weights, and what it is given.
+/// What layers without weights are given.
 struct MapShape {
-  const char* layer;
   int batch, channels, height, width;
 };
-inline constexpr MapShape networkMaps[] = {
-    {"LRN", 1, 64, 56, 56},
-    {"LRN", 1, 192, 56, 56},
-    {"LRN", 1, 96, 109, 109},
-    {"Relu", 1, 64, 112, 112},
-    {"Relu", 1, 4096, 1, 1},
-    {"Softmax", 1, 4, 1, 1},
-    {"SliceEltwiseMax", 1, 96, 128, 128},
-    {"SliceEltwiseMax", 1, 384, 32, 32},
-    {"EltwiseSum", 1, 48, 64, 64},
-    {"Concat", 1, 128, 28, 28},
-    {"L2Norm", 1, 2048, 1, 1},
-    {"L2Norm", 1, 512, 6, 6},
-};
-inline constexpr MapShape edgeMaps[] = {
-    {"LRN", 2, 17, 9, 5},
-    {"Softmax", 1, 1, 3, 2},
-    {"Softmax", 1, 2, 1, 1},
-    {"Softmax", 5, 3, 1, 1},
-    {"Softmax", 5, 26, 1, 1},
-    {"Softmax", 2, 4, 3, 5},
-    {"SliceEltwiseMax", 1, 2, 1, 1},
-    {"SliceEltwiseMax", 5, 6, 3, 5},
-    {"SliceEltwiseMax", 2, 4, 16, 32},
-    {"SliceEltwiseMax", 2, 10, 67, 71},
-    {"L2Norm", 2, 1, 1, 1},
-    {"L2Norm", 129, 4, 1, 1},
-    {"L2Norm", 129, 5, 1, 1},
-    {"L2Norm", 300, 7, 1, 1},
-    {"L2Norm", 5, 131, 1, 1},
-    {"L2Norm", 5, 2048, 1, 1},
-    {"L2Norm", 5, 128, 8, 8},
-    {"L2Norm", 5, 512, 6, 6},
-};
+inline constexpr MapShape networkLrns[] = {{1, 64, 56, 56}, {1, 192, 56, 56}, {1, 96, 109, 109}};
+inline constexpr MapShape networkRelus[] = {{1, 64, 112, 112}, {1, 4096, 1, 1}};
+inline constexpr MapShape networkSoftmaxes[] = {{1, 4, 1, 1}};
+inline constexpr MapShape networkMaxima[] = {{1, 96, 128, 128}, {1, 384, 32, 32}};
+inline constexpr MapShape networkSums[] = {{1, 48, 64, 64}};
+inline constexpr MapShape networkConcats[] = {{1, 128, 28, 28}};
+inline constexpr MapShape networkNorms[] = {{1, 2048, 1, 1}, {1, 512, 6, 6}};
+inline constexpr MapShape edgeLrns[] = {{2, 17, 9, 5}};
+inline constexpr MapShape edgeSoftmaxes[] = {
+    {1, 1, 3, 2}, {1, 2, 1, 1}, {5, 3, 1, 1}, {5, 26, 1, 1}, {2, 4, 3, 5}};
+inline constexpr MapShape edgePairs[] = {
+    {1, 2, 1, 1}, {5, 6, 3, 5}, {2, 4, 16, 32}, {2, 10, 67, 71}};
+inline constexpr MapShape edgeNorms[] = {{2, 1, 1, 1},   {129, 4, 1, 1}, {129, 5, 1, 1},
+                                         {300, 7, 1, 1}, {5, 131, 1, 1}, {5, 2048, 1, 1},
+                                         {5, 128, 8, 8}, {5, 512, 6, 6}};
 
 }  // namespace facezoo::test

@@ -37,7 +37,7 @@ void PrintTo(const MapShape& s, std::ostream* out) {
   *out << s.batch << 'x' << s.channels << 'x' << s.height << 'x' << s.width;
 }
 void PrintTo(const PoolingShape& s, std::ostream* out) {
-  PrintTo(MapShape{"", s.batch, s.channels, s.height, s.width}, out);
+  PrintTo(MapShape{s.batch, s.channels, s.height, s.width}, out);
   *out << '_' << s.window << 's' << s.stride << 'p' << s.pad;
 }
 
@@ -87,14 +87,6 @@ std::vector<LayerShape> layersOf(const std::set<LayerKind>& kinds) {
   }
   for (const LayerShape& shape : edgeLayers)
     if (kinds.count(shape.row.kind) > 0) shapes.push_back(shape);
-  return shapes;
-}
-
-std::vector<MapShape> mapsOf(const std::set<std::string>& layers) {
-  std::vector<MapShape> shapes;
-  for (const View<MapShape> table : {view(networkMaps), view(edgeMaps)})
-    for (const MapShape& shape : table)
-      if (layers.count(shape.layer) > 0) shapes.push_back(shape);
   return shapes;
 }
 
@@ -212,7 +204,7 @@ LAYER_TEST(BatchNormalizationLayerTest, LayerShape, layersOf({LayerKind::batchNo
   }
 }
 
-LAYER_TEST(LrnLayerTest, MapShape, mapsOf({"LRN"})) {
+LAYER_TEST(LrnLayerTest, MapShape, both(networkLrns, edgeLrns)) {
   // One object and alternating parameters: nothing of one call may reach the next.
   LocalResponseNormalization layer;
   const Image4 x = seededMap(GetParam(), 1, -200, 200);
@@ -229,13 +221,13 @@ LAYER_TEST(LrnLayerTest, MapShape, mapsOf({"LRN"})) {
   }
 }
 
-LAYER_TEST(ReluLayerTest, MapShape, mapsOf({"Relu"})) {
+LAYER_TEST(ReluLayerTest, MapShape, networkRelus) {
   const Image4 x = seededMap(GetParam(), 1);
   freshPool(x.v.size());
   expectEqual(Relu()(upload(x)), relu(x));
 }
 
-LAYER_TEST(SoftmaxLayerTest, MapShape, mapsOf({"Softmax"})) {
+LAYER_TEST(SoftmaxLayerTest, MapShape, both(networkSoftmaxes, edgeSoftmaxes)) {
   const Image4 x = seededMap(GetParam(), 1, -20, 20);
   freshPool(x.v.size());
   // A device's exponential errs by about one rounding per unit of its argument.
@@ -265,19 +257,26 @@ LAYER_TEST(PoolingLayerTest, PoolingShape, both(networkPoolings, edgePoolings)) 
   }
 }
 
-LAYER_TEST(ElementWiseLayerTest, MapShape, mapsOf({"SliceEltwiseMax", "EltwiseSum"})) {
-  SliceEltwiseMax largerOf;
-  EltwiseSum sumOf;
+LAYER_TEST(EltwiseSumLayerTest, MapShape, both(networkSums, edgePairs)) {
+  EltwiseSum layer;
   Image4 a = seededMap(GetParam(), 1), b = seededMap(GetParam(), 2), sum = a;
   a.v[0] = b.v[0] = 1e-40F;
   for (std::size_t i = 0; i < sum.v.size(); ++i) sum.v[i] = static_cast<float>(a.v[i] + b.v[i]);
   freshPool(a.v.size());
   const Tensor left = upload(a), right = upload(b);
-  expectEqual(largerOf(left), sliceMax(a));
-  expectEqual(sumOf(left, right), sum);
+  expectEqual(layer(left, right), sum);
   expectEqual(left, a);
   expectEqual(right, b);
-  EXPECT_EQ(left.base, static_cast<LayerBase&>(sumOf)(left).base);
+  EXPECT_EQ(left.base, static_cast<LayerBase&>(layer)(left).base);
+}
+
+LAYER_TEST(SliceEltwiseMaxLayerTest, MapShape, both(networkMaxima, edgePairs)) {
+  Image4 x = seededMap(GetParam(), 1);
+  x.v[0] = 1e-40F;
+  freshPool(x.v.size());
+  const Tensor in = upload(x);
+  expectEqual(SliceEltwiseMax()(in), sliceMax(x));
+  expectEqual(in, x);
 }
 
 TEST_F(LayerTest, TheLargerOfTwoHalvesKeepsNanOfTheFirst) {
@@ -288,7 +287,7 @@ TEST_F(LayerTest, TheLargerOfTwoHalvesKeepsNanOfTheFirst) {
   EXPECT_THROW(largerOf(upload(zeros(1, 3, 2, 2))), TensorError);
 }
 
-LAYER_TEST(ConcatLayerTest, MapShape, mapsOf({"Concat"})) {
+LAYER_TEST(ConcatLayerTest, MapShape, networkConcats) {
   const Image4 a = seededMap(GetParam(), 1), b = seededMap(GetParam(), 2);
   freshPool(4 * a.v.size());
   const Tensor left = upload(a), right = upload(b);
@@ -311,7 +310,7 @@ void expectSequentialNorms(const Image4& x) {
 }
 
 // Bit for bit, as a sequential loop has it.
-LAYER_TEST(L2NormLayerTest, MapShape, mapsOf({"L2Norm"})) {
+LAYER_TEST(L2NormLayerTest, MapShape, both(networkNorms, edgeNorms)) {
   expectSequentialNorms(seededMap(GetParam(), 1, -100, 100));
 }
 TEST_F(LayerTest, L2NormOfSpecialNumbers) {
