@@ -26,6 +26,12 @@ constexpr std::size_t kMostPixelsPerByte = std::size_t{8} * 1032;
 /// and those with so many take too much memory to be of the largest.
 constexpr std::size_t kMostPasses = 16;
 
+Picture makePicture(int width, int height, int channels) {
+  const std::size_t bytes = std::size_t(width) * height * channels;
+  std::unique_ptr<unsigned char[]> pixels(new unsigned char[bytes]);
+  return {width, height, channels, bytes, {}, std::move(pixels)};
+}
+
 /// Refuses what a file claims before it takes memory or time.
 void requireSize(std::string_view file, std::size_t width, std::size_t height,
                  const PictureLimits& limits) {
@@ -58,12 +64,8 @@ Picture turn(Picture picture, int tag) {
   if (tag == 1) return picture;
   const Orientation from(tag);
   const int width = picture.width, height = picture.height, channels = picture.channels;
-  Picture upright = {
-      from.transposed ? height : width,
-      from.transposed ? width : height,
-      channels,
-      {},
-      std::unique_ptr<unsigned char[]>(new unsigned char[std::size_t(width) * height * channels])};
+  Picture upright =
+      makePicture(from.transposed ? height : width, from.transposed ? width : height, channels);
   unsigned char* pixel = upright.pixels.get();
   for (int row = 0; row < upright.height; ++row) {
     for (int column = 0; column < upright.width; ++column, pixel += channels) {
@@ -85,11 +87,8 @@ Picture allocate(std::string_view file, Reader& reader, int decodedChannels, boo
   const std::size_t pixels = reader.width() * reader.height();
   memory.grow(file.size() + pixels * decodedChannels +
               std::max(reader.workingMemory(), turned ? pixels * channels : 0));
-  return {static_cast<int>(reader.width()),
-          static_cast<int>(reader.height()),
-          decodedChannels,
-          {},
-          std::unique_ptr<unsigned char[]>(new unsigned char[pixels * decodedChannels])};
+  return makePicture(static_cast<int>(reader.width()), static_cast<int>(reader.height()),
+                     decodedChannels);
 }
 
 Picture decodePng(std::string_view file, int channels, bool orient, const PictureLimits& limits,
@@ -167,10 +166,10 @@ Crop centreCrop(const Picture& picture, int width, int height) {
           cropHeight};
 }
 
-void loadImage(const std::string& path, const InputGeometry& geometry,
-               const PictureReading& reading, PictureLimits& limits, unsigned char* pixels) {
+Picture loadImage(const std::string& path, const InputGeometry& geometry,
+                  const PictureReading& reading, PictureLimits& limits, unsigned char* pixels) {
   const auto [channels, width, height] = geometry;
-  const Picture picture = readPicture(path, channels, reading.orient, limits);
+  Picture picture = readPicture(path, channels, reading.orient, limits);
   const Crop crop = centreCrop(picture, width, height);
   const int stride = picture.width * channels;
   const unsigned char* corner =
@@ -186,6 +185,7 @@ void loadImage(const std::string& path, const InputGeometry& geometry,
   const std::ptrdiff_t bytes = std::ptrdiff_t{channels} * width * height;
   if (reading.blueFirst)
     for (std::ptrdiff_t i = 0; i + 2 < bytes; i += 3) std::swap(pixels[i], pixels[i + 2]);
+  return picture;
 }
 
 }  // namespace facezoo

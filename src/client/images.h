@@ -4,6 +4,7 @@
 #include "client/picture_limits.h"
 #include "network_table.h"
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -12,6 +13,7 @@ namespace facezoo {
 /// Interleaved 8-bit samples, rows from the top.
 struct Picture {
   int width, height, channels;
+  std::size_t bytes;           ///< of memory that the pixels take
   MemoryBudget::Share memory;  ///< that the pixels are part of
   std::unique_ptr<unsigned char[]> pixels;
 };
@@ -38,8 +40,9 @@ Crop centreCrop(const Picture& picture, int width, int height);
 
 /// Decodes a PNG or JPEG file into height × width × channels interleaved bytes at `pixels`: its
 /// centre crop, resampled unless it has that size already.
+/// @return the whole picture
 /// @throws Failure as `readPicture`
-void loadImage(const std::string& path, const InputGeometry& geometry,
-               const PictureReading& reading, PictureLimits& limits, unsigned char* pixels);
+Picture loadImage(const std::string& path, const InputGeometry& geometry,
+                  const PictureReading& reading, PictureLimits& limits, unsigned char* pixels);
 
 }  // namespace facezoo

@@ -48,7 +48,16 @@ MemoryBudget::Share MemoryBudget::reserve(const std::string& path, std::size_t b
   return {*this, bytes};
 }
 
+std::optional<MemoryBudget::Share> MemoryBudget::tryReserve(std::size_t bytes) {
+  const std::lock_guard lock(mutex_);
+  if (bytes > free_) return {};
+  free_ -= bytes;
+  return Share(*this, bytes);
+}
+
 PictureLimits::PictureLimits(int mostPixels)
-    : pixels(mostPixels), memory(std::max(pixels * kBytesPerPixel, kLeastBytes)) {}
+    : pixels(mostPixels),
+      memory(std::max(pixels * kBytesPerPixel, kLeastBytes)),
+      kept(memory.total()) {}
 
 }  // namespace facezoo

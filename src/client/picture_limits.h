@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace facezoo {
@@ -12,6 +13,8 @@ namespace facezoo {
 class MemoryBudget {
  public:
   explicit MemoryBudget(std::size_t bytes) : total_(bytes), free_(bytes) {}
+
+  std::size_t total() const { return total_; }
 
   /// Who wants so much has to give back what it holds, and to reserve the whole.
   struct Busy {
@@ -42,6 +45,9 @@ class MemoryBudget {
   /// Waits until so much is free. @throws Failure about `path` if it never will be
   Share reserve(const std::string& path, std::size_t bytes);
 
+  /// Does not wait: there is no share if so much is not free now.
+  std::optional<Share> tryReserve(std::size_t bytes);
+
  private:
   const std::size_t total_;
   std::size_t free_;
@@ -66,7 +72,10 @@ struct PictureLimits {
   explicit PictureLimits(int mostPixels = kDefaultPixels);
 
   const std::size_t pixels;
-  MemoryBudget memory;
+  MemoryBudget memory;  ///< for what is being decoded
+  /// As much again for pictures that are kept after that. It is a budget of its own, and nobody
+  /// waits for it: decoding could not go on while pictures that wait for more held its memory.
+  MemoryBudget kept;
 };
 
 }  // namespace facezoo

@@ -6,8 +6,13 @@ namespace facezoo {
 
 PictureStream::PictureStream(const std::vector<std::string>& paths, const InputGeometry& geometry,
                              const PictureReading& reading, PictureLimits& limits, int threads,
-                             std::size_t ahead)
-    : paths_(paths), geometry_(geometry), reading_(reading), limits_(limits), ready_(ahead) {
+                             std::size_t ahead, bool keepsWhole)
+    : paths_(paths),
+      geometry_(geometry),
+      reading_(reading),
+      limits_(limits),
+      keepsWhole_(keepsWhole),
+      ready_(ahead) {
   workers_.reserve(threads);
   try {
     for (int i = 0; i < threads; ++i) workers_.emplace_back([this] { work(); });
@@ -59,7 +64,12 @@ PictureStream::Decoded PictureStream::decode(const std::string& path) const noex
   Decoded decoded;
   try {
     decoded.pixels.resize(std::size_t(geometry_.channels) * geometry_.width * geometry_.height);
-    loadImage(path, geometry_, reading_, limits_, decoded.pixels.data());
+    Picture whole = loadImage(path, geometry_, reading_, limits_, decoded.pixels.data());
+    if (!keepsWhole_) return decoded;
+    if (std::optional<MemoryBudget::Share> kept = limits_.kept.tryReserve(whole.bytes)) {
+      whole.memory = std::move(*kept);
+      decoded.whole = std::move(whole);
+    }
   } catch (...) {
     decoded.fault = std::current_exception();
   }

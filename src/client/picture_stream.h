@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,14 +21,16 @@ class PictureStream {
  public:
   struct Decoded {
     std::vector<unsigned char> pixels;
-    std::exception_ptr fault;  ///< why there are no pixels; null if there are
+    std::optional<Picture> whole;  ///< if it was to be kept, and the limits left room for it
+    std::exception_ptr fault;      ///< why there are no pixels; null if there are
   };
 
   /// @param limits what decoding may take on all threads, and elsewhere, together
   /// @param ahead how many pictures may wait to be taken; bounds the memory
+  /// @param keepsWhole whether to hand out the whole pictures, too
   PictureStream(const std::vector<std::string>& paths, const InputGeometry& geometry,
                 const PictureReading& reading, PictureLimits& limits, int threads,
-                std::size_t ahead);
+                std::size_t ahead, bool keepsWhole);
   PictureStream(const PictureStream&) = delete;
   PictureStream& operator=(const PictureStream&) = delete;
   ~PictureStream();
@@ -49,6 +52,7 @@ class PictureStream {
   const InputGeometry geometry_;
   const PictureReading reading_;
   PictureLimits& limits_;
+  const bool keepsWhole_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::size_t claimed_ = 0, taken_ = 0;

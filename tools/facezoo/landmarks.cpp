@@ -1,7 +1,6 @@
 #include "landmarks.h"
 
 #include "client/failure.h"
-#include "client/images.h"
 
 #include <stb_image_write.h>
 
@@ -20,7 +19,7 @@ struct Point {
 };
 
 /// A disc that shows on light and on dark.
-void drawDot(const Picture& picture, Point centre, float radius) {
+void drawDot(Picture& picture, Point centre, float radius) {
   constexpr unsigned char kFill[] = {0, 255, 0};
   const float rim = radius + 1;
   const int left = std::max(0, static_cast<int>(centre.x - rim));
@@ -40,10 +39,8 @@ void drawDot(const Picture& picture, Point centre, float radius) {
 
 }  // namespace
 
-int drawLandmarks(const std::string& path, const float* values, const LandmarkReading& reading,
-                  const facezoo::InputGeometry& geometry, PictureLimits& limits,
-                  const OutputPlace& drawing) {
-  const Picture picture = readPicture(path, kChannels, reading.orient, limits);
+int drawLandmarks(Picture& picture, const float* values, const LandmarkReading& reading,
+                  const InputGeometry& geometry, const OutputPlace& drawing) {
   const Crop crop = centreCrop(picture, geometry.width, geometry.height);
   const float across = static_cast<float>(crop.width) / static_cast<float>(geometry.width);
   const float down = static_cast<float>(crop.height) / static_cast<float>(geometry.height);

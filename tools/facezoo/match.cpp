@@ -119,9 +119,7 @@ class Neighbours : public Sink {
  public:
   Neighbours(const RunOptions& options, const facezoo::NetworkTable& table, ResultFiles& files)
       : search_(options, table.outputCount(), table.name, linesOf(options, files)) {}
-  void take(const std::string& picture, const Batch& batch, int index) override {
-    search_.add(picture, batch.values(index));
-  }
+  void take(const Result& result) override { search_.add(result.picture, result.values()); }
   void finish() override { search_.print(); }
 
  private:

@@ -23,6 +23,7 @@
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 using namespace facezoo;
@@ -134,28 +135,31 @@ std::size_t process(const RunOptions& options, const NetworkTable& table, Networ
                     PictureLimits& limits) {
   Batch batch(table, capacity, options.norm);
   PictureStream stream(pictures, table, readingOf(options), limits, options.threads,
-                       capacity + options.threads);
+                       capacity + options.threads, !options.drawings.empty());
   const bool scrolls = (printsLines(options) || !options.gallery.empty()) &&
                        options.output.empty() && isatty(STDOUT_FILENO) != 0;
   Progress progress(pictures.size(), isatty(STDERR_FILENO) != 0 && !scrolls);
   std::vector<std::string> waiting;
+  std::vector<std::optional<Picture>> whole;
   const auto runBatch = [&] {
     batch.resize(static_cast<int>(waiting.size()));
     batch.pass(network);
     for (int i = 0; i < batch.size(); ++i)
-      for (const auto& sink : sinks) sink->take(waiting[i], batch, i);
+      for (const auto& sink : sinks) sink->take({waiting[i], whole[i], batch, i});
     files.add(waiting);
     std::cout.flush();
     progress.add(waiting.size());
     waiting.clear();
+    whole.clear();
   };
   std::size_t unreadable = 0;
   for (const std::string& picture : pictures) {
-    const PictureStream::Decoded decoded = stream.take();
+    PictureStream::Decoded decoded = stream.take();
     if (decoded.fault == nullptr) {
       std::copy(decoded.pixels.begin(), decoded.pixels.end(),
                 batch.images(static_cast<int>(waiting.size())));
       waiting.push_back(picture);
+      whole.push_back(std::move(decoded.whole));
       if (static_cast<int>(waiting.size()) == capacity) runBatch();
     } else {
       const std::string fault = describeFault(picture, decoded.fault);

@@ -39,9 +39,9 @@ class Lines : public Sink {
         rows_(formatOf(options), columns(widest(pictures)), linesOf(options, files),
               !files.earlier().empty()) {}
 
-  void take(const std::string& picture, const Batch& batch, int index) override {
-    nlohmann::ordered_json row = {{"image", picture}};
-    const float* value = batch.values(index);
+  void take(const Result& result) override {
+    nlohmann::ordered_json row = {{"image", result.picture}};
+    const float* value = result.values();
     for (const OutputGroup& group : groups_) {
       if (group.count == 1) {
         row[group.name] = *value;
@@ -50,7 +50,7 @@ class Lines : public Sink {
       }
       value += group.count;
     }
-    if (norm_) row["norm"] = batch.norm(index);
+    if (norm_) row["norm"] = result.norm();
     rows_.print(row);
   }
 
@@ -81,9 +81,9 @@ class Array : public Sink {
     if (rows_ == 0) files.stream(array_) << npyHeader(rows_, columns_);
   }
 
-  void take(const std::string& picture, const Batch& batch, int index) override {
-    files_.stream(names_) << toJsonString(picture) << '\n';
-    files_.stream(array_).write(reinterpret_cast<const char*>(batch.values(index)),
+  void take(const Result& result) override {
+    files_.stream(names_) << toJsonString(result.picture) << '\n';
+    files_.stream(array_).write(reinterpret_cast<const char*>(result.values()),
                                 static_cast<std::streamsize>(columns_ * sizeof(float)));
     ++rows_;
   }
@@ -99,13 +99,13 @@ class FiniteCheck : public Sink {
  public:
   explicit FiniteCheck(bool norm) : norm_(norm) {}
 
-  void take(const std::string& picture, const Batch& batch, int index) override {
-    const float* const values = batch.values(index);
+  void take(const Result& result) override {
+    const float* const values = result.values();
     const auto isFinite = [](float value) { return std::isfinite(value); };
-    if (std::all_of(values, values + batch.valueCount(), isFinite) &&
-        (!norm_ || isFinite(batch.norm(index))))
+    if (std::all_of(values, values + result.batch.valueCount(), isFinite) &&
+        (!norm_ || isFinite(result.norm())))
       return;
-    if (count_++ == 0) first_ = picture;
+    if (count_++ == 0) first_ = result.picture;
   }
   void finish() override {
     if (count_ == 0) return;
@@ -126,7 +126,8 @@ class Drawings : public Sink {
            const std::vector<std::string>& pictures,
            const std::map<std::string, std::string>& places, Outputs& outputs, bool replaces,
            PictureLimits& limits)
-      : reading_{options.layout == "xyxy", options.scale, readingOf(options).orient},
+      : reading_{options.layout == "xyxy", options.scale},
+        orient_(readingOf(options).orient),
         geometry_(table),
         limits_(limits) {
     std::map<std::string, std::string> pictureOf;
@@ -153,13 +154,15 @@ class Drawings : public Sink {
     }
   }
 
-  void take(const std::string& picture, const Batch& batch, int index) override {
-    OutputPlace& drawing = drawingOf_.at(picture);
-    const int outside =
-        drawLandmarks(picture, batch.values(index), reading_, geometry_, limits_, drawing);
+  void take(const Result& result) override {
+    OutputPlace& drawing = drawingOf_.at(result.picture);
+    Picture picture = result.whole
+                          ? *std::move(result.whole)
+                          : readPicture(result.picture, geometry_.channels, orient_, limits_);
+    const int outside = drawLandmarks(picture, result.values(), reading_, geometry_, drawing);
     drawing.own();
     if (outside > 0) {
-      warn(picture + ": " + std::to_string(outside) +
+      warn(result.picture + ": " + std::to_string(outside) +
            " of 68 landmarks lie outside the picture: do --layout and --scale fit the weights?");
     }
   }
@@ -176,6 +179,7 @@ class Drawings : public Sink {
   }
 
   LandmarkReading reading_;
+  bool orient_;
   facezoo::InputGeometry geometry_;
   PictureLimits& limits_;
   std::map<std::string, OutputPlace> drawingOf_;
@@ -190,10 +194,9 @@ class Comparison : public Sink {
       : isSquare_(pictures.size() > 2 && formatOf(options) == "table"),
         rows_(formatOf(options), columns(pictures), linesOf(options, files)) {}
 
-  void take(const std::string& picture, const Batch& batch, int index) override {
-    const float* const results = batch.values(index);
-    pictures_.push_back(picture);
-    descriptors_.emplace_back(results, results + batch.valueCount());
+  void take(const Result& result) override {
+    pictures_.push_back(result.picture);
+    descriptors_.emplace_back(result.values(), result.values() + result.batch.valueCount());
   }
   void finish() override {
     for (std::size_t i = 0; i < pictures_.size(); ++i) {

@@ -9,6 +9,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,18 @@ inline facezoo::PictureReading readingOf(const RunOptions& options) {
   return {!options.noOrient, options.channels == "bgr"};
 }
 
+/// What a network gave for one picture.
+struct Result {
+  const std::string& picture;  ///< its path
+  std::optional<facezoo::Picture>&
+      whole;                    ///< as it was decoded, if it was kept; a sink may take it
+  const facezoo::Batch& batch;  ///< that it was part of
+  int index;                    ///< in the batch
+
+  const float* values() const { return batch.values(index); }
+  float norm() const { return batch.norm(index); }
+};
+
 /// What becomes of the results of one picture.
 class Sink {
  public:
@@ -34,7 +47,7 @@ class Sink {
   Sink(const Sink&) = delete;
   Sink& operator=(const Sink&) = delete;
   virtual ~Sink() = default;
-  virtual void take(const std::string& picture, const facezoo::Batch& batch, int index) = 0;
+  virtual void take(const Result& result) = 0;
   /// After the last picture.
   virtual void finish() {}
 };
