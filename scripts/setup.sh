@@ -9,8 +9,8 @@ packages=(
   "libmsgpack-cxx-dev:weight files"
   "libcli11-dev:command line of the tool" "nlohmann-json3-dev:JSON output of the tool"
   "libeigen3-dev:searches descriptors" "libutfcpp-dev:tells what is UTF-8 in names of files"
-  "libspng-dev:decodes PNG" "libjpeg-dev:decodes JPEG" "libexif-dev:tells how pictures are turned"
-  "libstb-dev:resizes images and encodes PNG" "pv:shows the progress of long runs"
+  "libspng-dev:decodes and encodes PNG" "libjpeg-dev:decodes JPEG" "libexif-dev:tells how pictures are turned"
+  "libstb-dev:resizes images" "pv:shows the progress of long runs"
 )
 for group in "$@"; do
   case $group in

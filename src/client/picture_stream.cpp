@@ -1,5 +1,7 @@
 #include "client/picture_stream.h"
 
+#include "client/png_writer.h"
+
 #include <utility>
 
 namespace facezoo {
@@ -66,7 +68,8 @@ PictureStream::Decoded PictureStream::decode(const std::string& path) const noex
     decoded.pixels.resize(std::size_t(geometry_.channels) * geometry_.width * geometry_.height);
     Picture whole = loadImage(path, geometry_, reading_, limits_, decoded.pixels.data());
     if (!keepsWhole_) return decoded;
-    if (std::optional<MemoryBudget::Share> kept = limits_.kept.tryReserve(whole.bytes)) {
+    // Whoever draws into it also writes it.
+    if (auto kept = limits_.kept.tryReserve(whole.bytes + pngWritingMemory(whole))) {
       whole.memory = std::move(*kept);
       decoded.whole = std::move(whole);
     }

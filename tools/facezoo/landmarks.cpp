@@ -1,8 +1,6 @@
 #include "landmarks.h"
 
-#include "client/failure.h"
-
-#include <stb_image_write.h>
+#include "client/png_writer.h"
 
 #include <algorithm>
 #include <cmath>
@@ -60,15 +58,8 @@ int drawLandmarks(Picture& picture, const float* values, const LandmarkReading& 
       ++outside;
     }
   }
-  std::string encoded;
-  const auto append = [](void* text, void* data, int size) {
-    static_cast<std::string*>(text)->append(static_cast<const char*>(data), size);
-  };
-  if (stbi_write_png_to_func(append, &encoded, picture.width, picture.height, kChannels,
-                             picture.pixels.get(), picture.width * kChannels) == 0)
-    throw Failure(drawing.name() + ": not enough memory to encode it");
   NewFile file(drawing);
-  file.stream() << encoded;
+  writePng(picture, drawing.name(), file.stream());
   file.keep();
   return outside;
 }
