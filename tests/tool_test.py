@@ -600,21 +600,40 @@ class ToolTest(ToolCase):
         self.fail_all([(other(*change), 1, line) for change, line in (
             (("good", "other"), "weight_file_time"), (("csv --batch", "json --batch"), "format"),
             (("r.csv", "s.csv"), "files"), ((NET, "GoogLeNet_FAA1ch"), "network"))])
-        description = journal.read_bytes().split(b"\n")[0] + b"\n"
         said = re.match(r"r.npy: 900 rows of 5 values, (\d+) from before", self.call(*resumed))
         self.assertGreaterEqual(int(said[1]), before)
         for kind in ".npy", ".csv", ".names.jsonl":
             self.assertEqual(Path("whole" + kind).read_bytes(), Path("r" + kind).read_bytes())
-        self.assertEqual([], glob.glob("r.*.*al"))
+
+        def resume(rows, before, **how):
+            line = rf"\Ar.npy: {rows} rows of 5 values, {before} from before, "
+            self.assertRegex(self.call(*resumed, **how), line)
+        self.assertEqual(["r.npy.journal"], glob.glob("r.*.*al"))
+        resume(900, 900)  # which was finished
         os.rename("r.npy", "r.npy.partial")  # as a run that is stopped while it names its files
-        journal.write_bytes(description + b"true\n")
         Path("r.npy").write_text("mine")
         self.fail_all([(" ".join(resumed), 1, "r.npy: expected no such file")])
         os.remove("r.npy")
-        self.call(*resumed, code=1, stderr="facezoo: r.csv: expected no such file[^\n]*\n")
-        self.assertEqual(Path("whole.npy").read_bytes(), Path("r.npy").read_bytes())
-        self.fail_all([(" ".join(resumed), 1, "expected no such file"),
-                       (" ".join(run) + " --resume", 2, "--resume: expected --features"),
+        resume(900, 900)
+        os.rename("r.csv", "csv")
+        self.fail_all([(" ".join(resumed), 1, "r.csv: expected the file .* found none")])
+        shutil.copy("csv", "r.csv")
+        self.fail_all([(" ".join(resumed), 1, "r.csv: expected the file .* found another")])
+        os.rename("csv", "r.csv")
+        with open("list", "a") as names:
+            names.write("late.png\n")
+        left = {name: os.stat(name).st_mtime_ns for name in glob.glob("r.*")}
+        for _ in range(2):
+            resume(900, 900, code=1, stderr="facezoo: late.png: [^\n]*\nfacezoo: 1 of 901 [^\n]*\n")
+            self.assertEqual(left, {name: os.stat(name).st_mtime_ns for name in glob.glob("r.*")})
+        shutil.copy("0.png", "late.png")
+        resume(901, 900)
+        resume(901, 901)
+        self.assertEqual([*npy("whole.npy"), npy("whole.npy")[0]], npy("r.npy"))
+        self.assertEqual([*names_of("whole.npy"), "late.png"], names_of("r.npy"))
+        [*map(os.remove, {*left} - {"r.npy.journal"})]
+        resume(901, 0)
+        self.fail_all([(" ".join(run) + " --resume", 2, "--resume: expected --features"),
                        (" ".join(resumed).replace("r.", "s.") + " --strict x", 1, "x: ")])
 
     def check_drawing(self, net):

@@ -92,42 +92,44 @@ class GrowingFile {
   std::uintmax_t end_ = 0;
 };
 
-class PartialFiles : public ResultFiles {
+class ResumableFiles : public ResultFiles {
  public:
-  PartialFiles(const std::vector<std::string>& paths, Outputs& outputs, const std::string& run)
+  ResumableFiles(const std::vector<std::string>& paths, Outputs& outputs, const std::string& run)
       : streams_(paths.size()) {
-    // What is lost is decided below, not by the places.
+    // Whether a file may be replaced is decided below, not by the places.
     for (const std::string& path : paths) {
       paths_.push_back(outputs.claim(path, true).path());
       outputs.claim(partialOf(paths_.back()), true);
     }
     for (std::ostringstream& stream : streams_) stream.exceptions(std::ios::badbit);
     const std::string journal = outputs.claim(paths_.back() + ".journal", true).path();
-    std::vector<Batch> batches;
-    const bool isBegun = fs::exists(journal);
-    if (isBegun) {
-      lockJournal(journal);
-      batches = readJournal(run);
-      if (complete_) {
-        finish();
-        batches.clear();
-        complete_ = false;
+    std::vector<Checkpoint> checkpoints;
+    if (fs::exists(journal)) {
+      openJournal(journal);
+      checkpoints = readJournal(run);
+      if (isFinished_) giveNames();
+      // Whoever has removed all of them wants to begin anew.
+      isFinished_ = isFinished_ && std::any_of(paths_.begin(), paths_.end(), isThere);
+      if (isFinished_) requireUnchanged(checkpoints);
+    }
+    if (!isFinished_) {
+      for (const std::string& path : paths_) {
+        requireNone(path);
+        if (!journal_) requireNone(partialOf(path));
       }
+      if (!journal_) openJournal(journal);
+      openPartials();
     }
-    for (const std::string& path : paths_) {
-      requireNone(path);
-      if (!isBegun) requireNone(partialOf(path));
-    }
-    lockJournal(journal);
-    for (const std::string& path : paths_)
-      files_.push_back(std::make_unique<GrowingFile>(partialOf(path)));
-    goOn(batches, run);
+    takeEarlier(checkpoints);
+    if (isFinished_) return;
+    cutToLast();
+    if (!hasRows_) journal_->append(run + "\n");
   }
-  PartialFiles(const PartialFiles&) = delete;
-  PartialFiles& operator=(const PartialFiles&) = delete;
+  ResumableFiles(const ResumableFiles&) = delete;
+  ResumableFiles& operator=(const ResumableFiles&) = delete;
   /// Leaves no files that hold nothing.
-  ~PartialFiles() override {
-    if (hasRows_ || complete_) return;
+  ~ResumableFiles() override {
+    if (hasRows_) return;
     for (const auto& file : files_) unlink(file->path().c_str());
     unlink(journal_->path().c_str());
   }
@@ -137,8 +139,9 @@ class PartialFiles : public ResultFiles {
   const std::vector<std::string>& earlier() const override { return earlier_; }
 
   void add(const std::vector<std::string>& pictures) override {
+    if (isFinished_) reopen();
     for (const std::string& picture : pictures) lines_ += toJsonString(picture) + '\n';
-    // No value of JSON, which may crash where it lacks memory.
+    // Not a value of the JSON library, whose destructor may end the process where memory is short.
     for (std::size_t i = 0; i < files_.size(); ++i) {
       lines_ += i == 0 ? '[' : ',';
       lines_ += std::to_string(files_[i]->end() + static_cast<std::uintmax_t>(streams_[i].tellp()));
@@ -149,40 +152,54 @@ class PartialFiles : public ResultFiles {
   }
 
   void replaceStart(std::size_t file, const std::string& bytes) override {
+    if (isFinished_) return;
     write();
     files_[file]->write(bytes, 0);
   }
 
   void keep() override {
-    lines_ += kComplete;
+    if (isFinished_) return;
+    lines_ += kFinished;
     write();
-    complete_ = true;
-    finish();
+    giveNames();
   }
 
  private:
-  struct Batch {
-    std::vector<std::string> pictures;
-    std::vector<std::uintmax_t> ends;  ///< of the files
-    std::size_t journalEnd;
+  /// How far a run was after a batch.
+  struct Checkpoint {
+    std::vector<std::string> pictures;  ///< of the batch
+    std::vector<std::uintmax_t> ends;   ///< of the files
+    std::size_t journalEnd = 0;
   };
 
-  static constexpr const char* kComplete = "true\n";
+  static constexpr const char* kFinished = "true\n";
 
   static std::string partialOf(const std::string& path) { return path + ".partial"; }
+  static bool isThere(const std::string& path) { return fs::exists(path); }
 
   static void requireNone(const std::string& path) {
-    if (!fs::exists(path)) return;
+    if (!isThere(path)) return;
     throw Failure(path + ": expected no such file, or one that a stopped run left; " +
                   "remove it to begin anew");
   }
 
-  void lockJournal(const std::string& path) {
-    if (!journal_) journal_ = std::make_unique<GrowingFile>(path);
+  static void rename(const std::string& from, const std::string& to) {
+    std::error_code error;
+    fs::rename(from, to, error);
+    if (error) throw Failure(to + ": cannot be written: " + error.message());
+  }
+
+  void openJournal(const std::string& path) {
+    journal_ = std::make_unique<GrowingFile>(path);
     if (!journal_->lock()) throw Failure(paths_.back() + ": another run is writing it");
   }
 
-  // The journal tells of nothing that is not on the disk.
+  void openPartials() {
+    for (const std::string& path : paths_)
+      files_.push_back(std::make_unique<GrowingFile>(partialOf(path)));
+  }
+
+  /// Writes the results first: the journal tells of nothing that is not on the disk.
   void write() {
     for (std::size_t i = 0; i < files_.size(); ++i) {
       files_[i]->append(streams_[i].str());
@@ -194,17 +211,22 @@ class PartialFiles : public ResultFiles {
     sinceWritten_ = Timer();
   }
 
-  /// A run that was stopped here is finished by the next one.
-  void finish() {
-    std::error_code error;
+  /// Where a run is stopped meanwhile, the next one gives the names that are left.
+  void giveNames() {
     for (const std::string& path : paths_) {
-      if (!fs::exists(partialOf(path), error)) continue;
+      if (!isThere(partialOf(path))) continue;
       requireNone(path);  // another may have come meanwhile
-      fs::rename(partialOf(path), path, error);
-      if (error) throw Failure(path + ": cannot be written: " + error.message());
+      rename(partialOf(path), path);
     }
-    fs::remove(journal_->path(), error);
-    journal_.reset();
+  }
+
+  /// Lets the files of a finished run grow again, as there are results to add. The journal says
+  /// until the end that they are finished, so that a run that finds it gives them their names back.
+  void reopen() {
+    for (const std::string& path : paths_) rename(path, partialOf(path));
+    openPartials();
+    cutToLast();
+    isFinished_ = false;
   }
 
   template <class Read>
@@ -216,10 +238,10 @@ class PartialFiles : public ResultFiles {
     }
   }
 
-  std::vector<Batch> readJournal(const std::string& run) {
-    const facezoo::FileBytes bytes = readFile(journal_->path());
+  std::vector<Checkpoint> readJournal(const std::string& run) {
+    const FileBytes bytes = readFile(journal_->path());
     const std::string_view text(bytes.data.get(), bytes.size);
-    std::vector<Batch> batches;
+    std::vector<Checkpoint> checkpoints;
     std::vector<std::string> pictures;
     std::string firstLine;
     // A last line without an end is one that a loss of power tore.
@@ -231,18 +253,18 @@ class PartialFiles : public ResultFiles {
         firstLine = line;
       } else if (line[0] == '"') {
         pictures.push_back(readAt(number, [&] { return fromJsonString(line); }));
-      } else if (line + '\n' == kComplete) {
-        complete_ = true;
+      } else if (line + '\n' == kFinished) {
+        isFinished_ = true;
       } else {
         auto ends = readAt(number, [&] { return readEnds(line); });
-        batches.push_back({std::move(pictures), std::move(ends), end + 1});
+        checkpoints.push_back({std::move(pictures), std::move(ends), end + 1});
         pictures.clear();
       }
     }
     // No line at all, or half of the first, is what such a loss leaves of the beginning.
     continues_ = number > 1 ? firstLine == run : run.compare(0, text.size(), text) == 0;
     if (!continues_) refuseOther(run, firstLine);
-    return batches;
+    return checkpoints;
   }
 
   std::vector<std::uintmax_t> readEnds(const std::string& line) const {
@@ -265,31 +287,47 @@ class PartialFiles : public ResultFiles {
     throw Failure(journal_->path() + ": is of another run: expected " + difference);
   }
 
-  void goOn(std::vector<Batch>& batches, const std::string& run) {
-    std::vector<std::uintmax_t> ends(files_.size());
-    std::size_t journalEnd = 0;
-    for (Batch& batch : batches) {
-      bool isThere = true;
-      for (std::size_t i = 0; i < files_.size(); ++i)
-        isThere = isThere && batch.ends[i] >= ends[i] && batch.ends[i] <= files_[i]->size();
-      if (!isThere) break;
-      ends = batch.ends;
-      journalEnd = batch.journalEnd;
-      hasRows_ = true;
-      std::move(batch.pictures.begin(), batch.pictures.end(), std::back_inserter(earlier_));
+  /// What wrote to a file later than the run wrote its last line is something else.
+  void requireUnchanged(const std::vector<Checkpoint>& checkpoints) const {
+    const auto finished = fs::last_write_time(journal_->path());
+    for (std::size_t i = 0; i < paths_.size(); ++i) {
+      if (!checkpoints.empty() && isThere(paths_[i]) &&
+          fs::file_size(paths_[i]) == checkpoints.back().ends[i] &&
+          fs::last_write_time(paths_[i]) <= finished)
+        continue;
+      throw Failure(paths_[i] + ": expected the file that the run of " + journal_->path() +
+                    " finished, found " + (isThere(paths_[i]) ? "another" : "none") +
+                    "; remove all of its files to begin anew");
     }
-    for (std::size_t i = 0; i < files_.size(); ++i) files_[i]->cut(ends[i]);
-    journal_->cut(journalEnd);
-    if (journalEnd == 0) journal_->append(run + "\n");
+  }
+
+  /// Takes over what the files hold, up to the first checkpoint of which they lack something.
+  void takeEarlier(std::vector<Checkpoint>& checkpoints) {
+    last_.ends.resize(paths_.size());
+    for (Checkpoint& checkpoint : checkpoints) {
+      for (std::size_t i = 0; i < files_.size(); ++i)
+        if (checkpoint.ends[i] < last_.ends[i] || checkpoint.ends[i] > files_[i]->size()) return;
+      std::move(checkpoint.pictures.begin(), checkpoint.pictures.end(),
+                std::back_inserter(earlier_));
+      last_ = {{}, std::move(checkpoint.ends), checkpoint.journalEnd};
+      hasRows_ = true;
+    }
+  }
+
+  void cutToLast() {
+    for (std::size_t i = 0; i < files_.size(); ++i) files_[i]->cut(last_.ends[i]);
+    journal_->cut(last_.journalEnd);
   }
 
   std::vector<std::string> paths_, earlier_;
   std::unique_ptr<GrowingFile> journal_;
-  std::vector<std::unique_ptr<GrowingFile>> files_;
+  std::vector<std::unique_ptr<GrowingFile>> files_;  ///< none while the run is finished
   std::vector<std::ostringstream> streams_;
-  std::string lines_;
+  std::string lines_;     ///< of the journal, to be written
+  Checkpoint last_ = {};  ///< of an earlier run
   Timer sinceWritten_;
-  bool hasRows_ = false, complete_ = false, continues_ = false;
+  bool hasRows_ = false, continues_ = false;
+  bool isFinished_ = false;  ///< an earlier run has finished, and nothing was added since
 };
 
 }  // namespace
@@ -301,5 +339,5 @@ std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths, O
 
 std::unique_ptr<ResultFiles> resumableFiles(const std::vector<std::string>& paths, Outputs& outputs,
                                             const std::string& run) {
-  return std::make_unique<PartialFiles>(paths, outputs, run);
+  return std::make_unique<ResumableFiles>(paths, outputs, run);
 }

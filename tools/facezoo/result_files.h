@@ -40,9 +40,11 @@ std::unique_ptr<ResultFiles> wholeFiles(const std::vector<std::string>& paths,
 
 /// Files that a later run goes on with if this one is stopped, even by a loss of power, which costs
 /// the results of the last half second. Until they are complete they stand beside their places as
-/// PATH.partial, with a journal beside the last path, PATH.journal: its first line is `run`, and
-/// every other says which pictures a batch had and where each file ended after it.
+/// PATH.partial, with a journal beside the last path, PATH.journal: its first line is `run`, the
+/// others say which pictures a batch had and where each file ended after it, and the last one that
+/// the files are complete. The journal stays: where the same run is started again, it adds what the
+/// complete files lack, which may be nothing, and does not touch them before it has something.
 /// @param run what must be the same for a run to go on with the files of another: a line of JSON
-/// @throws Failure if there are files of another run, or complete ones, or one that is going on
+/// @throws Failure if there are files of another run, or one that is going on
 std::unique_ptr<ResultFiles> resumableFiles(const std::vector<std::string>& paths,
                                             facezoo::Outputs& outputs, const std::string& run);
