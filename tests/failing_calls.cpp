@@ -2,10 +2,12 @@
 /// A library that lets allocations and the start of threads fail in a program into which it is
 /// preloaded. FAIL_MALLOC_AT and FAIL_THREAD_AT say from which call on, where the first is 1. At
 /// its exit, the program writes the number of its allocations to the file that COUNT_TO names.
+/// FAIL_CLOSE is the error that closing standard output gives.
 
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -69,6 +71,19 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) { return memalign(a
 int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
   *memory = memalign(alignment, size);
   return *memory == nullptr ? ENOMEM : 0;
+}
+
+int close(int file) {
+  using Close = int (*)(int);
+  static const auto original = reinterpret_cast<Close>(dlsym(RTLD_NEXT, "close"));
+  struct stat closed = {}, output = {};
+  const char* const error = std::getenv("FAIL_CLOSE");
+  const bool isOutput = error != nullptr && fstat(file, &closed) == 0 &&
+                        fstat(STDOUT_FILENO, &output) == 0 && closed.st_ino == output.st_ino;
+  const int status = original(file);
+  if (!isOutput) return status;
+  errno = std::atoi(error);
+  return -1;
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),

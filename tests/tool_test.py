@@ -1,5 +1,5 @@
 """End-to-end test of the command-line tool: tool_test.py PATH_TO_FACEZOO PATH_TO_PORTRAIT."""
-import ast, contextlib, csv, ctypes, glob, json, math, os, pty, re, resource, shutil, signal, struct
+import ast, contextlib, csv, ctypes, errno, glob, json, math, os, pty, re, resource, shutil, signal, struct
 import subprocess, sys, time, unittest, zlib
 from pathlib import Path
 from unittest import mock
@@ -155,6 +155,11 @@ class ToolTest(ToolCase):
                       preexec_fn=limit)
         self.fail_all([(args, 1, "standard output: cannot be written")
                        for args in ("info", "--help", run, "weights show good")], None, stdout=full)
+        if "FACEZOO_FAILING_CALLS" in os.environ:
+            late = dict(LD_PRELOAD=os.environ["FACEZOO_FAILING_CALLS"], FAIL_CLOSE=str(errno.ENOSPC))
+            with mock.patch.dict(os.environ, late), open("lines", "w+") as lines:
+                self.fail_all([(args, 1, "standard output: cannot be written: No space left")
+                               for args in ("info", "--help", run)], None, stdout=lines)
         closed = dict(preexec_fn=lambda: os.close(1), stdout=None)
         self.fail_all([(run + " --format csv --features f.npy", 1, "standard output")], None, **closed)
 
@@ -390,12 +395,18 @@ class ToolTest(ToolCase):
         self.assertEqual(names[1:], [name for name, _ in self.results("-w", "good", "--list", "list")])
         run = "run", NET, "-w", "good", "--batch", "2", "--format", "json"
         for text, *args in (("face.jpg\nfaces/a.jpg",), ("\ufeffface.jpg\nfaces/a.jpg",),
-                            ("face.jpg\0faces/a.jpg\0", "--null")):
+                            ("face.jpg\0faces/a.jpg\0", "--null"), ("\ufeffface.jpg\0faces/a.jpg", "--null")):
             listed = self.call(*run, "face.jpg", "--list", "-", *args, input=text)
             self.assertEqual(["face.jpg", "face.jpg", "faces/a.jpg"],
                              [json.loads(line)["image"] for line in listed.splitlines()])
-        self.fail_all([(f"run {NET} -w good --list -", 1, "standard input: .*null.*--null")],
-                      input="face.jpg\0faces/a.jpg\0")
+        lists = f"run {NET} -w good --list -"
+        self.fail_all([(lists, 1, "standard input: .*null.*--null")], input="face.jpg\0faces/a.jpg\0")
+        for order in "le", "be":
+            Path("wide").write_text("\ufefffaces/a.jpg\n", encoding=f"utf-16-{order}")
+            self.fail_all([(lists[:-1] + "wide", 1, "wide: expected a text in UTF-8, found one in UTF-16")])
+        folder = os.open(".", os.O_RDONLY)
+        self.fail_all([(lists, 1, "standard input: cannot be read: Is a directory")], stdin=folder)
+        os.close(folder)
         os.makedirs("faces/none/deeper")
         os.symlink("..", "faces/below/loop")
         left = r"facezoo: faces: left out, as not PNG or JPEG by name: 1 \(notes.txt\)\n"
@@ -426,7 +437,7 @@ class ToolTest(ToolCase):
         self.assertEqual([head, name, name, name], [top.split(), image, row[0], below[:len(name)]])
         self.assert_near(expected, list(map(float, row[1:])))
         self.assert_near(expected, list(map(float, below[len(name):].split())))
-        self.assertEqual("lines: 1 rows", self.call(*args, "csv", "-o", "lines").split(",")[0])
+        self.assertEqual("lines: 1 row", self.call(*args, "csv", "-o", "lines").split(",")[0])
         self.assertEqual([head, row], [*csv.reader(Path("lines").read_text().splitlines())])
 
     def test_names_of_any_bytes(self):

@@ -27,6 +27,7 @@ void addPrefixOption(CLI::App& command, std::string& prefix) {
 
 CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most) {
   const std::string first = std::to_string(least), last = std::to_string(most);
+  const bool isBound = most < std::numeric_limits<int>::max();  // by more than its type
   return {[=](std::string& text) -> std::string {
             std::uint64_t number = 0;
             const char* const end = text.data() + text.size();
@@ -36,7 +37,7 @@ CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most) {
             text = std::to_string(number);
             return {};
           },
-          "INT in [" + first + " - " + last + "]"};
+          isBound ? "INT in [" + first + " - " + last + "]" : ""};
 }
 
 CLI::Validator positiveNumber() {

@@ -75,7 +75,6 @@ int runTool(int argc, char** argv) {
     if (error.get_exit_code() != 0) return fail(kWrongUsage, describeUsage(tool, error));
     tool.exit(error);  // prints what was asked for
   }
-  std::cout.flush();
   return 0;
 }
 
@@ -94,9 +93,11 @@ int main(int argc, char** argv) {
   occupyStandardStreams();
   const bool heedsPipes = handleEnds();
   try {
-    const StandardOutput output;
+    StandardOutput output;
     try {
-      return endWith(runTool(argc, argv));
+      const int code = runTool(argc, argv);
+      output.finish();
+      return endWith(code);
     } catch (const ReaderGone&) {
       throw;
     } catch (...) {

@@ -7,10 +7,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstdio>
 #include <deque>
 #include <filesystem>
-#include <iostream>
-#include <iterator>
 #include <set>
 #include <sstream>
 #include <string_view>
@@ -40,6 +40,15 @@ std::string some(std::vector<std::string> names) {
     line += (i > 0 ? ", " : "") + names[i];
   }
   return line + ")";
+}
+
+std::string readStandardInput() {
+  std::string text;
+  char piece[1 << 14];
+  while (const std::size_t count = std::fread(piece, 1, sizeof piece, stdin))
+    text.append(piece, count);
+  if (std::ferror(stdin) == 0) return text;
+  throw Failure("standard input: cannot be read: " + std::generic_category().message(errno));
 }
 
 /// One directory and what is below.
@@ -134,17 +143,20 @@ std::vector<std::string> readList(const std::string& path, char separator) {
   const std::string name = path == "-" ? "standard input" : path;
   std::string text;
   if (path == "-") {
-    text.assign(std::istreambuf_iterator<char>(std::cin), {});
+    text = readStandardInput();
   } else {
-    const facezoo::FileBytes bytes = readFile(path);
+    const FileBytes bytes = readFile(path);
     text.assign(bytes.data.get(), bytes.size);
   }
   const bool isText = separator != '\0';
-  if (isText && text.find('\0') != std::string::npos)
-    throw Failure(name +
-                  ": expected one picture a line, found a null character; does --null help?");
+  if (isText && text.find('\0') != std::string::npos) {
+    const bool isUtf16 = text.rfind("\xFF\xFE", 0) == 0 || text.rfind("\xFE\xFF", 0) == 0;
+    throw Failure(name + (isUtf16 ? ": expected a text in UTF-8, found one in UTF-16"
+                                  : ": expected one picture a line, found a null character; "
+                                    "does --null help?"));
+  }
   constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-  if (isText && text.rfind(kByteOrderMark, 0) == 0) text.erase(0, kByteOrderMark.size());
+  if (text.rfind(kByteOrderMark, 0) == 0) text.erase(0, kByteOrderMark.size());
   std::vector<std::string> lines;
   std::istringstream stream(text);
   stream.exceptions(std::ios::badbit);  // want of memory would end the list

@@ -227,8 +227,9 @@ void run(const RunOptions& options) {
         options.features.empty() ? "" : " of " + std::to_string(table.outputCount()) + " values";
     const std::string earlier =
         options.resume ? std::to_string(files->earlier().size()) + " from before, " : "";
-    print("%s: %zu rows%s, %s%.1f pictures/s\n", printable(paths.back()).c_str(), rows,
-          values.c_str(), earlier.c_str(), static_cast<double>(added) / seconds);
+    print("%s: %zu %s%s, %s%.1f pictures/s\n", printable(paths.back()).c_str(), rows,
+          rows == 1 ? "row" : "rows", values.c_str(), earlier.c_str(),
+          static_cast<double>(added) / seconds);
   }
   for (const std::string& remark : found.remarks) warn(remark);
   if (unreadable > 0) {
@@ -342,8 +343,8 @@ void addRun(CLI::App& tool) {
   command
       ->add_option("--compare", options->compared,
                    "Print how similar the descriptors of two or more pictures are")
-      ->expected(2, std::numeric_limits<int>::max())
-      ->type_name("A B ...")
+      ->expected(-2)  // at least
+      ->type_name("A B")
       ->excludes("IMAGE")
       ->excludes("--list")
       ->excludes("--norm")

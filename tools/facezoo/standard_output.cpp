@@ -13,6 +13,14 @@
 
 using namespace facezoo;
 
+namespace {
+
+[[noreturn]] void refuse() {
+  throw Failure("standard output: cannot be written: " + std::generic_category().message(errno));
+}
+
+}  // namespace
+
 class StandardOutput::Buffer : public std::streambuf {
  public:
   Buffer() { setp(bytes_, bytes_ + sizeof bytes_); }
@@ -42,8 +50,7 @@ class StandardOutput::Buffer : public std::streambuf {
       } else if (errno == EPIPE) {
         throw ReaderGone();
       } else if (errno != EINTR) {
-        throw Failure("standard output: cannot be written: " +
-                      std::generic_category().message(errno));
+        refuse();
       }
     }
   }
@@ -59,6 +66,13 @@ StandardOutput::StandardOutput()
 StandardOutput::~StandardOutput() {
   std::cout.exceptions(std::ios::goodbit);
   std::cout.rdbuf(before_);
+}
+
+void StandardOutput::finish() {
+  std::cout.flush();
+  // Where a file's data are sent elsewhere, only the end of a descriptor tells what became of them.
+  const int copy = dup(STDOUT_FILENO);
+  if (copy >= 0 && close(copy) != 0 && errno != EINTR) refuse();
 }
 
 void print(const char* format, ...) {

@@ -21,6 +21,9 @@ class StandardOutput {
   StandardOutput& operator=(const StandardOutput&) = delete;
   ~StandardOutput();
 
+  /// Writes what is left. @throws as above, also of what the system has put off until the end
+  void finish();
+
  private:
   class Buffer;
   std::unique_ptr<Buffer> buffer_;
