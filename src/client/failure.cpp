@@ -3,7 +3,9 @@
 #include "check.h"
 #include "facezoo/errors.h"
 
+#include <cerrno>
 #include <new>
+#include <system_error>
 
 namespace facezoo {
 
@@ -36,11 +38,15 @@ std::string describe() {
 
 }  // namespace
 
+void throwSystemFailure(const std::string& text) {
+  throw Failure(text + ": " + std::generic_category().message(errno));
+}
+
 std::string describeException() noexcept {
   try {
     return describe();
   } catch (...) {
-    return "out of memory";  // which a string holds without any
+    return "out of memory";  // short enough for a string that allocates nothing
   }
 }
 

@@ -13,8 +13,11 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// Throws a `Failure` of `text` and the reason that `errno` holds.
+[[noreturn]] void throwSystemFailure(const std::string& text);
+
 /// What the exception in flight means to the user. The library throws bare enumeration values.
-/// Without memory for it, that it is lacking.
+/// Without memory to say it, that memory is out.
 std::string describeException() noexcept;
 
 }  // namespace facezoo

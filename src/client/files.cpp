@@ -19,17 +19,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string reason(int error) { return std::generic_category().message(error); }
-
 void requireName(const std::string& path) {
   if (path.empty()) throw Failure("expected a file name, found an empty argument");
 }
 
 [[noreturn]] void refuse(const std::string& path) {
-  throw Failure(path + ": cannot be written: " + reason(errno));
+  throwSystemFailure(path + ": cannot be written");
 }
 
-/// A name in the folder of `path` that nobody can foresee, short enough beside any other.
+/// A name in the folder of `path` that nobody can foresee, and short enough however long that of
+/// `path` is.
 std::string temporaryBeside(const fs::path& path) {
   constexpr char digits[] = "0123456789abcdefghijklmnopqrstuv";
   std::random_device device;
@@ -38,16 +37,16 @@ std::string temporaryBeside(const fs::path& path) {
   return (path.parent_path() / (name + ".part")).string();
 }
 
-/// Gives `file` the owner and permissions of the one whose place it takes, if there is one.
-void takeOver(const std::string& path, int file) {
+/// Gives `file` the owner and permissions of the file at `path`, which it is to replace.
+void copyOwnership(const std::string& path, int file) {
   struct stat before;
   if (stat(path.c_str(), &before) != 0) return;
-  // Only root may change the owner, who has more to lose than to gain by failing here.
+  // Only root may change the owner; for others it is no failure that they cannot.
   if (fchown(file, before.st_uid, before.st_gid) != 0) errno = 0;
   if (fchmod(file, before.st_mode & 0777) != 0) errno = 0;
 }
 
-/// Of a file that there is not, nothing.
+/// Device and inode of a file; no value if it does not exist.
 std::optional<std::pair<dev_t, ino_t>> identityOf(const std::string& path) {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0) return {};
@@ -71,7 +70,7 @@ FileBytes readFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   FileBytes bytes;
   if (file) bytes = readAll(file, path.c_str());
-  if (!file.is_open() || file.bad()) throw Failure(path + ": cannot be read: " + reason(errno));
+  if (!file.is_open() || file.bad()) throwSystemFailure(path + ": cannot be read");
   return bytes;
 }
 
@@ -137,7 +136,7 @@ NewFile::NewFile(OutputPlace place)
       stream_(&buffer_) {
   stream_.exceptions(std::ios::badbit | std::ios::failbit);  // passes on what the buffer throws
   errno = 0;
-  // A file that takes the place of another may not be read by more than that one until it does.
+  // Until it replaces another file and gets its permissions, only the owner may read it.
   const mode_t mode = identityOf(place_.path()) ? 0600 : 0666;
   temporary_.handle = open(temporary_.name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (temporary_.handle < 0 ||
@@ -155,11 +154,11 @@ const char* NewFile::close() {
 
 void NewFile::keep() {
   close();
-  place_.requireFree();  // another may have come meanwhile
-  takeOver(place_.path(), temporary_.handle);
+  place_.requireFree();  // a file may have appeared there meanwhile
+  copyOwnership(place_.path(), temporary_.handle);
   if (std::rename(temporary_.name, place_.path().c_str()) != 0) refuse(place_.name());
   temporary_.name[0] = '\0';
-  temporary_.name = nullptr;  // another may take its place there
+  temporary_.name = nullptr;  // the entry may be of another file from now on
 }
 
 }  // namespace facezoo

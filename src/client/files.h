@@ -19,14 +19,14 @@ void requireRegularFile(const std::string& path);
 /// The whole of a regular file. @throws Failure
 FileBytes readFile(const std::string& path);
 
-/// Where a file may be written, as `Outputs` has found.
+/// A place where `Outputs` has found that a file may be written.
 class OutputPlace {
  public:
   const std::string& name() const { return name_; }  ///< as the user says it
   const std::string& path() const { return path_; }  ///< behind all links
-  /// @throws Failure if a file would be lost that holds anything and may not be replaced
+  /// @throws Failure if a file is there that holds anything and may not be replaced
   void requireFree() const;
-  /// What is there is the command's own from here on.
+  /// Notes that the command itself has written the file, which it may replace.
   void own() { replaces_ = true; }
 
  private:
@@ -38,13 +38,13 @@ class OutputPlace {
 /// The files that a command writes, which must be none of those that it reads.
 class Outputs {
  public:
-  /// @param inputs the files to be read; what there is not is left to whoever reads it
+  /// @param inputs the files to be read; those that do not exist are ignored
   explicit Outputs(const std::vector<std::string>& inputs);
 
-  /// Looks at a place before anything is computed for it. Files are told apart by device and inode,
-  /// so that no other name hides one.
+  /// Checks a place before anything is computed for it. Inputs are recognised by device and inode,
+  /// under whatever name.
   /// @param replaces whether a file that is there and holds anything may be lost
-  /// @throws Failure if that may not be, or if it is an input, another output or no regular file
+  /// @throws Failure if it may not be lost, is an input, another output or no regular file
   OutputPlace claim(const std::string& path, bool replaces);
 
  private:
@@ -63,7 +63,7 @@ class NewFile {
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
 
-  /// What cannot be written throws `Failure` at once.
+  /// Throws `Failure` as soon as something cannot be written.
   std::ostream& stream() { return stream_; }
   /// Ends writing. Returns the temporary file's name, by which it can be read until it is kept.
   /// @throws Failure if not everything could be written
@@ -83,7 +83,7 @@ class NewFile {
     char* name;       ///< where a signal handler finds it; null once kept
     int handle = -1;  ///< for what a stream cannot do
   };
-  /// Knows why it cannot write while the reason is at hand.
+  /// Throws where writing fails, while `errno` still holds the reason.
   class Buffer : public std::filebuf {
    public:
     explicit Buffer(const std::string& name) : name_(name) {}

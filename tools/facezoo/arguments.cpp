@@ -27,7 +27,8 @@ void addPrefixOption(CLI::App& command, std::string& prefix) {
 
 CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most) {
   const std::string first = std::to_string(least), last = std::to_string(most);
-  const bool isBound = most < std::numeric_limits<int>::max();  // by more than its type
+  // The largest number of its type is no limit that a user has to know.
+  const bool isLimited = most < std::numeric_limits<int>::max();
   return {[=](std::string& text) -> std::string {
             std::uint64_t number = 0;
             const char* const end = text.data() + text.size();
@@ -37,7 +38,7 @@ CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most) {
             text = std::to_string(number);
             return {};
           },
-          isBound ? "INT in [" + first + " - " + last + "]" : ""};
+          isLimited ? "INT in [" + first + " - " + last + "]" : ""};
 }
 
 CLI::Validator positiveNumber() {
@@ -55,7 +56,7 @@ CLI::Option* addForceOption(CLI::App& command, bool& force) {
   return command.add_flag("--force", force, "Replace files that exist, but none that is read");
 }
 
-void requireBatch(const facezoo::NetworkTable& network, int batch) {
+void requireBatch(const NetworkTable& network, int batch) {
   const int most = std::numeric_limits<int>::max() / network.perImageBytes;
   if (batch <= most) return;
   throw CLI::ValidationError("--batch", std::string(network.name) + " takes at most " +

@@ -11,18 +11,18 @@
 #include <vector>
 
 void addNetworkArgument(CLI::App& command, std::string& name);
-/// Any number of them, also none.
+/// Adds NET as a list, which may be empty.
 void addNetworkArguments(CLI::App& command, std::vector<std::string>& names);
 void addPrefixOption(CLI::App& command, std::string& prefix);
 
-/// Takes decimal digits, for `transform`: the parser alone would wrap a sign around, take the
-/// largest number for a larger one, and 010 for eight.
+/// For `transform`: accepts decimal digits only. The parser by itself would wrap a negative number
+/// around, clamp one that is too large and read 010 as eight.
 CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most);
-/// Takes what a 32-bit float can hold, unless it is zero or less, for `check`.
+/// For `check`: accepts numbers above zero that a 32-bit float can hold.
 CLI::Validator positiveNumber();
 
-/// Whether files may be replaced that the command did not write.
+/// Adds --force, with which a command replaces files that exist.
 CLI::Option* addForceOption(CLI::App& command, bool& force);
 
-/// @throws CLI::ValidationError if no block of the pool could be large enough
+/// @throws CLI::ValidationError if a block of the pool cannot be large enough for such a batch
 void requireBatch(const facezoo::NetworkTable& network, int batch);

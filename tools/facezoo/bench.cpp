@@ -41,16 +41,17 @@ struct Options {
   double seconds = 1;
 };
 
-/// A file of seeded weights that has lost its name: it goes with the process, however that ends.
+/// A temporary file of seeded weights. Its name is removed at once, so that the system deletes the
+/// file when the process ends, however it does.
 class UnnamedWeights {
  public:
-  UnnamedWeights(const facezoo::NetworkTable& network, const std::string& prefix) {
+  UnnamedWeights(const NetworkTable& network, const std::string& prefix) {
     std::error_code error;
     const auto folder = std::filesystem::temp_directory_path(error);
     if (error) throw Failure("the folder for temporary files (TMPDIR): " + error.message());
     std::string name = (folder / "facezoo-bench-XXXXXX").string();
     handle_ = mkstemp(name.data());
-    if (handle_ < 0) throw Failure(name + ": cannot be created");
+    if (handle_ < 0) throwSystemFailure(name + ": cannot be created");
     unlink(name.c_str());
     std::ofstream file(path(), std::ios::binary);
     writeRandomWeights(network, prefix, 1, file);
@@ -87,7 +88,7 @@ struct Figures {
   double deviceMemory = 0, peakMemory = 0;  ///< MiB
 };
 
-/// Passes from host memory to host memory and of `Forward` alone, in turn.
+/// Times whole passes, from host memory to host memory, and `Forward` alone, by turns.
 void timePasses(Network& network, Batch& batch, double seconds, Figures& figures) {
   for (int i = 0; i < kWarmUp; ++i) batch.pass(network);
   double whole = 0;
@@ -136,7 +137,7 @@ void addFigures(Json& row, const Figures& figures) {
   row["passes"] = figures.latencies.size();
 }
 
-/// What all rows have in common.
+/// The fields that all rows repeat: what was measured, and on what.
 Json setting(const Device& device) {
   Json common = {{"facezoo", FACEZOO_VERSION_TEXT},
                  {"platform", FACEZOO_PLATFORM},
@@ -176,7 +177,7 @@ void benchNetwork(const std::string& name, const Options& options, const Json& c
     row["network"] = name;
     row["batch"] = batch;
     try {
-      const facezoo::Listener quiet;
+      const Listener quiet;
       addFigures(row, measure(known, weights, batch, options));
     } catch (...) {
       throw Failure(name + " for batches of " + std::to_string(batch) + ": " + describeException());

@@ -9,5 +9,5 @@ struct CpuPlatform {
   int threads;
 };
 
-/// Nothing where a GPU computes.
+/// No value in a build for GPUs.
 std::optional<CpuPlatform> cpuPlatform();

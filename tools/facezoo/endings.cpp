@@ -35,7 +35,7 @@ constexpr Ending kEndings[] = {
     {SIGUSR1, "ended by SIGUSR1"},
     {SIGUSR2, "ended by SIGUSR2"},
     {SIGVTALRM, "ended by SIGVTALRM"},
-#ifndef FACEZOO_SANITIZED  // which explain faults at length
+#ifndef FACEZOO_SANITIZED  // sanitizers explain faults themselves
     {SIGABRT, "ended by a fault of its own (SIGABRT)"},
     {SIGBUS, "ended by a fault of its own (SIGBUS)"},
     {SIGFPE, "ended by a fault of its own (SIGFPE)"},
@@ -47,12 +47,12 @@ constexpr Ending kEndings[] = {
 };
 
 std::atomic_flag hasEnded = ATOMIC_FLAG_INIT;
-std::atomic<bool> exits{false};
+std::atomic<bool> exitIsIntended{false};
 
-/// Works wherever the process was interrupted, without any memory. Returns to the first caller
-/// only.
+/// Removes incomplete files and prints `line`, wherever the process was interrupted: it takes no
+/// memory. Of several callers only the first returns; the others wait until the process has ended.
 void removeAndSay(const char* line) {
-  // A handler that interrupted this would wait for it below.
+  // A signal handler that interrupted this function would wait for it forever in the loop below.
   sigset_t all;
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, nullptr);
@@ -61,10 +61,10 @@ void removeAndSay(const char* line) {
   iovec pieces[] = {{const_cast<char*>("facezoo: "), 9},
                     {const_cast<char*>(line), std::strlen(line)},
                     {const_cast<char*>("\n"), 1}};
-  if (writev(STDERR_FILENO, pieces, 3) < 0) return;  // there is nowhere to say it
+  if (writev(STDERR_FILENO, pieces, 3) < 0) return;  // there is nobody to tell
 }
 
-/// Ends the process by the signal itself: a shell goes on with its loop after any other end.
+/// Ends the process by the signal itself: only then does a shell leave its loop, too.
 void dieOf(int signal) {
   sigset_t blocked;
   sigemptyset(&blocked);
@@ -80,7 +80,7 @@ extern "C" void endBySignal(int signal) {
   dieOf(signal);
 }
 
-bool lacksMemory() {
+bool isOutOfMemory() {
   if (std::current_exception() == nullptr) return false;
   try {
     throw;
@@ -91,10 +91,10 @@ bool lacksMemory() {
   }
 }
 
-/// Destructors of JSON values ask for memory and let nothing pass, so that want of it ends here,
-/// too.
+/// Also called where memory is short: destructors of JSON values allocate and let no exception
+/// pass.
 [[noreturn]] void endByException() {
-  if (lacksMemory()) {
+  if (isOutOfMemory()) {
     removeAndSay("out of memory");
     _exit(EXIT_FAILURE);
   }
@@ -103,22 +103,22 @@ bool lacksMemory() {
   std::abort();
 }
 
-/// OpenMP's runtime exits if it gets no thread or no memory.
+/// Called where a library exits, as OpenMP's runtime does if it gets no thread or no memory.
 void endByExit() {
-  if (exits) return;
+  if (exitIsIntended) return;
   removeAndSay("ended by a library that it uses, as for want of threads or memory");
-  _exit(EXIT_FAILURE);  // other threads still use what the other handlers would destroy
+  _exit(EXIT_FAILURE);  // an exit would destroy objects that other threads still use
 }
 
 }  // namespace
 
 bool handleEnds() {
   std::signal(SIGXFSZ, SIG_IGN);
-  const bool heedsPipes = std::signal(SIGPIPE, SIG_IGN) != SIG_IGN;
+  const bool diesOfSigpipe = std::signal(SIGPIPE, SIG_IGN) != SIG_IGN;
   struct sigaction action = {};
   action.sa_handler = endBySignal;
-#ifndef FACEZOO_SANITIZED  // which have a stack of their own there
-  // A stack that is full has no room for a handler.
+#ifndef FACEZOO_SANITIZED  // sanitizers bring a stack of their own
+  // Handlers get a stack of their own: that of the thread may be full.
   static std::array<char, 1 << 14> reserve;
   stack_t stack = {};
   stack.ss_sp = reserve.data();
@@ -129,15 +129,15 @@ bool handleEnds() {
   for (const Ending& ending : kEndings) {
     struct sigaction before = {};
     sigaction(ending.signal, nullptr, &before);
-    if (before.sa_handler == SIG_IGN) continue;  // as under nohup
+    if (before.sa_handler == SIG_IGN) continue;  // stays ignored, as under nohup
     sigaction(ending.signal, &action, nullptr);
   }
   std::set_terminate(endByException);
-  std::atexit(endByExit);  // without it, such an end is not noticed
-  return heedsPipes;
+  std::atexit(endByExit);  // if that fails, such an exit passes unnoticed
+  return diesOfSigpipe;
 }
 
 int endWith(int code) {
-  exits = true;
+  exitIsIntended = true;
   return code;
 }

@@ -8,8 +8,9 @@
 /// of the program's own, an exception that nothing catches and an `exit` that a library calls each
 /// remove the files of `noteTemporary` and say so in one line; a signal then ends the process as it
 /// does by default. Output that nobody takes is a failure like any other.
-/// @return whether a process that writes to nobody is to end without a word, as by default
+/// @return whether the parent process left SIGPIPE at its default, so that the tool ends silently
+/// where nobody reads its output
 bool handleEnds();
 
-/// The code to return from `main`, after which the process exits of its own will.
+/// Returns `code`, for `main` to return, and notes that the exit which follows is intended.
 int endWith(int code);

@@ -105,9 +105,9 @@ Json describeDevices(const std::vector<Device>& devices) {
 Json networks() {
   Json rows = Json::array();
   for (const KnownNetwork& known : knownNetworks()) {
-    const facezoo::NetworkTable& table = *known.table;
+    const NetworkTable& table = *known.table;
     std::string results;
-    for (const facezoo::OutputGroup& group : table.outputs)
+    for (const OutputGroup& group : table.outputs)
       results += std::string(group.name) + " (" + std::to_string(group.count) + ") ";
     results += table.hasNorm ? "norm (1)" : "";
     rows.push_back({{"network", table.name},
@@ -166,15 +166,14 @@ void printTables(const Json& all) {
   printTable(all["libraries"], {{"library", 24}, {"found", 8}, {"supported", 10}, {"verdict", 0}});
   printTable(all["devices"],
              {{"device", 6, 0}, {"name", 24}, {"capability", 10}, {"MiB", 8, 0}, {"verdict", 0}});
-  print("\nrequired: compute capability %d.0, %zu MiB\n", facezoo::requiredMajor,
-        facezoo::requiredMiB);
+  print("\nrequired: compute capability %d.0, %zu MiB\n", requiredMajor, requiredMiB);
   printTable(
       all["networks"],
       {{"network", 24}, {"channels", 8, 0}, {"width", 5, 0}, {"height", 6, 0}, {"results", 0}});
   printTable(all["environment"], {{"variable", 31}, {"value", 10}, {"effect", 0}});
 }
 
-// A machine without a driver still learns of everything else.
+// Without a usable device everything else is shown all the same; the failure comes last.
 void info(const std::string& format) {
   std::vector<Device> devices;
   std::optional<Failure> failure;

@@ -35,7 +35,7 @@ std::string toJsonString(const std::string& text) {
   return json + '"';
 }
 
-// The parser refuses lone surrogates, so it gets what stands between them.
+// The JSON parser refuses lone surrogates, so that it is given only the text between them.
 std::string fromJsonString(std::string_view json) {
   std::string text, piece;
   for (std::size_t i = 0; i < json.size();) {

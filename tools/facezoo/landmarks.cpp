@@ -16,7 +16,7 @@ struct Point {
   float x, y;
 };
 
-/// A disc that shows on light and on dark.
+/// Draws a green disc with a black rim, which can be seen on light and on dark pictures.
 void drawDot(Picture& picture, Point centre, float radius) {
   constexpr unsigned char kFill[] = {0, 255, 0};
   const float rim = radius + 1;

@@ -30,16 +30,16 @@ std::string describeUsage(const CLI::App& tool, const CLI::ParseError& error) {
     app = app->get_subcommands().front();
     command += " " + app->get_name();
   }
-  // A misspelt word is also a missing one, which the parser notices first.
+  // Where a word is misspelt, the parser says that another is missing.
   const std::vector<std::string> unknown = tool.remaining(true);
   const bool misspelt = !unknown.empty() && error.get_name() == "RequiredError";
   return (misspelt ? "unknown argument " + unknown.front() : error.what()) + " (see " + command +
          " --help)";
 }
 
-/// A closed standard stream's number would go to the next file that is opened, and so would what is
-/// printed. What is printed to a stream opened for reading fails.
-void occupyStandardStreams() {
+/// Reserves descriptors 0 to 2 where they are closed, so that no file that is opened later becomes
+/// standard output. They are opened for reading: printing to them fails.
+void reserveStandardDescriptors() {
   while (true) {
     const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (next > STDERR_FILENO) close(next);
@@ -49,8 +49,8 @@ void occupyStandardStreams() {
 
 /// OpenMP's threads wait for each other by spinning. Beside another busy process that costs whole
 /// time slices, as they spin on the core that the awaited thread needs; a short spin costs an idle
-/// machine nothing. The runtime reads its settings when a process starts, before anything here
-/// could change them, so that the tool starts once more.
+/// machine nothing. The runtime reads its settings before `main` begins, so that the tool sets them
+/// and starts itself once more.
 void boundSpinning([[maybe_unused]] char** argv) {
 #if FACEZOO_SIMULATED
   if (std::getenv("GOMP_SPINCOUNT") != nullptr || std::getenv("OMP_WAIT_POLICY") != nullptr) return;
@@ -78,10 +78,10 @@ int runTool(int argc, char** argv) {
   return 0;
 }
 
-/// Ends as any other filter whose reader has gone, unless whoever started the tool wants to hear of
-/// it.
-int endWithoutReader(bool heedsPipes, const ReaderGone& gone) {
-  if (!heedsPipes) return fail(kFailed, gone.what());
+/// Ends by SIGPIPE, as other filters do, unless the parent process ignored that signal: it then
+/// expects a message.
+int endWithoutReader(bool diesOfSigpipe, const ReaderGone& gone) {
+  if (!diesOfSigpipe) return fail(kFailed, gone.what());
   std::signal(SIGPIPE, SIG_DFL);
   return std::raise(SIGPIPE);
 }
@@ -90,8 +90,8 @@ int endWithoutReader(bool heedsPipes, const ReaderGone& gone) {
 
 int main(int argc, char** argv) {
   boundSpinning(argv);
-  occupyStandardStreams();
-  const bool heedsPipes = handleEnds();
+  reserveStandardDescriptors();
+  const bool diesOfSigpipe = handleEnds();
   try {
     StandardOutput output;
     try {
@@ -104,7 +104,7 @@ int main(int argc, char** argv) {
       return endWith(fail(kFailed, describeException()));
     }
   } catch (const ReaderGone& gone) {
-    return endWith(endWithoutReader(heedsPipes, gone));
+    return endWith(endWithoutReader(diesOfSigpipe, gone));
   } catch (...) {
     return endWith(fail(kFailed, describeException()));
   }

@@ -26,7 +26,7 @@ std::string nameOf(const std::vector<std::string>& names, std::size_t row) {
   return names.empty() ? "" : names[row];
 }
 
-/// Finds the rows of a gallery that point most nearly the same way as a query, by a comparison with
+/// Finds the rows of a gallery with the largest cosine similarity to a query, by a comparison with
 /// every row.
 class Search {
  public:
@@ -35,7 +35,7 @@ class Search {
       : gallery_(options.gallery),
         names_(readNames(options.gallery, gallery_.rows())),
         nearest_(options.nearest),
-        rows_(options.format.empty() ? "table" : options.format,
+        rows_(formatOf(options),
               {{"image", kName},
                {"rank", 4, 0},
                {"row", std::to_string(gallery_.rows()).size(), 0},
@@ -60,20 +60,19 @@ class Search {
     queries_.resize(kQueries, directions_.cols());
   }
 
-  /// @return false if the query has no direction
-  bool add(const std::string& name, const float* values) {
+  /// Reports a query that is zero or not finite, and leaves it out.
+  void add(const std::string& name, const float* values) {
     auto row = queries_.row(static_cast<Eigen::Index>(waiting_.size()));
     row = Eigen::Map<const Eigen::RowVectorXf>(values, row.size());
     if (!makeUnit(row)) {
-      warn(name + ": expected a descriptor, found one that is zero or not finite");
-      return false;
+      return warn(name + ": expected a descriptor, found one that is zero or not finite");
     }
     waiting_.push_back(name);
-    if (waiting_.size() == kQueries) print();
-    return true;
+    if (waiting_.size() == kQueries) printNearest();
   }
 
-  void print() {
+  /// Prints the nearest rows of all queries that wait.
+  void printNearest() {
     const auto count = static_cast<Eigen::Index>(waiting_.size());
     const Matrix cosines = queries_.topRows(count) * directions_.transpose();
     const auto most = std::min<std::ptrdiff_t>(nearest_, candidates_.size());
@@ -98,6 +97,7 @@ class Search {
  private:
   static constexpr std::size_t kQueries = 64, kName = 24;
 
+  /// Scales a row to length 1. @return false if it is zero or not finite
   template <class Row>
   static bool makeUnit(Row&& row) {
     const double length = std::sqrt(row.template cast<double>().squaredNorm());
@@ -111,16 +111,16 @@ class Search {
   int nearest_;
   Rows rows_;
   Matrix directions_, queries_;
-  std::vector<Eigen::Index> candidates_;
-  std::vector<std::string> waiting_;
+  std::vector<Eigen::Index> candidates_;  ///< rows that have a direction
+  std::vector<std::string> waiting_;      ///< names of the first rows of `queries_`
 };
 
 class Neighbours : public Sink {
  public:
-  Neighbours(const RunOptions& options, const facezoo::NetworkTable& table, ResultFiles& files)
+  Neighbours(const RunOptions& options, const NetworkTable& table, ResultFiles& files)
       : search_(options, table.outputCount(), table.name, linesOf(options, files)) {}
   void take(const Result& result) override { search_.add(result.picture, result.values()); }
-  void finish() override { search_.print(); }
+  void finish() override { search_.printNearest(); }
 
  private:
   Search search_;
@@ -137,13 +137,13 @@ void matchRows(const RunOptions& options, const std::string& file) {
     search.add(names.empty() ? file + " row " + std::to_string(i) : names[i],
                queries.values() + i * queries.columns());
   }
-  search.print();
+  search.printNearest();
   files->keep();
 }
 
 }  // namespace
 
-std::unique_ptr<Sink> neighbours(const RunOptions& options, const facezoo::NetworkTable& table,
+std::unique_ptr<Sink> neighbours(const RunOptions& options, const NetworkTable& table,
                                  ResultFiles& files) {
   return std::make_unique<Neighbours>(options, table, files);
 }

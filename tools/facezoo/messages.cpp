@@ -10,13 +10,14 @@
 
 namespace {
 
-/// Control characters, separators of lines, and what turns the direction of writing around.
+/// Whether a terminal may obey `c`: control characters, line separators, marks of the direction of
+/// writing.
 bool steersTerminal(char32_t c) {
   return c < 0x20 || (c >= 0x7F && c <= 0x9F) || (c >= 0x2028 && c <= 0x202E) ||
          (c >= 0x2066 && c <= 0x2069);
 }
 
-/// All of it, unless nothing takes it.
+/// Writes to standard error, of whose failure nobody could be told.
 void writeLine(const char* text, std::size_t size) {
   while (size > 0) {
     const ssize_t count = write(STDERR_FILENO, text, size);

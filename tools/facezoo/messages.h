@@ -8,5 +8,6 @@
 /// so that a name from a file cannot break a line, turn its direction or steer the terminal.
 std::string printable(const std::string& text);
 
-/// Says `line` on standard error, in the tool's name. Without memory for it, that it is lacking.
+/// Says `line` on standard error, in the tool's name. Without memory for the line, says that memory
+/// is out.
 void warn(const std::string& line) noexcept;

@@ -76,7 +76,7 @@ std::vector<std::string> readNames(const std::string& path, std::size_t rows) {
   const std::string file = namesFileOf(path);
   std::error_code error;
   if (!fs::exists(file, error)) return {};
-  const facezoo::FileBytes bytes = readFile(file);
+  const FileBytes bytes = readFile(file);
   std::string_view text(bytes.data.get(), bytes.size);
   std::vector<std::string> names;
   while (!text.empty()) {

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <deque>
 #include <filesystem>
@@ -30,8 +29,8 @@ bool looksLikePicture(const fs::path& path) {
   return extension == ".png" || extension == ".jpg" || extension == ".jpeg";
 }
 
-/// How many names there are and the first of them, in a line that stays readable.
-std::string some(std::vector<std::string> names) {
+/// The number of names and, in parentheses, as many of them as a readable line holds.
+std::string countAndNames(std::vector<std::string> names) {
   constexpr std::size_t kMost = 5, kLength = 200;
   std::sort(names.begin(), names.end());
   std::string line = std::to_string(names.size()) + " (";
@@ -48,34 +47,36 @@ std::string readStandardInput() {
   while (const std::size_t count = std::fread(piece, 1, sizeof piece, stdin))
     text.append(piece, count);
   if (std::ferror(stdin) == 0) return text;
-  throw Failure("standard input: cannot be read: " + std::generic_category().message(errno));
+  throwSystemFailure("standard input: cannot be read");
 }
 
-/// One directory and what is below.
-class Search {
+/// The search of one directory and all that is below it.
+class DirectorySearch {
  public:
-  Search(std::string directory, FoundPictures& found)
+  DirectorySearch(std::string directory, FoundPictures& found)
       : directory_(std::move(directory)), found_(found) {
     const std::size_t before = found_.paths.size(), faultsBefore = found_.faults.size();
-    // After the folders themselves, so that these go by their own names.
+    // Links to folders come last, so that a folder which is also reached without them goes by its
+    // own name.
     for (links_.push_back(""); !links_.empty(); links_.pop_front()) enter(links_.front());
     std::sort(found_.paths.begin() + static_cast<std::ptrdiff_t>(before), found_.paths.end());
     if (found_.paths.size() == before && found_.faults.size() == faultsBefore) {
       remark("expected PNG or JPEG files, found none" +
-             (others_.empty() ? "" : " among " + some(others_)));
-    } else if (!others_.empty()) {
-      remark("left out, as not PNG or JPEG by name: " + some(others_));
+             (otherFiles_.empty() ? "" : " among " + countAndNames(otherFiles_)));
+    } else if (!otherFiles_.empty()) {
+      remark("left out, as not PNG or JPEG by name: " + countAndNames(otherFiles_));
     }
-    if (!empty_.empty()) remark("folders without files: " + some(empty_));
+    if (!emptyFolders_.empty()) remark("folders without files: " + countAndNames(emptyFolders_));
   }
 
  private:
-  /// Takes what is in the folder `place`. @return whether it holds anything
+  /// Searches the folder at `place` within the directory. @return whether there is any file in it
   bool enter(const fs::path& place) {
     const fs::path folder = place.empty() ? fs::path(directory_) : directory_ / place;
     struct stat status = {};
-    // One that cannot be looked at is refused where it is opened.
-    if (stat(folder.c_str(), &status) == 0 && !seen_.emplace(status.st_dev, status.st_ino).second)
+    // A folder that stat fails on is reported below, where it cannot be opened.
+    if (stat(folder.c_str(), &status) == 0 &&
+        !enteredFolders_.emplace(status.st_dev, status.st_ino).second)
       return true;
     std::error_code error;
     std::vector<fs::directory_entry> entries;
@@ -83,25 +84,25 @@ class Search {
     for (const fs::directory_iterator end; !error && entry != end; entry.increment(error))
       entries.push_back(*entry);
     if (error) found_.faults.push_back(folder.string() + ": cannot be read: " + error.message());
-    bool holds = static_cast<bool>(error);
-    const std::size_t emptyBefore = empty_.size();
+    bool holdsFiles = static_cast<bool>(error);
+    const std::size_t emptyFoldersBefore = emptyFolders_.size();
     for (const fs::directory_entry& each : entries) {
       const fs::path inside = place / each.path().filename();
       if (!each.is_directory(error)) {
         take(each.path(), inside);
-        holds = true;
+        holdsFiles = true;
       } else if (each.is_symlink(error)) {
         links_.push_back(inside);
-        holds = true;
+        holdsFiles = true;
       } else {
-        holds = enter(inside) || holds;
+        holdsFiles = enter(inside) || holdsFiles;
       }
     }
-    if (!holds && !place.empty()) {
-      empty_.resize(emptyBefore);  // it speaks for those in it
-      empty_.push_back(place.string());
+    if (!holdsFiles && !place.empty()) {
+      emptyFolders_.resize(emptyFoldersBefore);  // the empty folders inside go without saying
+      emptyFolders_.push_back(place.string());
     }
-    return holds;
+    return holdsFiles;
   }
 
   void take(const fs::path& path, const fs::path& place) {
@@ -109,7 +110,7 @@ class Search {
       found_.paths.push_back(path.string());
       found_.places.emplace(path.string(), place.string());
     } else {
-      others_.push_back(place.string());
+      otherFiles_.push_back(place.string());
     }
   }
 
@@ -118,8 +119,8 @@ class Search {
   const std::string directory_;
   FoundPictures& found_;
   std::deque<fs::path> links_;  ///< to folders, not yet followed
-  std::set<std::pair<dev_t, ino_t>> seen_;
-  std::vector<std::string> others_, empty_;
+  std::set<std::pair<dev_t, ino_t>> enteredFolders_;
+  std::vector<std::string> otherFiles_, emptyFolders_;
 };
 
 }  // namespace
@@ -129,7 +130,7 @@ FoundPictures findPictures(const std::vector<std::string>& paths) {
   for (const std::string& path : paths) {
     std::error_code error;
     if (fs::is_directory(path, error)) {
-      const Search search(path, found);
+      const DirectorySearch search(path, found);
     } else {
       found.paths.push_back(path);
     }
@@ -159,7 +160,7 @@ std::vector<std::string> readList(const std::string& path, char separator) {
   if (text.rfind(kByteOrderMark, 0) == 0) text.erase(0, kByteOrderMark.size());
   std::vector<std::string> lines;
   std::istringstream stream(text);
-  stream.exceptions(std::ios::badbit);  // want of memory would end the list
+  stream.exceptions(std::ios::badbit);  // else a lack of memory would end the list
   for (std::string line; std::getline(stream, line, separator);) {
     if (isText && !line.empty() && line.back() == '\r') line.pop_back();
     if (!line.empty()) lines.push_back(line);

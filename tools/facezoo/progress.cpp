@@ -43,6 +43,6 @@ Progress::~Progress() {
 
 void Progress::add(std::size_t count) {
   const std::string lines(count, '\n');
-  // What is drawn is not worth failing for.
+  // A display that is not updated is no reason to fail.
   if (pv_ > 0 && write(pipe_, lines.data(), lines.size()) < 0) return;
 }

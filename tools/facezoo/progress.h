@@ -5,11 +5,11 @@
 
 #include <cstddef>
 
-/// Shows on standard error how far a long command is, its rate and the time left, by lending a pipe
-/// to pv(1).
+/// Shows on standard error how far a long command is, its rate and the time left: pv(1) counts the
+/// lines that it gets through a pipe.
 class Progress {
  public:
-  /// @param shown whether to; if not, everything here does nothing
+  /// @param shown whether to show anything; if not, all members do nothing
   Progress(std::size_t total, bool shown);
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;

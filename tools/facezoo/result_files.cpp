@@ -38,7 +38,7 @@ class WholeFiles : public ResultFiles {
     stream(file).seekp(0).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   }
   void keep() override {
-    for (const auto& file : files_) file->close();  // what fails leaves none of them
+    for (const auto& file : files_) file->close();  // if one fails, none appears
     for (const auto& file : files_) file->keep();
   }
 
@@ -47,7 +47,8 @@ class WholeFiles : public ResultFiles {
   const std::vector<std::string> none_;
 };
 
-/// A file that is there while it grows. What is added is on the disk after `write`.
+/// A file that stands under its name while it grows. All that is written is on the disk when the
+/// call returns.
 class GrowingFile {
  public:
   explicit GrowingFile(const std::string& path) : path_(path) {
@@ -83,9 +84,7 @@ class GrowingFile {
   }
 
  private:
-  [[noreturn]] void refuse() const {
-    throw Failure(path_ + ": cannot be written: " + std::generic_category().message(errno));
-  }
+  [[noreturn]] void refuse() const { throwSystemFailure(path_ + ": cannot be written"); }
 
   std::string path_;
   int file_;
@@ -215,7 +214,7 @@ class ResumableFiles : public ResultFiles {
   void giveNames() {
     for (const std::string& path : paths_) {
       if (!isThere(partialOf(path))) continue;
-      requireNone(path);  // another may have come meanwhile
+      requireNone(path);  // a file may have appeared there meanwhile
       rename(partialOf(path), path);
     }
   }

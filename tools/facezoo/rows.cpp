@@ -27,12 +27,12 @@ std::string dump(const Json& value) {
   return value.is_object() ? '{' + items + '}' : '[' + items + ']';
 }
 
-std::string format(const char* how, int decimals, double value) {
+std::string format(const char* pattern, int decimals, double value) {
   if (std::isnan(value)) return "nan";  // whatever its sign
   char text[64];
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  std::snprintf(text, sizeof text, how, decimals, value);
+  std::snprintf(text, sizeof text, pattern, decimals, value);
 #pragma GCC diagnostic pop
   return text;
 }
@@ -115,7 +115,7 @@ void Rows::printCsv(const Json& row) {
 }
 
 void Rows::printTable(const Json& row) {
-  // Hundreds of columns serve nobody.
+  // Of a long array only the first values are shown.
   constexpr std::size_t kMost = 8, kFirst = 4;
   std::vector<Cell> names, cells;
   for (const Column& column : columns_) {

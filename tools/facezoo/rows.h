@@ -12,34 +12,35 @@
 /// The names that `--format` knows.
 inline const std::vector<std::string> rowFormats = {"table", "json", "csv"};
 
-/// A field that a table shows. Text stands on the left of its column, numbers on the right; the
-/// first values of an array have a column each.
+/// A field that a table shows. Text is aligned to the left of its column, numbers to the right;
+/// each of an array's first values has a column of its own.
 struct Column {
   static constexpr int kText = -1;
-  static constexpr int kResult = -2;  ///< of a network: six digits, whatever the size
+  static constexpr int kResult = -2;  ///< a network's result: six digits, whatever its size
 
   std::string name;
   std::size_t width;
   int decimals = kText;
 };
 
-/// Text that is wider stands whole in a table, but the other rows are not made as wide.
+/// No column of a table is wider. Text that is longer is printed whole, and shifts the rest of its
+/// row only.
 inline constexpr std::size_t widestColumn = 60;
 
-/// Characters of a UTF-8 text, which is the width it takes.
+/// The number of characters of a UTF-8 text, which is its width.
 std::size_t widthOf(std::string_view text);
 
-/// `text` and the blanks that make it `width` characters, or `widestColumn` of them.
+/// `text` with blanks on one side, to the width of a column, which is `widestColumn` at most.
 std::string padded(const std::string& text, std::size_t width, bool onLeft = true);
 
-/// Prints objects that have the same fields, each as it comes: as a table of some of the fields, or
-/// all of them as CSV or as lines of JSON. Text may hold any bytes, which CSV has as they are and
-/// JSON as `toJsonString` puts them. What is no finite number is nan, inf or -inf, and in JSON
-/// "NaN", "Infinity" or "-Infinity".
+/// Prints objects that have the same fields, each at once: some of the fields as a table, or all of
+/// them as CSV or as lines of JSON. Text may hold any bytes, which CSV has as they are and JSON as
+/// `toJsonString` makes them. Numbers that are not finite are nan, inf or -inf, and in JSON "NaN",
+/// "Infinity" or "-Infinity".
 class Rows {
  public:
   /// @param format one of `rowFormats`
-  /// @param headed whether `out` has rows from before
+  /// @param headed whether `out` has a header from before
   Rows(std::string format, std::vector<Column> columns, std::ostream& out = std::cout,
        bool headed = false)
       : format_(std::move(format)), columns_(std::move(columns)), out_(out), headed_(headed) {}

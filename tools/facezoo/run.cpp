@@ -36,7 +36,7 @@ namespace {
   throw CLI::ValidationError(option, why);
 }
 
-/// What the parser cannot know: which options fit which network.
+/// Checks what the parser cannot know: which options fit which network.
 void checkUsage(const RunOptions& options, const NetworkTable& table) {
   const auto gives = [&](const char* group) {
     return std::any_of(table.outputs.begin(), table.outputs.end(),
@@ -79,8 +79,8 @@ std::vector<std::string> inputsOf(const RunOptions& options, std::vector<std::st
   return inputs;
 }
 
-/// What must be the same for a run to go on with what another one left: all that the results
-/// depend on, and the form that they have.
+/// What must be the same for a run to go on with the files of another: all that the results and
+/// their form depend on.
 std::string describeRun(const RunOptions& options, const NetworkTable& table) {
   std::error_code error;
   nlohmann::ordered_json run = {
@@ -101,9 +101,9 @@ std::string describeRun(const RunOptions& options, const NetworkTable& table) {
   return run.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
-/// `pictures` without those that have results, each as often as it has.
-std::vector<std::string> without(const std::vector<std::string>& earlier,
-                                 const std::vector<std::string>& pictures) {
+/// The pictures that have no result yet; one that is listed twice needs two.
+std::vector<std::string> withoutResults(const std::vector<std::string>& earlier,
+                                        const std::vector<std::string>& pictures) {
   std::unordered_map<std::string, std::size_t> results;
   for (const std::string& picture : earlier) ++results[picture];
   std::vector<std::string> left;
@@ -185,25 +185,25 @@ void run(const RunOptions& options) {
     if (options.strict) throw Failure(fault);
     warn(fault);
   }
-  // What the user may have to mend comes before what takes long.
+  // All that the user may have to mend is checked before anything that takes long.
   const std::vector<std::string> paths = resultPaths(options);
   Outputs outputs(inputsOf(options, pictures));
   const std::unique_ptr<ResultFiles> files =
       options.resume ? resumableFiles(paths, outputs, describeRun(options, table))
                      : wholeFiles(paths, outputs, options.force);
-  const std::vector<std::string> left = without(files->earlier(), pictures);
+  const std::vector<std::string> left = withoutResults(files->earlier(), pictures);
   PictureLimits limits(options.maxPixels);
   const std::vector<std::unique_ptr<Sink>> sinks =
       sinksFor(options, table, pictures, found.places, outputs, *files, limits);
   chosenDevice(listDevices());
 
   const int batch = static_cast<int>(std::min<std::size_t>(options.batch, pictures.size()));
-  // Without the others, there is nothing to go on with.
+  // A comparison, or a run of one picture, is nothing without a picture that cannot be read.
   const bool strict = options.strict || !options.compared.empty() || pictures.size() == 1;
   std::size_t unreadable = 0;
   double seconds = 0;
   try {
-    const facezoo::Listener quiet;
+    const Listener quiet;
     const GPU gpu;
     withCheckedNetwork(known, options.weights, batch, options.prefix, [&](Network& network) {
       const Timer timer;

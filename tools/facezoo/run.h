@@ -1,12 +1,12 @@
 /// @file
-/// What the commands share that take pictures through a network.
+/// What `run` and `match` share, the commands that give pictures to a network.
 #pragma once
 
 #include "sinks.h"
 
 #include <CLI/CLI.hpp>
 
-/// The pictures, and what reading them and running a network takes.
+/// Adds the pictures, and the options of reading them and of running a network.
 void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequired);
 CLI::Option* addOutputOption(CLI::App& command, RunOptions& options);
 

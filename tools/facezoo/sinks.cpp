@@ -19,22 +19,18 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string formatOf(const RunOptions& options) {
-  return options.format.empty() ? "table" : options.format;
-}
-
 std::size_t widest(const std::vector<std::string>& texts) {
   std::size_t width = 0;
   for (const std::string& text : texts) width = std::max(width, widthOf(text));
   return width;
 }
 
-/// Prints a line for each picture.
+/// Prints the results of each picture, a line each.
 class Lines : public Sink {
  public:
   Lines(const RunOptions& options, const NetworkTable& table,
         const std::vector<std::string>& pictures, ResultFiles& files)
-      : groups_(options.features.empty() ? table.outputs : facezoo::View<OutputGroup>{nullptr, 0}),
+      : groups_(options.features.empty() ? table.outputs : View<OutputGroup>{nullptr, 0}),
         norm_(options.norm),
         rows_(formatOf(options), columns(widest(pictures)), linesOf(options, files),
               !files.earlier().empty()) {}
@@ -64,12 +60,12 @@ class Lines : public Sink {
     return columns;
   }
 
-  facezoo::View<OutputGroup> groups_;  ///< none if they go to a file
+  View<OutputGroup> groups_;  ///< none if they go to a file
   bool norm_;
   Rows rows_;
 };
 
-/// Writes a row of a NumPy array for each picture, and its name.
+/// Writes the results of each picture as a row of a NumPy array, and its name to the file of names.
 class Array : public Sink {
  public:
   Array(const RunOptions& options, const NetworkTable& table, ResultFiles& files)
@@ -94,7 +90,8 @@ class Array : public Sink {
   std::size_t names_, array_, rows_, columns_;
 };
 
-/// Says at the end that weights or pictures do not fit the network.
+/// Warns at the end if there were results that are not finite, as weights or pictures do not fit
+/// then.
 class FiniteCheck : public Sink {
  public:
   explicit FiniteCheck(bool norm) : norm_(norm) {}
@@ -119,7 +116,7 @@ class FiniteCheck : public Sink {
   std::string first_;
 };
 
-/// Writes each picture with its landmarks, in folders as those it was found in.
+/// Writes each picture with its landmarks, in the same subfolders as it was found in.
 class Drawings : public Sink {
  public:
   Drawings(const RunOptions& options, const NetworkTable& table,
@@ -168,7 +165,7 @@ class Drawings : public Sink {
   }
 
  private:
-  /// A link may lead elsewhere.
+  /// @throws Failure if a link leads `drawing` out of `directory`
   static void requireInside(const fs::path& drawing, const fs::path& directory) {
     std::error_code error;
     const fs::path way =
@@ -180,7 +177,7 @@ class Drawings : public Sink {
 
   LandmarkReading reading_;
   bool orient_;
-  facezoo::InputGeometry geometry_;
+  InputGeometry geometry_;
   PictureLimits& limits_;
   std::map<std::string, OutputPlace> drawingOf_;
 };

@@ -1,5 +1,5 @@
 /// @file
-/// What becomes of the results of `facezoo run`.
+/// Where the results of `facezoo run` and `facezoo match` go.
 #pragma once
 
 #include "client/batch.h"
@@ -40,7 +40,12 @@ struct Result {
   float norm() const { return batch.norm(index); }
 };
 
-/// What becomes of the results of one picture.
+/// How to print results.
+inline std::string formatOf(const RunOptions& options) {
+  return options.format.empty() ? "table" : options.format;
+}
+
+/// What becomes of the results of a run.
 class Sink {
  public:
   Sink() = default;
@@ -55,14 +60,14 @@ class Sink {
 /// The files that `options` ask for.
 std::vector<std::string> resultPaths(const RunOptions& options);
 
-/// Where lines go: standard output, or one of the files.
+/// Where lines are printed: to standard output, or to the first of the files.
 std::ostream& linesOf(const RunOptions& options, ResultFiles& files);
 
-/// Whether there is a line for each picture, of its results.
+/// Whether a line with the results of each picture is printed.
 bool printsLines(const RunOptions& options);
 
-/// One for each kind of result that `options` ask for.
-/// @param places where pictures of directories stand in them, by path
+/// A sink for each kind of output that `options` ask for.
+/// @param places as in `FoundPictures`
 /// @throws Failure if one cannot be written
 std::vector<std::unique_ptr<Sink>> sinksFor(const RunOptions& options,
                                             const facezoo::NetworkTable& table,

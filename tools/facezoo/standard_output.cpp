@@ -9,15 +9,12 @@
 #include <iostream>
 #include <streambuf>
 #include <string>
-#include <system_error>
 
 using namespace facezoo;
 
 namespace {
 
-[[noreturn]] void refuse() {
-  throw Failure("standard output: cannot be written: " + std::generic_category().message(errno));
-}
+[[noreturn]] void refuse() { throwSystemFailure("standard output: cannot be written"); }
 
 }  // namespace
 

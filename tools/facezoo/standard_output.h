@@ -6,14 +6,14 @@
 #include <memory>
 #include <ostream>
 
-/// Who read standard output is gone, as `head` is when it has seen enough.
+/// The process that read standard output has ended, as `head` does after its last line.
 class ReaderGone : public facezoo::Failure {
  public:
   ReaderGone() : facezoo::Failure("standard output: cannot be written: nobody reads it") {}
 };
 
-/// Puts a buffer behind `std::cout` that waits where nothing can be written yet, and throws where
-/// nothing will: `ReaderGone`, or `Failure` with the reason. What is in it at its end is lost.
+/// Gives `std::cout` a buffer that waits while a pipe is full, and throws if writing fails:
+/// `ReaderGone`, or `Failure` with the reason. What its destructor finds unwritten is lost.
 class StandardOutput {
  public:
   StandardOutput();
@@ -21,7 +21,8 @@ class StandardOutput {
   StandardOutput& operator=(const StandardOutput&) = delete;
   ~StandardOutput();
 
-  /// Writes what is left. @throws as above, also of what the system has put off until the end
+  /// Writes what is left. @throws as above, also for a failure that the system reports only when a
+  /// file is closed
   void finish();
 
  private:

@@ -30,21 +30,22 @@ struct Options {
   bool force = false;
 };
 
-/// The output of a command, looked at before its inputs are read.
+const NetworkTable& tableOf(const Options& options) { return *findNetwork(options.network).table; }
+
+/// The place of a command's output. To be called before the inputs are read, as it may be refused.
 OutputPlace placeOf(const Options& options) {
   return Outputs({options.file, options.names}).claim(options.output, options.force);
 }
 
 void synthesize(const Options& options) {
   NewFile file(placeOf(options));
-  writeRandomWeights(*findNetwork(options.network).table, options.prefix, options.seed,
-                     file.stream());
+  writeRandomWeights(tableOf(options), options.prefix, options.seed, file.stream());
   file.keep();
   print("%s: weights of %s, seed %ju\n", printable(options.output).c_str(), options.network.c_str(),
         std::uintmax_t{options.seed});
 }
 
-/// Lists what was found: all faults, as there is at most one for each array of the network, and the
+/// Prints the findings: all faults, of which each array of the network has one at most, and the
 /// first of the unused names. @throws Failure if there are faults
 void report(const WeightFindings& findings, const Options& options,
             const std::string& advice = "") {
@@ -62,14 +63,13 @@ void report(const WeightFindings& findings, const Options& options,
 void check(const Options& options) {
   expectWeightFile(options.file, options.network);
   const WeightDocument document(options.file);
-  const WeightFindings findings =
-      checkWeights(document, *findNetwork(options.network).table, options.prefix);
+  const WeightFindings findings = checkWeights(document, tableOf(options), options.prefix);
   report(findings, options, adviceOnPacking(document));
   print("OK: %zu arrays of %s, %zu unused\n", findings.expected, options.network.c_str(),
         findings.unusedCount);
 }
 
-/// Writes the arrays to the output, which gets its name only after `requireSame` has read it back.
+/// Writes the output, which gets its name only after `requireSame` has read it back.
 void convert(const std::vector<StoredTensor>& arrays, const Options& options, OutputPlace place,
              const std::function<void(std::ostream&)>& write,
              const std::function<void(const std::string& path)>& requireSame) {
@@ -91,7 +91,7 @@ void convert(const std::vector<StoredTensor>& arrays, const Options& options, Ou
 
 void importWeights(const Options& options) {
   OutputPlace place = placeOf(options);
-  const facezoo::NetworkTable& network = *findNetwork(options.network).table;
+  const NetworkTable& network = tableOf(options);
   TensorNames names;
   if (!options.names.empty()) names = readTensorNames(options.names, network, options.prefix);
   expectSafetensors(options.file);
@@ -109,7 +109,7 @@ void importWeights(const Options& options) {
 
 void exportWeights(const Options& options) {
   OutputPlace place = placeOf(options);
-  const facezoo::NetworkTable& network = *findNetwork(options.network).table;
+  const NetworkTable& network = tableOf(options);
   expectWeightFile(options.file, options.network);
   const WeightDocument source(options.file);
   report(checkWeights(source, network, options.prefix), options, adviceOnPacking(source));
@@ -120,11 +120,11 @@ void exportWeights(const Options& options) {
       [&](const std::string& path) { requireEqual(arrays, TensorFile(path).tensors()); });
 }
 
-/// Writes a JSON object, for `import` to take when it has been checked.
+/// Writes a JSON object of proposed names, which `import` takes when the user has checked it.
 void writeNames(const Options& options) {
   std::optional<OutputPlace> place;
   if (!options.output.empty()) place = placeOf(options);
-  const facezoo::NetworkTable& network = *findNetwork(options.network).table;
+  const NetworkTable& network = tableOf(options);
   std::optional<TensorFile> source;
   if (!options.file.empty()) {
     expectSafetensors(options.file);
