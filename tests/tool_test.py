@@ -101,7 +101,7 @@ class ToolTest(ToolCase):
         head, row = csv.reader(self.call(*named, "csv").splitlines())
         self.assertEqual(([*rows[0]], NET), (head, dict(zip(head, row))["network"]))
         setting, top, below = self.call(*named, "table").splitlines()
-        self.assertRegex(setting, "^facezoo .*, platform host, device .*, threads ")
+        self.assertRegex(setting, "^facezoo .*, platform host, .*, threads .*, device ")
         self.assertEqual([[NET, "2"], len(top)], [below.split()[:2], len(below)])
         self.assertLessEqual({*top.split()}, {*head})
 

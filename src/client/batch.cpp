@@ -45,7 +45,7 @@ void Batch::download() {
             "copy of results from the device");
 }
 
-// The default stream does one thing after the other, and a copy to the host waits for its turn.
+// The default stream works in order, so that a copy to the host returns when all before it is done.
 void Batch::wait() {
   char last = 0;
   checkCall(cudaMemcpy(&last, input_.data(), 1, cudaMemcpyDeviceToHost), "wait for the device");

@@ -13,7 +13,7 @@
 
 namespace facezoo {
 
-/// Runs from its construction on.
+/// Measures the time since its construction.
 class Timer {
  public:
   double milliseconds() const {
@@ -25,16 +25,17 @@ class Timer {
   Clock::time_point start_ = Clock::now();
 };
 
-/// A line of the process's status: "VmRSS", now, or "VmHWM", at most. @throws Failure
+/// The resident memory of the process in KiB, of a field of its status: "VmRSS" for what it is now,
+/// "VmHWM" for its peak. @throws Failure
 long memoryKib(const std::string& field);
-/// From now on "VmHWM" is about what follows, where the system allows that.
+/// Lets the peak "VmHWM" begin anew, if the system allows it.
 void resetPeakMemory();
 
 /// The images and results of one call, in host memory and on the device.
 class Batch {
  public:
   /// @param capacity the most images that it can hold, and holds at first
-  /// @param asksNorm whether the network is asked for the norms, too
+  /// @param asksNorm whether the network is to compute the norms, too
   /// @throws Failure if the device lacks the memory
   Batch(const NetworkTable& table, int capacity, bool asksNorm);
 
@@ -43,24 +44,23 @@ class Batch {
   void resize(int size) { size_ = size; }
 
   std::size_t imageBytes() const { return imageBytes_; }
-  /// Image `i` and what follows: height × width × channels interleaved bytes each.
+  /// Image `i` and those behind it: height × width × channels interleaved bytes each.
   unsigned char* images(int i = 0) { return &images_[i * imageBytes_]; }
   /// The values of image `i`, `valueCount()` of them.
   const float* values(int i) const { return &values_[i * valueCount_]; }
   std::size_t valueCount() const { return valueCount_; }
   float norm(int i) const { return norms_[i]; }
 
-  /// From images in host memory to results in host memory.
   void pass(Network& network) {
     upload();
     forward(network);
     download();
   }
   void upload();
-  /// The results are where the network leaves them; on the device they may still be on their way.
+  /// Leaves the results where the network writes them; on the device they may not be complete yet.
   void forward(Network& network);
   void download();
-  /// Returns when the device has done all that it was given.
+  /// Returns when the device has finished all work.
   void wait();
 
  private:

@@ -16,7 +16,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// As much of a file as tells its kind: the directory of a zip archive is at its end.
+/// The parts of a file that its kind is recognised by. The end is one, as it holds the directory of
+/// a zip archive.
 struct Sample {
   std::string head, tail;
   std::uint64_t size;
@@ -32,7 +33,7 @@ struct Sample {
 
 bool isZip(const Sample& file) { return file.begins("PK\x03\x04"); }
 
-/// A header's length, then a JSON object.
+/// Begins with the length of a header, which is a JSON object.
 bool isSafetensorsFile(const Sample& file) {
   std::uint64_t length = 0;
   if (file.byte(sizeof length) != '{') return false;
@@ -40,8 +41,8 @@ bool isSafetensorsFile(const Sample& file) {
   return length <= file.size - sizeof length;
 }
 
-/// A map from a string to a string or to bytes. Other kinds begin like an empty map or one of
-/// numbers.
+/// Begins with a map whose first key is a string and whose first value is a string or bytes: other
+/// kinds of files may begin like an empty map or a map of numbers.
 bool isWeightFile(const Sample& file) {
   const unsigned char first = file.byte(0);
   std::size_t at = first == 0xDE ? 3 : first == 0xDF ? 5 : 1;
@@ -102,7 +103,7 @@ constexpr const char* kFromOnnx =
     "`facezoo weights import` takes";
 constexpr const char* kUnpack = "what is packed in it may be what is wanted";
 
-/// The first that fits is the file's.
+/// A file is of the first kind that fits.
 constexpr FileKind kinds[] = {
     {isSafetensorsFile, "a safetensors file",
      "`facezoo weights import NET FILE -o weights.msgpack` converts it"},
@@ -124,7 +125,7 @@ constexpr FileKind kinds[] = {
     {[](const Sample& file) { return file.begins("\x89HDF\r\n\x1A\n"); },
      "an HDF5 file, as Keras writes it", kFromArrays}};
 
-/// Null if it is of none of the kinds, or cannot be read.
+/// The kind of a file; null if it is of none, or cannot be read.
 const FileKind* kindOf(const std::string& path) {
   constexpr std::size_t kMost = 1 << 16;
   std::error_code error;

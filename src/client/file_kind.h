@@ -1,5 +1,5 @@
 /// @file
-/// What files are given where weights are expected, and what helps then.
+/// Recognises files of other formats where weights are expected, and says how to convert them.
 #pragma once
 
 #include <string>
@@ -10,16 +10,17 @@ class WeightDocument;
 
 bool isSafetensors(const std::string& path);
 
-/// Passes what may be a weight file, and what cannot be read, of which the reader has more to say.
-/// @param network whose weights they are to be
-/// @throws Failure that says what the file is, if that is something else, and what helps
+/// Refuses a file that is known to be of another kind. A file that cannot be read is left to its
+/// reader, which says why.
+/// @param network the network that the weights are for
+/// @throws Failure that says what the file is and how to convert it
 void expectWeightFile(const std::string& path, const std::string& network = "NET");
 
-/// The same of a safetensors file.
+/// The same where a safetensors file is expected.
 void expectSafetensors(const std::string& path);
 
-/// What to say behind the faults of a document that holds arrays as bytes, not as text; empty for
-/// any other.
+/// A hint to append to the faults of a document that holds arrays as bytes instead of text; empty
+/// for any other document.
 std::string adviceOnPacking(const WeightDocument& document);
 
 }  // namespace facezoo

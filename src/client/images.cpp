@@ -22,8 +22,8 @@ namespace {
 /// No byte of a file can stand for more: deflate makes up to 1032 bytes of one, each of 8 pixels of
 /// one bit. A small file that claims more is refused before it gets the memory.
 constexpr std::size_t kMostPixelsPerByte = std::size_t{8} * 1032;
-/// How often all pixels of the largest picture may be gone over. Photographs have up to 18 scans,
-/// and those with so many take too much memory to be of the largest.
+/// How many scans the largest picture may have. Photographs have up to 18, but those with so many
+/// take more memory for each pixel, and cannot be as large.
 constexpr std::size_t kMostPasses = 16;
 
 Picture makePicture(int width, int height, int channels) {
@@ -32,7 +32,7 @@ Picture makePicture(int width, int height, int channels) {
   return {width, height, channels, bytes, {}, std::move(pixels)};
 }
 
-/// Refuses what a file claims before it takes memory or time.
+/// Refuses the size that a file claims before its pixels take memory or time.
 void requireSize(std::string_view file, std::size_t width, std::size_t height,
                  const PictureLimits& limits) {
   const std::string claim = std::to_string(width) + " x " + std::to_string(height);
@@ -45,7 +45,7 @@ void requireSize(std::string_view file, std::size_t width, std::size_t height,
                   std::to_string(file.size()) + " bytes");
 }
 
-/// Makes pixels of `to` channels out of those of `from`, no fewer, where they are.
+/// Converts all pixels in place, from `from` channels to `to`, which may not be more.
 template <class Convert>
 void convertPixels(Picture& picture, int from, int to, const Convert& convert) {
   const std::size_t pixels = std::size_t(picture.width) * picture.height;
@@ -59,8 +59,7 @@ void makeGrey(const unsigned char* rgb, unsigned char* grey) {
   *grey = static_cast<unsigned char>((77 * rgb[0] + 150 * rgb[1] + 29 * rgb[2]) >> 8);
 }
 
-/// The picture upright, given its orientation tag.
-Picture turn(Picture picture, int tag) {
+Picture turnUpright(Picture picture, int tag) {
   if (tag == 1) return picture;
   const Orientation from(tag);
   const int width = picture.width, height = picture.height, channels = picture.channels;
@@ -78,7 +77,8 @@ Picture turn(Picture picture, int tag) {
   return upright;
 }
 
-/// Room for the pixels of the picture in `file`, once all that decoding takes is set aside.
+/// Allocates the pixels of the picture in `file`, after `memory` has grown to all that decoding
+/// takes.
 /// @param turned whether there will be a copy of `channels` channels, after the decoder's end
 /// @throws MemoryBudget::Busy
 template <class Reader>
@@ -98,7 +98,8 @@ Picture decodePng(std::string_view file, int channels, bool orient, const Pictur
   Picture picture = allocate(file, reader, 3, orient && reader.mayHaveExif(), channels, memory);
   reader.decode(picture.pixels.get());
   if (channels == 1) convertPixels(picture, 3, 1, makeGrey);
-  return orient ? turn(std::move(picture), orientationOf(reader.exif())) : std::move(picture);
+  return orient ? turnUpright(std::move(picture), orientationOf(reader.exif()))
+                : std::move(picture);
 }
 
 Picture decodeJpeg(std::string_view file, int channels, bool orient, const PictureLimits& limits,
@@ -117,10 +118,10 @@ Picture decodeJpeg(std::string_view file, int channels, bool orient, const Pictu
     });
     if (channels == 1) convertPixels(picture, 3, 1, makeGrey);
   }
-  return turn(std::move(picture), tag);
+  return turnUpright(std::move(picture), tag);
 }
 
-/// @throws MemoryBudget::Busy if `memory` has to be larger than it can be made now
+/// @throws MemoryBudget::Busy if `memory` cannot grow to what decoding takes
 Picture readWithin(MemoryBudget::Share memory, const std::string& path, int channels, bool orient,
                    const PictureLimits& limits) {
   const FileBytes bytes = readFile(path);

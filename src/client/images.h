@@ -14,7 +14,7 @@ namespace facezoo {
 struct Picture {
   int width, height, channels;
   std::size_t bytes;           ///< of memory that the pixels take
-  MemoryBudget::Share memory;  ///< that the pixels are part of
+  MemoryBudget::Share memory;  ///< of the budget, for the pixels
   std::unique_ptr<unsigned char[]> pixels;
 };
 
@@ -23,15 +23,15 @@ struct Crop {
   int x, y, width, height;
 };
 
-/// How the pixels of a file are to be understood.
+/// How the pixels of a file become those that a network sees.
 struct PictureReading {
   bool orient = true;      ///< turn the picture as its Exif orientation says
   bool blueFirst = false;  ///< give a network blue, green, red, not red, green, blue
 };
 
 /// Decodes a PNG or JPEG file, turned grey if `channels` is 1.
-/// @param orient whether to turn it as its Exif orientation says; what of that is broken is ignored
-/// @param limits waits until so much of their memory is free
+/// @param orient whether to turn it as its Exif orientation says; broken metadata are ignored
+/// @param limits their memory is waited for until enough of it is free
 /// @throws Failure if the file is not a complete image, or one beyond the limits
 Picture readPicture(const std::string& path, int channels, bool orient, PictureLimits& limits);
 

@@ -14,9 +14,9 @@ namespace {
 constexpr std::size_t kMostScans = 500;
 constexpr std::string_view kExif("Exif\0\0", 6);
 
-/// Whether bytes that libjpeg has skipped in search of a marker were nobody's pixels. Before the
-/// first scan there are none. Where damage makes the decoder lose count of the pixels, some remain
-/// at the end of a scan; what an encoder leaves there by itself is padding.
+/// Whether the bytes that libjpeg skipped in search of a marker held no pixels. Before the first
+/// scan there are no pixels. Where damage makes the decoder lose count of them, some remain at the
+/// end of a scan, where an encoder leaves nothing but padding of equal bytes.
 bool skippedNoPixels(const jpeg_decompress_struct& state) {
   constexpr int kFirstRestart = 0xD0, kLastRestart = 0xD7;
   const int count = state.err->msg_parm.i[0], marker = state.err->msg_parm.i[1];
@@ -70,7 +70,8 @@ void JpegReader::limitScans(j_common_ptr state) {
   std::longjmp(reader->failed_, 1);
 }
 
-/// Takes note of a segment where it stands: libjpeg would copy each, and there may be many.
+/// Takes the Exif segment from where it stands in the file: libjpeg would copy every segment, and
+/// there may be many.
 boolean JpegReader::findExif(j_decompress_ptr state) {
   auto* reader = static_cast<JpegReader*>(state->client_data);
   jpeg_source_mgr& source = *state->src;

@@ -11,13 +11,13 @@
 
 namespace facezoo {
 
-/// Decodes a JPEG file, and refuses it where that would take guesses at pixels: libjpeg alone fills
-/// up with grey what it cannot read. What harms no pixel is let pass.
+/// Decodes a JPEG file, and refuses one of which pixels are missing, which libjpeg by itself makes
+/// grey. Faults that harm no pixel are ignored.
 class JpegReader {
  public:
   /// Reads what stands before the first scan.
   /// @param file has to outlive the reader
-  /// @param mostWork of how many pixels the scans may be, together
+  /// @param mostWork how many pixels all scans together may go over
   /// @throws Failure
   JpegReader(std::string_view file, std::size_t mostWork);
   JpegReader(const JpegReader&) = delete;
@@ -30,15 +30,15 @@ class JpegReader {
   bool hasInks() const;
   /// The Exif segment from its identifier on; empty if there is none.
   std::string_view exif() const { return exif_; }
-  /// How many bytes the decoder takes beside the pixels.
+  /// How many bytes the decoder allocates beside the pixels.
   std::size_t workingMemory();
 
   /// Decodes to width × height interleaved pixels of `space`. To be called once. @throws Failure
   void decode(J_COLOR_SPACE space, unsigned char* pixels);
 
  private:
-  /// Makes calls of libjpeg. It ends one that fails with a jump, which no destructor may be in the
-  /// way of. @throws Failure
+  /// Makes calls of libjpeg, which leaves a call that fails by longjmp: between it and here there
+  /// may be no object with a destructor. @throws Failure
   template <class Calls>
   void attempt(const Calls& calls);
   [[noreturn]] static void fail(j_common_ptr state);

@@ -1,5 +1,5 @@
 /// @file
-/// The networks by class name.
+/// All networks, by the names of their classes.
 #pragma once
 
 #include "facezoo/network.h"

@@ -5,12 +5,12 @@
 
 namespace facezoo {
 
-/// How a picture is to be turned to be upright: the value of the orientation tag, 1 to 8.
+/// The value of the orientation tag, 1 to 8, which says how to turn a picture upright.
 /// @param exif an Exif segment from its identifier on
 /// @return 1, which is upright, if the segment is broken or does not say
 int orientationOf(std::string_view exif);
 
-/// Where the pixels of an upright picture stand in the one that was stored.
+/// Where a picture, as it was stored, holds the pixels of the upright one.
 struct Orientation {
   explicit Orientation(int tag)
       : transposed(tag >= 5),

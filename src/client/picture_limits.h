@@ -16,12 +16,13 @@ class MemoryBudget {
 
   std::size_t total() const { return total_; }
 
-  /// Who wants so much has to give back what it holds, and to reserve the whole.
+  /// Thrown where a share cannot grow: its holder has to give it back and to reserve `needed` bytes
+  /// at once.
   struct Busy {
     std::size_t needed;
   };
 
-  /// Part of the budget, given back at its end.
+  /// Part of the budget, which its destructor gives back.
   class Share {
    public:
     Share() = default;
@@ -29,8 +30,8 @@ class MemoryBudget {
     Share& operator=(Share&& other) noexcept;
     ~Share();
 
-    /// Makes the share as large as `bytes`, without waiting: all who hold a share could wait for
-    /// each other.
+    /// Enlarges the share to `bytes`. It does not wait, since holders of shares could wait for each
+    /// other forever.
     /// @throws Busy if so much is not free now
     void grow(std::size_t bytes);
 
@@ -45,7 +46,7 @@ class MemoryBudget {
   /// Waits until so much is free. @throws Failure about `path` if it never will be
   Share reserve(const std::string& path, std::size_t bytes);
 
-  /// Does not wait: there is no share if so much is not free now.
+  /// Does not wait: no value if so much is not free now.
   std::optional<Share> tryReserve(std::size_t bytes);
 
  private:
@@ -55,17 +56,17 @@ class MemoryBudget {
   std::condition_variable changed_;
 };
 
-/// What the pictures of a run may take, on all of its threads together.
+/// What the pictures of a run may take, on all its threads together.
 struct PictureLimits {
-  /// No camera's picture has more: the largest are of 200 million, of telephones.
+  /// As many as the largest pictures of cameras have, which are those of telephones.
   static constexpr int kDefaultPixels = 200'000'000;
-  /// So that lengths of rows in bytes are an `int`, as resampling needs them.
+  /// Up to here the length of a row in bytes is an `int`, as resampling needs it.
   static constexpr int kLargestPixels = 1 << 29;
   /// Decoding takes 1 to 4 bytes for the samples of a pixel, as much again where the picture is
   /// turned, and of a JPEG file with several scans the coefficients: 2 to 8 bytes. Of a photograph
   /// with its colours at half the resolution, all of it is 6.
   static constexpr std::size_t kBytesPerPixel = 8;
-  /// For what does not grow with the pixels, such as files.
+  /// The budget's minimum: files, for example, do not shrink with the pixels.
   static constexpr std::size_t kLeastBytes = std::size_t{64} << 20;
 
   /// @param mostPixels of a picture

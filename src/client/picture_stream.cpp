@@ -19,7 +19,7 @@ PictureStream::PictureStream(const std::vector<std::string>& paths, const InputG
   try {
     for (int i = 0; i < threads; ++i) workers_.emplace_back([this] { work(); });
   } catch (const std::exception&) {
-    return;  // those that there are take longer
+    return;  // the threads that could be started do all the work
   }
 }
 
@@ -68,7 +68,7 @@ PictureStream::Decoded PictureStream::decode(const std::string& path) const noex
     decoded.pixels.resize(std::size_t(geometry_.channels) * geometry_.width * geometry_.height);
     Picture whole = loadImage(path, geometry_, reading_, limits_, decoded.pixels.data());
     if (!keepsWhole_) return decoded;
-    // Whoever draws into it also writes it.
+    // It is kept to be drawn into and written.
     if (auto kept = limits_.kept.tryReserve(whole.bytes + pngWritingMemory(whole))) {
       whole.memory = std::move(*kept);
       decoded.whole = std::move(whole);

@@ -15,8 +15,8 @@
 
 namespace facezoo {
 
-/// Pictures fitted to a network, decoded on threads of its own ahead of whoever takes them. What no
-/// thread can be had for is decoded when it is taken.
+/// Pictures fitted to a network, decoded ahead on threads of its own. If no thread can be started,
+/// `take` decodes.
 class PictureStream {
  public:
   struct Decoded {
@@ -25,9 +25,9 @@ class PictureStream {
     std::exception_ptr fault;      ///< why there are no pixels; null if there are
   };
 
-  /// @param limits what decoding may take on all threads, and elsewhere, together
+  /// @param limits what all decoding may take, on these threads and elsewhere
   /// @param ahead how many pictures may wait to be taken; bounds the memory
-  /// @param keepsWhole whether to hand out the whole pictures, too
+  /// @param keepsWhole whether to hand out the whole pictures as well
   PictureStream(const std::vector<std::string>& paths, const InputGeometry& geometry,
                 const PictureReading& reading, PictureLimits& limits, int threads,
                 std::size_t ahead, bool keepsWhole);
@@ -57,7 +57,7 @@ class PictureStream {
   std::condition_variable changed_;
   std::size_t claimed_ = 0, taken_ = 0;
   bool stopped_ = false;
-  std::vector<Slot> ready_;  ///< in turn, so that handing over takes no memory
+  std::vector<Slot> ready_;  ///< a ring, so that handing over allocates nothing
   std::vector<std::thread> workers_;
 };
 

@@ -25,8 +25,8 @@ std::size_t lengthOf(std::string_view chunk) {
   return length;
 }
 
-/// Whether the decoder has to see a chunk. A type that begins with a capital letter is one that no
-/// decoder may pass over.
+/// Whether the decoder has to see a chunk. A capital first letter of its type means that no decoder
+/// may ignore it.
 bool isNeeded(std::string_view chunk) {
   const std::string_view type = chunk.substr(4, 4);
   return (type[0] & 0x20) == 0 || (type == "eXIf" && lengthOf(chunk) <= kMostExif);

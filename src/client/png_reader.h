@@ -25,7 +25,7 @@ class PngReader {
 
   std::size_t width() const { return header_.width; }
   std::size_t height() const { return header_.height; }
-  /// How many bytes the decoder takes beside the pixels.
+  /// How many bytes the decoder allocates beside the pixels.
   std::size_t workingMemory() const;
   /// False if the picture certainly has no Exif metadata.
   bool mayHaveExif() const;
@@ -37,7 +37,7 @@ class PngReader {
   std::string exif();
 
  private:
-  /// The file without the chunks that nobody needs.
+  /// Reads the file, but for the chunks that are not needed.
   class Chunks {
    public:
     explicit Chunks(std::string_view file);
@@ -46,7 +46,7 @@ class PngReader {
 
    private:
     std::string_view left_;
-    std::size_t wanted_;  ///< how many bytes of what is left come before the next chunk
+    std::size_t wanted_;  ///< bytes left of the chunk that is being read
   };
 
   std::string_view file_;

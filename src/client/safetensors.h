@@ -14,12 +14,12 @@
 
 namespace facezoo {
 
-/// One tensor of a file; the library's own live on the device.
+/// A tensor in a file, unlike the library's `Tensor`, which is device memory.
 struct StoredTensor {
   std::string name;
   std::string type;  ///< as the format names it: F32, BF16, I64, ...
   std::vector<std::size_t> shape;
-  std::string_view data;  ///< owned by whoever has the file's bytes; as long as type and shape ask
+  std::string_view data;  ///< part of the file's bytes; its size fits type and shape
 
   std::size_t elements() const;
 };
@@ -50,8 +50,8 @@ void writeSafetensors(const std::vector<StoredTensor>& tensors, const std::strin
 /// Whether `readFloats` knows the type: F32, F16, BF16.
 bool holdsFloats(const StoredTensor& tensor);
 
-/// Hands the values over as 32-bit floats, which represent all of them exactly, piece by piece: no
-/// tensor is ever widened as a whole.
+/// Gives the values to `take` as 32-bit floats, which represent all of them exactly: piece by
+/// piece, so that no tensor is widened as a whole.
 void readFloats(const StoredTensor& tensor,
                 const std::function<void(std::string_view floats)>& take);
 

@@ -23,7 +23,7 @@ class Builder : public nlohmann::json_sax<json> {
   bool number_unsigned(number_unsigned_t value) override { return add(value); }
   bool number_float(number_float_t value, const string_t& /*text*/) override { return add(value); }
   bool string(string_t& value) override { return add(std::move(value)); }
-  bool binary(binary_t& /*value*/) override { return false; }  // not in a text
+  bool binary(binary_t& /*value*/) override { return false; }  // text has none
   bool start_object(std::size_t /*size*/) override { return open(json::object()); }
   bool end_object() override { return close(); }
   bool start_array(std::size_t /*size*/) override { return open(json::array()); }

@@ -8,9 +8,9 @@
 
 namespace facezoo {
 
-/// The document that `text` holds. What the parser alone would take, though readers disagree about
-/// it or it costs more than the text is worth, is refused: a name that comes twice in an object, a
-/// NUL, nesting deeper than `deepest` levels.
+/// The document that `text` holds. Refuses what the parser by itself would accept, but other
+/// readers understand differently or at great cost: a name twice in an object, a NUL, more than
+/// `deepest` levels of nesting.
 /// @throws Failure that does not name the text
 nlohmann::json parseStrictJson(std::string_view text, std::size_t deepest);
 

@@ -9,8 +9,9 @@
 
 namespace facezoo {
 
-/// Writes a weight file of seeded random values that keep activations in range from layer to layer
-/// and probabilities off 0 and 1. The same seed gives the same bytes on every machine.
+/// Writes a weight file of seeded random values. They are scaled so that activations neither vanish
+/// nor overflow from layer to layer and probabilities stay away from 0 and 1. The same seed gives
+/// the same bytes on every machine.
 void writeRandomWeights(const NetworkTable& network, const std::string& prefix, std::uint64_t seed,
                         std::ostream& out);
 

@@ -1,13 +1,13 @@
 /// @file
-/// The incomplete files of the process, by their names.
+/// The names of the process's incomplete files.
 #pragma once
 
 #include <string>
 
 namespace facezoo {
 
-/// Keeps the name of a file to be removed at an end, until the first character of what is returned
-/// is set to 0. @throws Failure
+/// Notes a file that is to be removed if the process ends now. Setting the first character of the
+/// returned name to 0 takes it back. @throws Failure
 char* noteTemporary(const std::string& name);
 
 /// Removes those files. Takes no memory and no lock, so that a handler of signals may call it.

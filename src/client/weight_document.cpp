@@ -17,10 +17,11 @@ namespace facezoo {
 
 namespace {
 
+constexpr std::size_t kMostJoined = 5;
 constexpr const char* kTypeNames[] = {"nil", "bool",  "int", "int", "float", "str",
                                       "bin", "array", "map", "ext", "float"};
 
-/// What stands for a key that is no string.
+/// The text that stands for a key that is no string.
 std::string_view standIn(msgpack::type::object_type type) {
   static const auto texts = [] {
     std::array<std::string, std::size(kTypeNames)> made;
@@ -73,6 +74,15 @@ std::string describeNotFinite(std::size_t notFinite, std::size_t elements) {
   if (notFinite == 0) return {};
   return "expected finite values, found " + std::to_string(notFinite) + " of " +
          std::to_string(elements) + " NaN or infinite";
+}
+
+std::string joinFaults(const std::vector<std::string>& faults) {
+  std::string line;
+  for (std::size_t i = 0; i < std::min(kMostJoined, faults.size()); ++i)
+    line += (i == 0 ? "" : "; ") + faults[i];
+  if (faults.size() > kMostJoined)
+    line += "; and " + std::to_string(faults.size() - kMostJoined) + " more";
+  return line;
 }
 
 WeightDocument::WeightDocument(const std::string& path) {
@@ -174,13 +184,9 @@ void requireWeights(const WeightDocument& document, const std::string& path,
                     const NetworkTable& network, const std::string& prefix) {
   const WeightFindings findings = checkWeights(document, network, prefix);
   if (findings.faults.empty()) return;
-  constexpr std::size_t kMost = 5;
-  const std::size_t named = std::min(kMost, findings.faults.size());
-  std::string line = path;
-  for (std::size_t i = 0; i < named; ++i) line += (i == 0 ? ": " : "; ") + findings.faults[i];
-  if (const std::size_t more = findings.faults.size() - named; more > 0)
-    line += "; and " + std::to_string(more) + " more, which weights check lists";
-  throw Failure(line + adviceOnPacking(document));
+  const bool hasMore = findings.faults.size() > kMostJoined;
+  throw Failure(path + ": " + joinFaults(findings.faults) +
+                (hasMore ? ", which weights check lists" : "") + adviceOnPacking(document));
 }
 
 }  // namespace facezoo

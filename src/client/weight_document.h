@@ -17,18 +17,18 @@ namespace facezoo {
 
 /// One entry of a weight file.
 struct WeightArray {
-  std::string_view name;     ///< printable stand-in if the key is not a string
-  bool named;                ///< the key is a string
+  std::string_view name;     ///< of a key that is no string, a text that says so
+  bool named;                ///< whether the key is a string
   const char* type;          ///< the MessagePack type of the value; networks take "str" only
   std::string_view payload;  ///< of a str or bin; empty for other types
 
   bool loadable() const { return std::string_view(type) == "str"; }
 };
 
-/// What can be said of the floats of a payload.
+/// Statistics of the floats of a payload.
 struct FloatSummary {
   std::size_t count = 0;
-  std::size_t notFinite = 0;  ///< the rest is about the others
+  std::size_t notFinite = 0;  ///< not counted in what follows
   float min = 0, max = 0;
   double mean = 0;
 };
@@ -40,12 +40,16 @@ std::string describeShape(const std::vector<std::size_t>& shape);
 /// What is wrong with an array of which `notFinite` elements are NaN or infinite; empty if none is.
 std::string describeNotFinite(std::size_t notFinite, std::size_t elements);
 
+/// The first of the faults, in one line.
+std::string joinFaults(const std::vector<std::string>& faults);
+
 /// A weight file, parsed without a device.
 class WeightDocument {
  public:
   /// @throws Failure if the file does not hold a MessagePack map
   explicit WeightDocument(const std::string& path);
-  /// What was parsed by somebody else from `path`, who keeps it. @throws Failure likewise
+  /// Takes a document that was parsed from `path` elsewhere and outlives this. @throws Failure
+  /// likewise
   WeightDocument(const msgpack::v1::object& root, const std::string& path);
 
   std::size_t size() const { return root_.via.map.size; }
@@ -67,7 +71,7 @@ std::vector<std::optional<WeightArray>> arraysOf(
 class WeightWriter {
  public:
   WeightWriter(std::ostream& out, std::size_t arrays);
-  /// Its floats are what `append` is given until the next array starts.
+  /// Begins an array, whose floats are given to `append`.
   void startArray(const std::string& name, std::size_t elements);
   void append(std::string_view floats);
 

@@ -29,7 +29,7 @@ std::vector<Shape> acceptedShapes(const LayerRow& layer, WeightRole role) {
   return shapes;
 }
 
-/// Empty if there is none.
+/// What is wrong with the tensor as this weight; empty if nothing is.
 std::string describeFault(const StoredTensor& tensor, std::size_t elements, const LayerRow& layer,
                           WeightRole role) {
   if (!holdsFloats(tensor)) return "expected F32, F16 or BF16, found " + tensor.type;
@@ -44,7 +44,7 @@ std::string describeFault(const StoredTensor& tensor, std::size_t elements, cons
   return describeNotFinite(notFinite, elements);
 }
 
-/// Empty if there is none.
+/// What is wrong with an entry of the map of names; empty if nothing is.
 std::string describeFault(const std::string& weight, bool known, const nlohmann::json& tensor) {
   if (!known) return "expected names of the network's weights, found " + weight;
   if (!tensor.is_string() && !tensor.is_null())
@@ -104,20 +104,17 @@ TensorNames readTensorNames(const std::string& path, const NetworkTable& network
   std::unordered_set<std::string> weights;
   forEachWeight(network.layers, prefix,
                 [&](const std::string& name, auto&&...) { weights.insert(name); });
-  constexpr std::size_t kMost = 5;
   TensorNames names;
-  std::string faults;
-  std::size_t count = 0;
+  std::vector<std::string> faults;
   for (const auto& [weight, tensor] : document.items()) {
     const std::string fault = describeFault(weight, weights.count(weight) > 0, tensor);
     if (fault.empty()) {
       names[weight] = tensor.is_null() ? std::nullopt : std::optional<std::string>(tensor);
-    } else if (++count <= kMost) {
-      faults += (faults.empty() ? "" : "; ") + fault;
+    } else {
+      faults.push_back(fault);
     }
   }
-  if (count > kMost) faults += "; and " + std::to_string(count - kMost) + " more";
-  if (!faults.empty()) throw Failure(path + ": " + faults);
+  if (!faults.empty()) throw Failure(path + ": " + joinFaults(faults));
   return names;
 }
 

@@ -1,5 +1,5 @@
 /// @file
-/// Weights in exchange with the files of other frameworks.
+/// Exchange of weights with files of other frameworks.
 #pragma once
 
 #include "client/safetensors.h"
@@ -12,16 +12,17 @@
 
 namespace facezoo {
 
-/// Of the values, in pieces. @pre `holdsFloats`
+/// Statistics of the values, widened piece by piece. @pre `holdsFloats`
 FloatSummary summarize(const StoredTensor& tensor);
 
 /// Whether the tensor has the elements of the weight in the same order.
 bool fits(const StoredTensor& tensor, const LayerRow& layer, WeightRole role);
 
-/// Name of a weight to the name of its tensor, where they differ; none if that is yet to be named.
+/// Maps the name of a weight to that of its tensor, where they differ; no value if it is yet to be
+/// named.
 using TensorNames = std::unordered_map<std::string, std::optional<std::string>>;
 
-/// Reads a JSON object of them.
+/// Reads such a map from a JSON object.
 /// @throws Failure if it is not, or names a weight that the network does not have
 TensorNames readTensorNames(const std::string& path, const NetworkTable& network,
                             const std::string& prefix);
@@ -34,7 +35,7 @@ struct TensorSelection {
 TensorSelection selectTensors(const std::vector<StoredTensor>& tensors, const NetworkTable& network,
                               const std::string& prefix, const TensorNames& names);
 
-/// The network's arrays, those that the document has, in order of creation.
+/// The arrays of the network that the document has, in order of creation.
 std::vector<StoredTensor> tensorsOf(const WeightDocument& document, const NetworkTable& network,
                                     const std::string& prefix);
 

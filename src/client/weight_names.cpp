@@ -19,12 +19,12 @@ struct Weight {
   WeightRole role;
 };
 
-/// Indices of weights that belong together.
+/// The weights of one layer, by index.
 using Layer = std::vector<std::size_t>;
 
 struct Part {
   const StoredTensor* tensor;
-  std::optional<WeightRole> role;  ///< none if the name tells none: it may be any
+  std::optional<WeightRole> role;  ///< no value if the name does not tell
 };
 struct Module {
   std::string_view name;
@@ -41,7 +41,7 @@ std::string_view takeNumber(std::string_view& text) {
   return number;
 }
 
-/// Numbers in names count as such.
+/// Whether `a` is before `b` if numbers in names are compared as numbers.
 bool comesBefore(std::string_view a, std::string_view b) {
   while (!a.empty() && !b.empty()) {
     if (isDigit(a.front()) && isDigit(b.front())) {
@@ -74,7 +74,7 @@ std::vector<const StoredTensor*> inOrder(const std::vector<StoredTensor>& tensor
   return ordered;
 }
 
-/// The modules whose tensors' names tell roles.
+/// The modules, made of the tensors whose names tell a role.
 std::vector<Module> modulesOf(const std::vector<const StoredTensor*>& tensors) {
   struct Known {
     WeightRole role;
@@ -114,7 +114,7 @@ std::vector<Module> modulesOf(const std::vector<const StoredTensor*>& tensors) {
   return modules;
 }
 
-/// A name of which only letters and digits are compared.
+/// A name for comparisons of its letters and digits only.
 std::string plain(std::string_view name) {
   std::string text(name);
   std::replace_if(
@@ -192,7 +192,7 @@ class Matcher {
     return layers;
   }
 
-  /// Each as a module of its own.
+  /// The tensors that are not matched yet, each as a module of its own.
   std::vector<Module> leftOver() const {
     std::unordered_map<const StoredTensor*, std::optional<WeightRole>> roles;
     for (const Module& module : modules_)
@@ -203,7 +203,7 @@ class Matcher {
     return single;
   }
 
-  /// What equal layers have in common.
+  /// A text that is the same for layers of equal shapes and, if asked for, roles.
   std::string describe(const Layer& layer, bool withRoles) const {
     std::string text;
     for (const std::size_t weight : layer) {

@@ -1,5 +1,5 @@
 /// @file
-/// Which tensors of another framework's file a network's weights may be.
+/// Proposes which tensors of another framework's file are a network's weights.
 #pragma once
 
 #include "client/safetensors.h"
@@ -13,18 +13,19 @@
 
 namespace facezoo {
 
-/// A proposal: what two layers of equal shapes are for, a file does not say.
+/// A proposal, as a file does not say which of two layers of equal shapes is which.
 struct ProposedNames {
   /// Every weight of the network, in order of creation, and its tensor.
   std::vector<std::pair<std::string, std::optional<std::string>>> names;
   std::size_t byName = 0;   ///< the tensor, or its module, is called like the weight
-  std::size_t byShape = 0;  ///< no other is like it
+  std::size_t byShape = 0;  ///< no other tensor has its shape
   std::size_t byOrder = 0;  ///< the n-th of equal modules for the n-th of equal layers
 };
 
-/// Takes tensors by names, then whole modules by what they hold, in the roles that their names tell
-/// (weight, running_mean, ...), then what is left by shape. Equals come in the order of the file;
-/// if that is the order of names, numbers in these count as such: features.2 before features.10.
+/// Matches tensors by name first, then whole modules by the shapes and roles of their tensors, as
+/// their names tell them (weight, running_mean, ...), then what is left by shape. Equal ones are
+/// matched in the order of the file; if that is sorted by name, in the order of the numbers in the
+/// names: features.2 before features.10.
 ProposedNames proposeNames(const std::vector<StoredTensor>& tensors, const NetworkTable& network,
                            const std::string& prefix);
 

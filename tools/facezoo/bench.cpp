@@ -137,18 +137,6 @@ void addFigures(Json& row, const Figures& figures) {
   row["passes"] = figures.latencies.size();
 }
 
-/// The fields that all rows repeat: what was measured, and on what.
-Json setting(const Device& device) {
-  Json common = {{"facezoo", FACEZOO_VERSION_TEXT},
-                 {"platform", FACEZOO_PLATFORM},
-                 {"device", device.properties.name}};
-  if (const auto cpu = cpuPlatform()) {
-    common["instructions"] = cpu->instructions;
-    common["threads"] = cpu->threads;
-  }
-  return common;
-}
-
 void printSetting(const Json& common) {
   std::string line;
   for (const auto& [name, value] : common.items()) {
@@ -196,7 +184,8 @@ void bench(Options options) {
                    *findNetwork(options.networks[0]).table, options.prefix);
   }
   const std::vector<Device> devices = listDevices();
-  const Json common = setting(devices[chosenDevice(devices)]);
+  Json common = describeBuild();  // which all rows repeat
+  common["device"] = devices[chosenDevice(devices)].properties.name;
   const GPU gpu;
   if (options.format == "table") printSetting(common);
   Rows rows(options.format, {{"network", 24},

@@ -16,3 +16,13 @@ std::optional<CpuPlatform> cpuPlatform() {
 std::optional<CpuPlatform> cpuPlatform() { return std::nullopt; }
 
 #endif
+
+nlohmann::ordered_json describeBuild() {
+  nlohmann::ordered_json build = {{"facezoo", FACEZOO_VERSION_TEXT},
+                                  {"platform", FACEZOO_PLATFORM}};
+  if (const auto cpu = cpuPlatform()) {
+    build["instructions"] = cpu->instructions;
+    build["threads"] = cpu->threads;
+  }
+  return build;
+}

@@ -1,6 +1,8 @@
 /// @file
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include <optional>
 
 /// What the CPU platform computes with.
@@ -11,3 +13,6 @@ struct CpuPlatform {
 
 /// No value in a build for GPUs.
 std::optional<CpuPlatform> cpuPlatform();
+
+/// The version of the tool and its platform, with what the CPU platform computes with.
+nlohmann::ordered_json describeBuild();

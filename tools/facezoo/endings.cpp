@@ -80,25 +80,17 @@ extern "C" void endBySignal(int signal) {
   dieOf(signal);
 }
 
-bool isOutOfMemory() {
-  if (std::current_exception() == nullptr) return false;
-  try {
-    throw;
-  } catch (const std::bad_alloc&) {
-    return true;
-  } catch (...) {
-    return false;
-  }
-}
-
 /// Also called where memory is short: destructors of JSON values allocate and let no exception
 /// pass.
 [[noreturn]] void endByException() {
-  if (isOutOfMemory()) {
+  try {
+    if (std::current_exception() != nullptr) throw;
+  } catch (const std::bad_alloc&) {
     removeAndSay("out of memory");
     _exit(EXIT_FAILURE);
+  } catch (...) {
+    removeAndSay("ended by a fault of its own: nothing caught an exception");
   }
-  removeAndSay("ended by a fault of its own: nothing caught an exception");
   dieOf(SIGABRT);
   std::abort();
 }

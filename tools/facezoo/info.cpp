@@ -108,13 +108,13 @@ Json networks() {
     const NetworkTable& table = *known.table;
     std::string results;
     for (const OutputGroup& group : table.outputs)
-      results += std::string(group.name) + " (" + std::to_string(group.count) + ") ";
-    results += table.hasNorm ? "norm (1)" : "";
+      results += " " + std::string(group.name) + " (" + std::to_string(group.count) + ")";
+    if (table.hasNorm) results += " norm (1)";
     rows.push_back({{"network", table.name},
                     {"channels", table.channels},
                     {"width", table.width},
                     {"height", table.height},
-                    {"results", results.substr(0, results.find_last_not_of(' ') + 1)}});
+                    {"results", results.substr(1)}});
   }
   return rows;
 }
@@ -183,11 +183,7 @@ void info(const std::string& format) {
   } catch (const Failure& noDevice) {
     failure = noDevice;
   }
-  Json all = {{"facezoo", FACEZOO_VERSION_TEXT}, {"platform", FACEZOO_PLATFORM}};
-  if (const auto cpu = cpuPlatform()) {
-    all["instructions"] = cpu->instructions;
-    all["threads"] = cpu->threads;
-  }
+  Json all = describeBuild();
   all["libraries"] = libraries();
   all["devices"] = describeDevices(devices);
   all["networks"] = networks();

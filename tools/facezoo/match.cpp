@@ -22,10 +22,6 @@ namespace {
 
 using Matrix = Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
 
-std::string nameOf(const std::vector<std::string>& names, std::size_t row) {
-  return names.empty() ? "" : names[row];
-}
-
 /// Finds the rows of a gallery with the largest cosine similarity to a query, by a comparison with
 /// every row.
 class Search {
@@ -87,7 +83,7 @@ class Search {
         rows_.print({{"image", waiting_[query]},
                      {"rank", i + 1},
                      {"row", best[i]},
-                     {"match", nameOf(names_, best[i])},
+                     {"match", names_.empty() ? "" : names_[best[i]]},
                      {"cosine", cosine[best[i]]}});
       }
     }
@@ -172,11 +168,7 @@ void addMatch(CLI::App& tool) {
       ->transform(wholeNumber(1, std::numeric_limits<int>::max()))
       ->type_name("K")
       ->capture_default_str();
-  command->add_option("--format", options->format, "How to print the results; default table")
-      ->check(CLI::IsMember(rowFormats))
-      ->type_name("F");
-  addOutputOption(*command, *options);
-  addForceOption(*command, options->force);
+  addOutputOptions(*command, *options, "Options");
   command->footer(
       "Each query is compared with every row of the gallery; the rows with the largest cosine\n"
       "similarity are printed, the best first. Rows get their names from the file that run\n"

@@ -63,13 +63,13 @@ NpyRows::NpyRows(const std::string& path) : bytes_(readFile(path)) {
   }
   rows_ = std::stoull(found[3].str().empty() ? "0" : found[3].str());
   columns_ = std::stoull(found[4]);
-  const std::size_t values = (file.size() - start) / sizeof(float);
-  if (columns_ == 0 || rows_ == 0 || (file.size() - start) % sizeof(float) != 0 ||
-      values % columns_ != 0 || values / columns_ != rows_) {
+  const std::size_t bytes = file.size() - start, values = bytes / sizeof(float);
+  if (columns_ == 0 || rows_ == 0 || bytes % sizeof(float) != 0 || values % columns_ != 0 ||
+      values / columns_ != rows_) {
     throw Failure(path + ": expected " + found[3].str() + " x " + found[4].str() +
-                  " values, one at least, found " + std::to_string(file.size() - start) + " bytes");
+                  " values, one at least, found " + std::to_string(bytes) + " bytes");
   }
-  std::memmove(bytes_.data.get(), file.data() + start, file.size() - start);
+  std::memmove(bytes_.data.get(), file.data() + start, bytes);
 }
 
 std::vector<std::string> readNames(const std::string& path, std::size_t rows) {

@@ -50,7 +50,6 @@ std::string readStandardInput() {
   throwSystemFailure("standard input: cannot be read");
 }
 
-/// The search of one directory and all that is below it.
 class DirectorySearch {
  public:
   DirectorySearch(std::string directory, FoundPictures& found)

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-/// What `findPictures` has found.
 struct FoundPictures {
   std::vector<std::string> paths;
   /// For pictures that a directory was searched for, the path within it: "below/a.jpg" for

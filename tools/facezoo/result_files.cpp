@@ -31,8 +31,6 @@ class WholeFiles : public ResultFiles {
       files_.push_back(std::make_unique<NewFile>(outputs.claim(path, replaces)));
   }
   std::ostream& stream(std::size_t file) override { return files_[file]->stream(); }
-  bool continues() const override { return false; }
-  const std::vector<std::string>& earlier() const override { return none_; }
   void add(const std::vector<std::string>& /*pictures*/) override {}
   void replaceStart(std::size_t file, const std::string& bytes) override {
     stream(file).seekp(0).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -44,7 +42,6 @@ class WholeFiles : public ResultFiles {
 
  private:
   std::vector<std::unique_ptr<NewFile>> files_;
-  const std::vector<std::string> none_;
 };
 
 /// A file that stands under its name while it grows. All that is written is on the disk when the
@@ -134,8 +131,6 @@ class ResumableFiles : public ResultFiles {
   }
 
   std::ostream& stream(std::size_t file) override { return streams_[file]; }
-  bool continues() const override { return continues_; }
-  const std::vector<std::string>& earlier() const override { return earlier_; }
 
   void add(const std::vector<std::string>& pictures) override {
     if (isFinished_) reopen();
@@ -318,14 +313,14 @@ class ResumableFiles : public ResultFiles {
     journal_->cut(last_.journalEnd);
   }
 
-  std::vector<std::string> paths_, earlier_;
+  std::vector<std::string> paths_;
   std::unique_ptr<GrowingFile> journal_;
   std::vector<std::unique_ptr<GrowingFile>> files_;  ///< none while the run is finished
   std::vector<std::ostringstream> streams_;
   std::string lines_;     ///< of the journal, to be written
   Checkpoint last_ = {};  ///< of an earlier run
   Timer sinceWritten_;
-  bool hasRows_ = false, continues_ = false;
+  bool hasRows_ = false;
   bool isFinished_ = false;  ///< an earlier run has finished, and nothing was added since
 };
 

@@ -21,15 +21,19 @@ class ResultFiles {
   /// Where to append to a file, by its place among the paths.
   virtual std::ostream& stream(std::size_t file) = 0;
   /// Whether an earlier run began them.
-  virtual bool continues() const = 0;
+  bool continues() const { return continues_; }
   /// The pictures whose results the files hold from an earlier run.
-  virtual const std::vector<std::string>& earlier() const = 0;
+  const std::vector<std::string>& earlier() const { return earlier_; }
   /// The results of these pictures have been given to the streams. @throws Failure
   virtual void add(const std::vector<std::string>& pictures) = 0;
   /// Overwrites the first bytes of a file, after which nothing is added. @throws Failure
   virtual void replaceStart(std::size_t file, const std::string& bytes) = 0;
   /// Gives all files their names, in the order of the paths. @throws Failure
   virtual void keep() = 0;
+
+ protected:
+  bool continues_ = false;
+  std::vector<std::string> earlier_;
 };
 
 /// Files that are lost if the run is stopped.

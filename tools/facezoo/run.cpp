@@ -292,10 +292,15 @@ void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequi
       ->group(inputs);
 }
 
-CLI::Option* addOutputOption(CLI::App& command, RunOptions& options) {
-  return command
-      .add_option("-o,--output", options.output, "Print to a file instead of standard output")
-      ->type_name("FILE");
+void addOutputOptions(CLI::App& command, RunOptions& options, const std::string& group) {
+  command.add_option("--format", options.format, "How to print the results; default table")
+      ->check(CLI::IsMember(rowFormats))
+      ->type_name("F")
+      ->group(group);
+  command.add_option("-o,--output", options.output, "Print to a file instead of standard output")
+      ->type_name("FILE")
+      ->group(group);
+  addForceOption(command, options.force)->group(group);
 }
 
 void addRun(CLI::App& tool) {
@@ -304,10 +309,7 @@ void addRun(CLI::App& tool) {
   const auto outputs = "Results";
   addNetworkArgument(*command, options->network);
   addPictureOptions(*command, *options, true);
-  command->add_option("--format", options->format, "How to print the results; default table")
-      ->check(CLI::IsMember(rowFormats))
-      ->type_name("F")
-      ->group(outputs);
+  addOutputOptions(*command, *options, outputs);
   command->add_flag("--norm", options->norm, "Also print the L2 norm that the network computes")
       ->group(outputs);
   command
@@ -315,8 +317,6 @@ void addRun(CLI::App& tool) {
                    "Write the results to a NumPy array, one row per picture")
       ->type_name("FILE.npy")
       ->group(outputs);
-  addOutputOption(*command, *options)->group(outputs);
-  addForceOption(*command, options->force)->group(outputs);
   command
       ->add_flag("--resume", options->resume,
                  "Continue a stopped run: keep its rows, add the missing ones")

@@ -8,7 +8,8 @@
 
 /// Adds the pictures, and the options of reading them and of running a network.
 void addPictureOptions(CLI::App& command, RunOptions& options, bool weightsRequired);
-CLI::Option* addOutputOption(CLI::App& command, RunOptions& options);
+/// Adds where results are printed, and how, in a group of the help.
+void addOutputOptions(CLI::App& command, RunOptions& options, const std::string& group);
 
 /// @throws Failure
 void run(const RunOptions& options);

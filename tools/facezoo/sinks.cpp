@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <functional>
 #include <map>
+#include <numeric>
 
 using namespace facezoo;
 
@@ -227,10 +229,9 @@ class Comparison : public Sink {
     return dot(a, b) / (std::sqrt(dot(a, a)) * std::sqrt(dot(b, b)));
   }
   double dot(std::size_t a, std::size_t b) const {
-    double sum = 0;
-    for (std::size_t i = 0; i < descriptors_[a].size(); ++i)
-      sum += static_cast<double>(descriptors_[a][i]) * descriptors_[b][i];
-    return sum;
+    return std::inner_product(descriptors_[a].begin(), descriptors_[a].end(),
+                              descriptors_[b].begin(), 0.0, std::plus<>(),
+                              std::multiplies<double>());
   }
 
   bool isSquare_;

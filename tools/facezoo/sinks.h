@@ -40,7 +40,6 @@ struct Result {
   float norm() const { return batch.norm(index); }
 };
 
-/// How to print results.
 inline std::string formatOf(const RunOptions& options) {
   return options.format.empty() ? "table" : options.format;
 }
