@@ -88,9 +88,9 @@ extern "C" void endBySignal(int signal) {
   } catch (const std::bad_alloc&) {
     removeAndSay("out of memory");
     _exit(EXIT_FAILURE);
-  } catch (...) {
-    removeAndSay("ended by a fault of its own: nothing caught an exception");
+  } catch (...) {  // said below
   }
+  removeAndSay("ended by a fault of its own: nothing caught an exception");
   dieOf(SIGABRT);
   std::abort();
 }

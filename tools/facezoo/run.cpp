@@ -101,7 +101,7 @@ std::string describeRun(const RunOptions& options, const NetworkTable& table) {
   return run.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
-/// The pictures that have no result yet; one that is listed twice needs two.
+/// The pictures that have no result yet; one that is listed twice has to have two.
 std::vector<std::string> withoutResults(const std::vector<std::string>& earlier,
                                         const std::vector<std::string>& pictures) {
   std::unordered_map<std::string, std::size_t> results;
@@ -198,7 +198,7 @@ void run(const RunOptions& options) {
   chosenDevice(listDevices());
 
   const int batch = static_cast<int>(std::min<std::size_t>(options.batch, pictures.size()));
-  // A comparison, or a run of one picture, is nothing without a picture that cannot be read.
+  // A picture that cannot be read leaves nothing to compare, or to run at all.
   const bool strict = options.strict || !options.compared.empty() || pictures.size() == 1;
   std::size_t unreadable = 0;
   double seconds = 0;
