@@ -185,7 +185,7 @@ class Product {
   }
 
   void multiply(const float* x, float* y, Range columns, Range groups, float* scratch) const {
-    const std::size_t depth = problem_.depth(), plane = problem_.outputPlane();
+    const std::size_t depth = problem_.depth();
     float* const tile = scratch + perThread_ - kMostRows * widest;
     const std::size_t lanes = products_.lanes, count = columns.end - columns.begin;
     const std::size_t vectors = vectorsIn(count), wide = dividedUp(vectors, kWidest);
@@ -207,22 +207,38 @@ class Product {
       }
       gather(x, panels, filled);
       for (std::size_t p = 0; p < filled; ++p) {
-        const Panel& panel = panels[p];
-        const auto product = panel.width < lanes ? products_.multiplyNarrow
-                                                 : products_.multiply[panel.width / lanes - 1];
         for (std::size_t group = groups.begin; group < groups.end; ++group) {
-          const std::size_t k = group * products_.rows;
-          const int rows = static_cast<int>(std::min<std::size_t>(products_.rows, problem_.k - k));
-          fetchOutputs(panel, y + k * plane, rows);
-          product(depth, filter_ + group * depth * products_.rows, panel.data, tile, panel.width);
-          for (int i = 0; i < panel.outputRuns; ++i) {
-            const Run& run = panel.outputs[i];
-            products_.store(tile + run.to, panel.width, rows, run.count,
-                            operands_.bias ? operands_.bias + k : nullptr, 1,
-                            y + run.from + k * plane, plane);
-          }
+          multiply(panels[p], group, y, tile);
         }
       }
+    }
+  }
+
+  /// The outputs of a panel in one group of channels. `tile` takes the sums of those that a vector
+  /// cannot be written to at once: at the end of an image, or of the channels.
+  void multiply(const Panel& panel, std::size_t group, float* y, float* tile) const {
+    const std::size_t depth = problem_.depth(), plane = problem_.outputPlane();
+    const std::size_t k = group * products_.rows;
+    const int rows = static_cast<int>(std::min<std::size_t>(products_.rows, problem_.k - k));
+    const float* const filter = filter_ + group * depth * products_.rows;
+    const float* const bias = operands_.bias ? operands_.bias + k : nullptr;
+    float* const to = y + k * plane;
+    const std::size_t vectors = panel.width / products_.lanes;
+    if (vectors == 0) {
+      products_.multiplyNarrow(depth, filter, panel.data, tile, panel.width);
+    } else {
+      fetchOutputs(panel, to, rows);
+      const Run& first = panel.outputs[0];
+      const auto product = products_.multiply[vectors - 1];
+      if (rows == products_.rows && first.count == static_cast<int>(panel.width)) {
+        product(depth, filter, panel.data, bias, to + first.from, plane);
+        return;
+      }
+      product(depth, filter, panel.data, nullptr, tile, panel.width);
+    }
+    for (int i = 0; i < panel.outputRuns; ++i) {
+      const Run& run = panel.outputs[i];
+      products_.store(tile + run.to, panel.width, rows, run.count, bias, 1, to + run.from, plane);
     }
   }
 

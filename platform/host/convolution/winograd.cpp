@@ -358,7 +358,7 @@ class Pass {
     const float* filter = filter_ + (frequency * groups_ + groups.begin) * groupFloats;
     float* to = products + frequency * at.tiles;
     for (std::size_t group = groups.begin; group < groups.end; ++group) {
-      kernels_.products.multiply[at.vectors - 1](problem_.c, filter, input, to,
+      kernels_.products.multiply[at.vectors - 1](problem_.c, filter, input, nullptr, to,
                                                  kFrequencies * at.tiles);
       filter += groupFloats;
       to += kernels_.products.rows * kFrequencies * at.tiles;

@@ -46,11 +46,12 @@ struct Products {
   int rows;   ///< rows of a packed panel of a left factor
 
   /// c[r * stride + j] = sum over d of a[d * rows + r] * b[d * width + j] for all `rows` rows and
-  /// `width` = (index + 1) * lanes columns.
-  void (*multiply[kWidest])(std::size_t depth, const float* a, const float* b, float* c,
-                            std::size_t stride);
+  /// `width` = (index + 1) * lanes columns; with a bias, plus bias[r], and rectified, a NaN
+  /// becoming 0.
+  void (*multiply[kWidest])(std::size_t depth, const float* a, const float* b, const float* bias,
+                            float* c, std::size_t stride);
 
-  /// The same for kNarrow columns, too few to fill a vector.
+  /// The same without a bias for kNarrow columns, too few to fill a vector.
   void (*multiplyNarrow)(std::size_t depth, const float* a, const float* b, float* c,
                          std::size_t stride);
 

@@ -6,19 +6,41 @@
 namespace host_device {
 namespace {
 
+/// All loops over `sum` are unrolled, so that it never is an array in memory.
 template <int Width>
 void multiply(std::size_t depth, const float* __restrict a, const float* __restrict b,
-              float* __restrict c, std::size_t stride) {
-  Vector sum[kRows][Width] = {};
+              const float* bias, float* __restrict c, std::size_t stride) {
+  Vector sum[kRows][Width];
+#pragma GCC unroll 8
+  for (int r = 0; r < kRows; ++r) {
+#pragma GCC unroll 8
+    for (int j = 0; j < Width; ++j) sum[r][j] = Vector{};
+  }
   for (std::size_t d = 0; d < depth; ++d, a += kRows, b += Width * kLanes) {
     Vector column[Width];
+#pragma GCC unroll 8
     for (int j = 0; j < Width; ++j) load(b + j * kLanes, column[j]);
+#pragma GCC unroll 8
     for (int r = 0; r < kRows; ++r) {
+#pragma GCC unroll 8
       for (int j = 0; j < Width; ++j) sum[r][j] += a[r] * column[j];
     }
   }
-  for (int r = 0; r < kRows; ++r) {
-    for (int j = 0; j < Width; ++j) store(sum[r][j], c + r * stride + j * kLanes);
+  if (bias) {
+    const Vector zero = {};
+#pragma GCC unroll 8
+    for (int r = 0; r < kRows; ++r) {
+#pragma GCC unroll 8
+      for (int j = 0; j < Width; ++j) {
+        sum[r][j] += bias[r];
+        sum[r][j] = sum[r][j] > zero ? sum[r][j] : zero;
+      }
+    }
+  }
+#pragma GCC unroll 8
+  for (int r = 0; r < kRows; ++r, c += stride) {
+#pragma GCC unroll 8
+    for (int j = 0; j < Width; ++j) store(sum[r][j], c + j * kLanes);
   }
 }
 
