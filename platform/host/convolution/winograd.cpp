@@ -41,52 +41,14 @@ bool winogradPays(const Problem& problem) {
 
 /// Packed as [frequency][row group][channel][row].
 void packWinograd(const Problem& problem, const float* w, float* packed) {
-  // Row i: the powers of the i-th point, scaled; the last point is infinity.
-  constexpr double points[] = {0, 1, -1, 2, -2};
-  constexpr double scales[] = {1.0 / 4, -1.0 / 6, -1.0 / 6, 1.0 / 24, 1.0 / 24};
-  constexpr int widest = 5;
-  const int kernel = problem.vertical.kernel;
-  double transform[kTile][widest] = {};  // in double, so that only the result is rounded
-  for (int i = 0; i < kTile - 1; ++i) {
-    double power = scales[i];
-    for (int j = 0; j < kernel; ++j, power *= points[i]) transform[i][j] = power;
-  }
-  transform[kTile - 1][kernel - 1] = 1;
-
   const int rows = kernels().products.rows;
-  const std::size_t groups = problem.rowGroups();
-  const std::size_t frequency = groups * problem.c * rows;
+  const std::size_t groups = problem.rowGroups(), group = std::size_t{1} * problem.c * rows;
+  const auto transform = kernels().winograd.filter[sizeIndex(problem)];
 #pragma omp parallel for num_threads(teamSize()) schedule(static)
-  for (std::size_t group = 0; group < groups; ++group) {
-    for (int c = 0; c < problem.c; ++c) {
-      float* const to = packed + (group * problem.c + c) * rows;
-      double filter[widest][widest][kMostRows] = {}, half[kTile][widest][kMostRows] = {};
-      const int filled = std::min<int>(rows, problem.k - static_cast<int>(group) * rows);
-      for (int row = 0; row < filled; ++row) {
-        const float* from = w + ((group * rows + row) * problem.c + c) * kernel * kernel;
-        for (int u = 0; u < kernel; ++u) {
-          for (int v = 0; v < kernel; ++v) filter[u][v][row] = *from++;
-        }
-      }
-      for (int i = 0; i < kTile; ++i) {
-        for (int u = 0; u < kernel; ++u) {
-          for (int v = 0; v < kernel; ++v) {
-            for (int row = 0; row < kMostRows; ++row) {
-              half[i][v][row] += transform[i][u] * filter[u][v][row];
-            }
-          }
-        }
-      }
-      for (int i = 0; i < kTile; ++i) {
-        for (int j = 0; j < kTile; ++j) {
-          double sum[kMostRows] = {};
-          for (int v = 0; v < kernel; ++v) {
-            for (int row = 0; row < kMostRows; ++row) sum[row] += transform[j][v] * half[i][v][row];
-          }
-          std::copy_n(sum, rows, to + (i * kTile + j) * frequency);
-        }
-      }
-    }
+  for (std::size_t i = 0; i < groups; ++i) {
+    const int first = static_cast<int>(i) * rows;
+    transform(w + first * problem.depth(), std::min(rows, problem.k - first), problem.c,
+              packed + i * group, groups * group);
   }
 }
 

@@ -75,6 +75,10 @@ struct Products {
 
 /// The transforms of Winograd's minimal filtering, for each of kWinogradSizes.
 struct Winograd {
+  /// Transforms the filters of `rows` output channels, at most as many as a packed panel has, of
+  /// `channels` channels each. Frequency f of channel c goes to packed + f * stride + c * (rows of
+  /// a panel), with zeros for the rows that are missing.
+  void (*filter[2])(const float* w, int rows, int channels, float* packed, std::size_t stride);
   /// Transforms `vectors` * lanes tiles. x holds, for each group of as many columns as a tile has
   /// outputs, 6 rows of these columns, tile after tile. Frequency f goes to v + f * stride.
   void (*input[2])(const float* x, int vectors, float* v, std::size_t stride);

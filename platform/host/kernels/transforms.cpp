@@ -81,6 +81,65 @@ inline void transformOutput(const Vector& m0, const Vector& m1, const Vector& m2
   y[1] = (m1 - m2) + 2.0f * (m3 - m4) + m5;
 }
 
+/// The transform of a filter along one direction: row i holds the powers of the i-th point, scaled;
+/// the last point is infinity.
+template <int Kernel>
+struct FilterTransform {
+  constexpr FilterTransform() {
+    constexpr double points[] = {0, 1, -1, 2, -2};
+    constexpr double scales[] = {1.0 / 4, -1.0 / 6, -1.0 / 6, 1.0 / 24, 1.0 / 24};
+    for (int i = 0; i < kTile - 1; ++i) {
+      double power = scales[i];
+      for (int j = 0; j < Kernel; ++j, power *= points[i]) factors[i][j] = power;
+    }
+    factors[kTile - 1][Kernel - 1] = 1;
+  }
+  double factors[kTile][Kernel] = {};
+};
+
+/// In double precision, so that only the result is rounded. A few channels at a time, so that each
+/// of the 36 places that are written to gets whole cache lines.
+template <int Kernel>
+void filter(const float* w, int rows, int channels, float* packed, std::size_t stride) {
+  typedef double Column [[gnu::vector_size(kRows * sizeof(double))]];
+  constexpr FilterTransform<Kernel> transform;
+  constexpr int taps = Kernel * Kernel, atOnce = 16;
+  const std::size_t row = std::size_t{1} * channels * taps;
+  for (int first = 0; first < channels; first += atOnce) {
+    const int count = channels - first < atOnce ? channels - first : atOnce;
+    float transformed[kFrequencies][atOnce * kRows];
+    for (int c = 0; c < count; ++c) {
+      const float* const from = w + (std::size_t{1} * first + c) * taps;
+      double taken[taps][kRows] = {};
+      for (int r = 0; r < rows; ++r) {
+        for (int i = 0; i < taps; ++i) taken[i][r] = from[r * row + i];
+      }
+      Column half[kTile][Kernel];
+      for (int v = 0; v < Kernel; ++v) {
+        Column tap[Kernel];
+        for (int u = 0; u < Kernel; ++u)
+          __builtin_memcpy(&tap[u], taken[u * Kernel + v], sizeof tap[u]);
+        for (int i = 0; i < kTile; ++i) {
+          half[i][v] = transform.factors[i][0] * tap[0];
+          for (int u = 1; u < Kernel; ++u) half[i][v] += transform.factors[i][u] * tap[u];
+        }
+      }
+      for (int i = 0; i < kTile; ++i) {
+        for (int j = 0; j < kTile; ++j) {
+          Column sum = transform.factors[j][0] * half[i][0];
+          for (int v = 1; v < Kernel; ++v) sum += transform.factors[j][v] * half[i][v];
+          float* const to = transformed[i * kTile + j] + c * kRows;
+          for (int r = 0; r < kRows; ++r) to[r] = static_cast<float>(sum[r]);
+        }
+      }
+    }
+    for (int f = 0; f < kFrequencies; ++f) {
+      __builtin_memcpy(packed + f * stride + std::size_t{1} * first * kRows, transformed[f],
+                       count * kRows * sizeof(float));
+    }
+  }
+}
+
 template <int Size>
 void input(const float* x, int vectors, float* v, std::size_t stride) {
   constexpr int groups = (kTile + Size - 1) / Size;
@@ -128,6 +187,7 @@ void output(const float* m, int vectors, float* y) {
 
 }  // namespace
 
-const Winograd HOST_DEVICE_SET::winograd = {{input<4>, input<2>}, {output<4>, output<2>}};
+const Winograd HOST_DEVICE_SET::winograd = {
+    {filter<3>, filter<5>}, {input<4>, input<2>}, {output<4>, output<2>}};
 
 }  // namespace host_device
