@@ -18,7 +18,8 @@ namespace {
     const float square = root * root;
     root += root * (0.25f - 0.25f * t * square * square);
   }
-  return t > __FLT_MAX__ ? 0.0f : root * root * root;
+  const float power = root * root * root;
+  return t > __FLT_MAX__ ? 0.0f : power;
 }
 
 /// @param Channels those that count, known to the compiler so that it can keep their sum
