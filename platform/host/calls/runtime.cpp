@@ -206,6 +206,7 @@ cudaError_t cudaMemGetInfo(size_t* free, size_t* total) {
 cudaError_t cudaMemset(void* pointer, int value, size_t bytes) {
   return enter("cudaMemset", {value, static_cast<std::int64_t>(bytes)}, [&] {
     if (!writeDevice(pointer, bytes)) return cudaErrorInvalidValue;
+    if (value == 0 && zeroUntouched(pointer, bytes)) return cudaSuccess;
     // The first touch of fresh memory takes longer than filling it, and threads can share it.
     constexpr std::size_t piece = std::size_t{256} << 10;
     auto* const start = static_cast<char*>(pointer);

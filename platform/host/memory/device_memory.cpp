@@ -166,6 +166,15 @@ bool writeDevice(void* pointer, std::size_t bytes) {
   return true;
 }
 
+bool zeroUntouched(void* pointer, std::size_t bytes) {
+  Registry& r = registry();
+  const std::lock_guard<std::mutex> lock(r.mutex);
+  const auto entry = r.allocations.find(address(pointer));
+  return entry != r.allocations.end() && entry->second.bytes == bytes &&
+         ownPages(bytes) == kHugePage &&
+         madvise(pointer, roundedUp(bytes, kHugePage), MADV_DONTNEED) == 0;
+}
+
 PackedFilter findPacked(const void* pointer, const PackedFilterKey& key) {
   Registry& r = registry();
   const std::lock_guard<std::mutex> lock(r.mutex);

@@ -37,6 +37,11 @@ bool touchesDevice(const void* pointer, std::size_t bytes);
 /// allocation. False, and nothing dropped, unless the range lies inside one live allocation.
 bool writeDevice(void* pointer, std::size_t bytes);
 
+/// Makes an allocation zero by giving its pages back to the system, which hands out zeros where it
+/// is next touched: a workspace takes memory as far as it is used. False, and nothing done, unless
+/// the range is all of a live allocation with huge pages of its own.
+bool zeroUntouched(void* pointer, std::size_t bytes);
+
 /// A filter as an algorithm has rearranged it. Its allocation keeps it until any write to it.
 using PackedFilter = std::shared_ptr<const float>;
 using PackedFilterKey = std::array<std::int64_t, 7>;
