@@ -27,32 +27,36 @@ struct Product {
   std::size_t cStride;
 };
 
-/// Threads share the rows of the taller factor, since it is what takes the time to read.
+/// Threads share the rows of the taller factor, since it is what takes the time to read. Each takes
+/// all its rows through a few columns before it goes on to the next, which stay in its cache.
 void multiplyMatrices(const Product& product) {
   constexpr std::size_t tallest = 6, columns = 32;
   // Few rows go one by one, lest a thread have none.
   const std::size_t atOnce = product.rows < 64 ? 1 : tallest;
-  const std::size_t strips = dividedUp(product.rows, atOnce);
   const auto dotProducts = kernels().products.dotProducts;
-#pragma omp parallel for num_threads(teamSize()) \
-    schedule(static) if (product.rows * product.columns * product.size > 4096)
-  for (std::size_t i = 0; i < strips; ++i) {
-    const std::size_t first = i * atOnce, count = std::min(atOnce, product.rows - first);
-    for (std::size_t j = 0; j < product.columns; j += columns) {
-      float sums[tallest * columns];
-      const std::size_t wide = std::min(columns, product.columns - j);
-      dotProducts(product.size, product.a + first * product.aStride, product.aStride,
-                  static_cast<int>(count), product.b + j * product.bStride, product.bStride,
-                  static_cast<int>(wide), sums, columns);
-      for (std::size_t r = 0; r < count; ++r) {
-        for (std::size_t s = 0; s < wide; ++s) {
-          float& to = product.c[(j + s) * product.cStride + first + r];
-          const float scaled = product.alpha * sums[r * columns + s];
-          to = product.beta == 0.0f ? scaled : scaled + product.beta * to;
-        }
+  const auto multiply = [&](std::size_t row, std::size_t column) {
+    const std::size_t tall = std::min(atOnce, product.rows - row);
+    const std::size_t wide = std::min(columns, product.columns - column);
+    float sums[tallest * columns];
+    dotProducts(product.size, product.a + row * product.aStride, product.aStride,
+                static_cast<int>(tall), product.b + column * product.bStride, product.bStride,
+                static_cast<int>(wide), sums, columns);
+    for (std::size_t r = 0; r < tall; ++r) {
+      for (std::size_t s = 0; s < wide; ++s) {
+        float& to = product.c[(column + s) * product.cStride + row + r];
+        const float scaled = product.alpha * sums[r * columns + s];
+        to = product.beta == 0.0f ? scaled : scaled + product.beta * to;
       }
     }
-  }
+  };
+  forRanges(dividedUp(product.rows, atOnce), atOnce * product.columns * product.size,
+            [&](std::size_t begin, std::size_t end) {
+              for (std::size_t column = 0; column < product.columns; column += columns) {
+                for (std::size_t strip = begin; strip < end; ++strip) {
+                  multiply(strip * atOnce, column);
+                }
+              }
+            });
 }
 
 bool isOperation(cublasOperation_t operation) {

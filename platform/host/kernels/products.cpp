@@ -6,15 +6,20 @@
 namespace host_device {
 namespace {
 
+[[gnu::always_inline]] inline void addAndRectify(float bias, Vector& value) {
+  const Vector zero = {}, sum = value + bias;
+  value = sum > zero ? sum : zero;
+}
+
 /// All loops over `sum` are unrolled, so that it never is an array in memory.
 template <int Width>
 void multiply(std::size_t depth, const float* __restrict a, const float* __restrict b,
               const float* bias, float* __restrict c, std::size_t stride) {
   Vector sum[kRows][Width];
 #pragma GCC unroll 8
-  for (int r = 0; r < kRows; ++r) {
+  for (auto& row : sum) {
 #pragma GCC unroll 8
-    for (int j = 0; j < Width; ++j) sum[r][j] = Vector{};
+    for (Vector& each : row) each = Vector{};
   }
   for (std::size_t d = 0; d < depth; ++d, a += kRows, b += Width * kLanes) {
     Vector column[Width];
@@ -27,14 +32,10 @@ void multiply(std::size_t depth, const float* __restrict a, const float* __restr
     }
   }
   if (bias) {
-    const Vector zero = {};
 #pragma GCC unroll 8
     for (int r = 0; r < kRows; ++r) {
 #pragma GCC unroll 8
-      for (int j = 0; j < Width; ++j) {
-        sum[r][j] += bias[r];
-        sum[r][j] = sum[r][j] > zero ? sum[r][j] : zero;
-      }
+      for (int j = 0; j < Width; ++j) addAndRectify(bias[r], sum[r][j]);
     }
   }
 #pragma GCC unroll 8
@@ -44,17 +45,24 @@ void multiply(std::size_t depth, const float* __restrict a, const float* __restr
   }
 }
 
-/// Vectors run along the rows here, as the columns would fill but a part of one.
+/// Vectors run along the rows here, as the columns would fill but a part of one. Products of even
+/// and odd depth have sums of their own: few sums would wait for each other.
 void multiplyNarrow(std::size_t depth, const float* __restrict a, const float* __restrict b,
                     float* __restrict c, std::size_t stride) {
   using Column = typename VectorOf<kRows>::unaligned;
-  Column sum[kNarrow] = {};
-  for (std::size_t d = 0; d < depth; ++d, a += kRows, b += kNarrow) {
-    const Column column = *reinterpret_cast<const Column*>(a);
-    for (int j = 0; j < kNarrow; ++j) sum[j] += column * b[j];
+  Column sum[2][kNarrow] = {};
+  for (std::size_t d = 0; d < depth; d += 2) {
+#pragma GCC unroll 2
+    for (int odd = 0; odd < 2 && d + odd < depth; ++odd, a += kRows, b += kNarrow) {
+      const Column column = *reinterpret_cast<const Column*>(a);
+#pragma GCC unroll 8
+      for (int j = 0; j < kNarrow; ++j) sum[odd][j] += column * b[j];
+    }
   }
-  for (int r = 0; r < kRows; ++r) {
-    for (int j = 0; j < kNarrow; ++j) c[r * stride + j] = sum[j][r];
+#pragma GCC unroll 8
+  for (int j = 0; j < kNarrow; ++j) {
+    const Column total = sum[0][j] + sum[1][j];
+    for (int r = 0; r < kRows; ++r) c[r * stride + j] = total[r];
   }
 }
 
@@ -82,17 +90,13 @@ void gather(const float* x, const std::size_t* offsets, int rows, const Run* run
 
 void storeRows(const float* tile, std::size_t tileStride, int rows, int count, const float* bias,
                int biasStep, float* y, std::size_t yStride) {
-  const Vector zero = {};
   for (int r = 0; r < rows; ++r, tile += tileStride, y += yStride) {
     const float added = bias ? bias[r * biasStep] : 0.0f;
     int j = 0;
     for (; j + kLanes <= count; j += kLanes) {
       Vector value;
       load(tile + j, value);
-      if (bias) {
-        value += added;
-        value = value > zero ? value : zero;
-      }
+      if (bias) addAndRectify(added, value);
       store(value, y + j);
     }
     for (; j < count; ++j) {
@@ -105,27 +109,38 @@ void storeRows(const float* tile, std::size_t tileStride, int rows, int count, c
 template <int A, int B>
 inline void dotTile(std::size_t size, const float* a, std::size_t aStride, const float* b,
                     std::size_t bStride, float* sums, std::size_t stride) {
-  Vector sum[A][B] = {};
-  float rest[A][B] = {};
+  Vector sum[A][B];
+#pragma GCC unroll 8
+  for (auto& row : sum) {
+#pragma GCC unroll 8
+    for (Vector& each : row) each = Vector{};
+  }
   std::size_t d = 0;
   for (; d + kLanes <= size; d += kLanes) {
     Vector right[B];
+#pragma GCC unroll 8
     for (int j = 0; j < B; ++j) load(b + j * bStride + d, right[j]);
+#pragma GCC unroll 8
     for (int i = 0; i < A; ++i) {
       Vector left;
       load(a + i * aStride + d, left);
+#pragma GCC unroll 8
       for (int j = 0; j < B; ++j) sum[i][j] += left * right[j];
     }
   }
+  float rest[A][B] = {};
   for (; d < size; ++d) {
     for (int i = 0; i < A; ++i) {
       for (int j = 0; j < B; ++j) rest[i][j] += a[i * aStride + d] * b[j * bStride + d];
     }
   }
+#pragma GCC unroll 8
   for (int i = 0; i < A; ++i) {
+#pragma GCC unroll 8
     for (int j = 0; j < B; ++j) {
-      for (int lane = 0; lane < kLanes; ++lane) rest[i][j] += sum[i][j][lane];
-      sums[i * stride + j] = rest[i][j];
+      float total = rest[i][j];
+      for (int lane = 0; lane < kLanes; ++lane) total += sum[i][j][lane];
+      sums[i * stride + j] = total;
     }
   }
 }
