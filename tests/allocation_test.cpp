@@ -147,7 +147,7 @@ enum Ending { held, failed, notReached };
 /// one is alive: there the pool's lists and the platform's scratch memory still have to grow, and
 /// the descriptors that stay have to be created. The small network must go on working.
 Ending growWith(const NetworkKind& kind, std::size_t k) {
-  omp_set_num_threads(1);
+  host_device::useThreads(1);
   ForwardCall call{kind.table, 1}, smallCall{smallNetwork, 1};
   SmallNetwork small(seededFile(smallNetwork), 1, "");
   const std::vector<float> expected = smallCall.results(small, 1);

@@ -168,10 +168,6 @@ void* realloc(void* memory, std::size_t size) {
   if (memory != nullptr && (moved != nullptr || size == 0)) shrunk(before);
   return grown(moved);
 }
-// Never fails: only OpenMP's runtime calls it, for its teams, and it would end the process.
-void* memalign(std::size_t alignment, std::size_t size) {
-  return grown(__libc_memalign(alignment, size));
-}
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
   return allocate(CALLER, size, alignment);
 }

@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <functional>
+#include <future>
 #include <limits>
 #include <numeric>
 
@@ -250,6 +251,26 @@ TEST_F(PlatformTest, APackedFilterNeverOutlivesItsContents) {
   EXPECT_EQ(12.5F, result());
   layer.set(layer.bias_, {nan});
   EXPECT_EQ(0.0F, result());  // the fused activation does not propagate NaN
+}
+
+// One of two calls at once has the team of threads, the other computes alone.
+TEST_F(PlatformTest, FillsFromTwoThreadsAtOnce) {
+  const auto wrongFills = [] {
+    constexpr std::size_t bytes = std::size_t{3} << 20;
+    std::vector<unsigned char> found(bytes);
+    void* memory = nullptr;
+    int wrong = cudaMalloc(&memory, bytes) != cudaSuccess ? 1 : 0;
+    for (int value = 1; value < 100; ++value) {
+      cudaMemset(memory, value, bytes);
+      cudaMemcpy(found.data(), memory, bytes, cudaMemcpyDeviceToHost);
+      if (std::count(found.begin(), found.end(), value) != bytes) ++wrong;
+    }
+    cudaFree(memory);
+    return wrong;
+  };
+  std::future<int> other = std::async(std::launch::async, wrongFills);
+  EXPECT_EQ(0, wrongFills());
+  EXPECT_EQ(0, other.get());
 }
 
 // What device code compiled by nvcc reads with is plain C++: compiled here, AddressSanitizer sees a

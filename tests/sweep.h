@@ -6,7 +6,6 @@
 #include "seeded_network.h"
 
 #include <malloc.h>
-#include <omp.h>
 
 #include <algorithm>
 #include <climits>
@@ -62,7 +61,7 @@ class Sweep : public DeviceTest, public testing::WithParamInterface<NetworkKind>
 
   void SetUp() override {
     DeviceTest::SetUp();
-    omp_set_num_threads(1);  // a forked process would lack the others
+    host_device::useThreads(1);  // starting others, in each forked process, would allocate
     host_device::keepAfterFork(true);
     host_device::poisonFreshMemory(false);  // to fill each life's workspace would take too long
     file_ = seededFile(table_);

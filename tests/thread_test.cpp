@@ -94,6 +94,8 @@ TEST_F(ThreadTest, GetFromLargeNetworksWhatOneThreadGets) {
   callFromEightThreads(std::move(networks), numberFrom("FACEZOO_THREAD_CALLS", 4));
 }
 
+#if FACEZOO_SIMULATED
+
 /// A layer that spreads its work over threads, and the shape of its input.
 struct LayerCase {
   const char* what;
@@ -112,9 +114,8 @@ LayerCase withWeights(const LayerRow& row, int4 shape) {
   return {row.name, shape, [layer](const Tensor& x) { return (*layer)(x); }};
 }
 
-// A host may call the library from a team of OpenMP's threads. The library must not take the
-// numbers of that team's threads for those of its own.
-TEST_F(ThreadTest, GetInATeamOfTheHostsWhatOneThreadGets) {
+// The threads that share a call must not show in its results.
+TEST_F(ThreadTest, TogetherComputeWhatOneComputes) {
   preparePool(1 << 20, 8);
   const LayerCase cases[] = {
       {"small maxima", {1, 4, 9, 9}, [](auto& x) { return MaxPooling()(x, 3, 2, 0); }},
@@ -140,31 +141,16 @@ TEST_F(ThreadTest, GetInATeamOfTheHostsWhatOneThreadGets) {
       withWeights(fusedConvolution("shared tiles", 9, 17, 3, 1, samePadding), {1, 9, 33, 33}),
       withWeights(fusedConvolution("tiles of each", 9, 17, 5, 1, samePadding), {4, 9, 60, 60}),
       withWeights(convolution("plain", 9, 17, 3, 1, samePadding, withBias), {1, 9, 33, 33})};
-  const int levels = omp_get_max_active_levels(), dynamic = omp_get_dynamic();
   for (const auto& [what, shape, run] : cases) {
     const std::vector<float> values =
         seededValues(std::size_t{1} * shape.x * shape.y * shape.z * shape.w, 2);
-    const auto result = [&, &shape = shape, &run = run] {
+    const auto result = [&, &shape = shape, &run = run](int threads) {
+      host_device::useThreads(threads);
       return download(run(upload(values, shape)));
     };
-    const std::vector<float> expected = result();
-    for (const auto& [nested, adjusted] : {std::pair(1, 0), {2, 0}, {2, 1}}) {
-      omp_set_max_active_levels(nested);
-      omp_set_dynamic(adjusted);
-      int wrong = 0;
-#pragma omp parallel num_threads(16) reduction(+ : wrong)
-      {
-        const Lock lock(GPU::getMutex());
-        wrong += result() != expected;
-      }
-      EXPECT_EQ(0, wrong) << what << ", " << nested << " levels, adjusted: " << adjusted;
-    }
+    EXPECT_EQ(result(1), result(0)) << what;
   }
-  omp_set_max_active_levels(levels);
-  omp_set_dynamic(dynamic);
 }
-
-#if FACEZOO_SIMULATED
 
 std::size_t usedBytes(int device) {
   std::size_t free = 0, total = 0;
@@ -248,6 +234,13 @@ TEST_F(ThreadTest, AreNotWaitedForAfterAFork) {
               return HasFailure() ? 1 : 0;
             }));
   EXPECT_EQ(expected, call.results(*network, 1));
+  // A child that may go on needs threads of its own.
+  host_device::keepAfterFork(true);
+  EXPECT_EQ(0, exitCodeInChild([&] {
+              alarm(30);
+              return call.results(*network, 1) == expected ? 0 : 1;
+            }));
+  host_device::keepAfterFork(false);
 }
 
 /// Whether a child process can use the library although its parent has had a team of OpenMP's

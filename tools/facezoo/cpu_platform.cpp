@@ -8,7 +8,7 @@
 std::optional<CpuPlatform> cpuPlatform() {
   constexpr const char* names[] = {"baseline", "AVX2", "AVX-512"};
   return CpuPlatform{names[static_cast<int>(host_device::instructionSet())],
-                     host_device::teamSize()};
+                     static_cast<int>(host_device::teamSize())};
 }
 
 #else

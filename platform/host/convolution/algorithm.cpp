@@ -31,10 +31,11 @@ namespace {
 void runLoops(const Problem& problem, const Operands& operands) {
   const std::size_t plane = problem.outputPlane();
   const Kernels& kernel = kernels();
-#pragma omp parallel for num_threads(teamSize()) schedule(static) collapse(2)
-  for (int n = 0; n < problem.n; ++n) {
-    for (int k = 0; k < problem.k; ++k) {
-      float* y = operands.y + (std::size_t{1} * n * problem.k + k) * plane;
+  const std::size_t planes = std::size_t{1} * problem.n * problem.k;
+  forRanges(planes, problem.depth() * plane, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i) {
+      const std::size_t n = i / problem.k, k = i % problem.k;
+      float* const y = operands.y + i * plane;
       kernel.loops.convolvePlane(problem.vertical, problem.horizontal, problem.c,
                                  operands.x + n * problem.c * problem.inputPlane(),
                                  operands.w + k * problem.depth(), y);
@@ -42,7 +43,7 @@ void runLoops(const Problem& problem, const Operands& operands) {
         kernel.products.store(y, plane, 1, static_cast<int>(plane), operands.bias + k, 0, y, plane);
       }
     }
-  }
+  });
 }
 
 std::size_t noWorkspace(const Problem&) { return 0; }

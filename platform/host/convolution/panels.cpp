@@ -2,8 +2,6 @@
 /// Convolution as a product of the filter, (output channels, depth), by columns of inputs, (depth,
 /// outputs), on planar tensors. The columns of a few vectors of outputs at a time are gathered to a
 /// panel that stays in the cache while all output channels pass over it.
-#include <omp.h>
-
 #include <algorithm>
 
 #include "algorithm.h"
@@ -18,15 +16,16 @@ constexpr std::size_t kMostPanels = 8;
 /// Packed as [row group][depth][row].
 void packPanels(const Problem& problem, const float* w, float* packed) {
   const std::size_t rows = kernels().products.rows, depth = problem.depth();
-#pragma omp parallel for num_threads(teamSize()) schedule(static)
-  for (std::size_t group = 0; group < problem.rowGroups(); ++group) {
-    float* to = packed + group * depth * rows;
-    for (std::size_t d = 0; d < depth; ++d) {
-      for (std::size_t k = group * rows; k < (group + 1) * rows; ++k) {
-        *to++ = k < static_cast<std::size_t>(problem.k) ? w[k * depth + d] : 0.0f;
+  forRanges(problem.rowGroups(), rows * depth, [&](std::size_t begin, std::size_t end) {
+    float* to = packed + begin * depth * rows;
+    for (std::size_t group = begin; group < end; ++group) {
+      for (std::size_t d = 0; d < depth; ++d) {
+        for (std::size_t k = group * rows; k < (group + 1) * rows; ++k) {
+          *to++ = k < static_cast<std::size_t>(problem.k) ? w[k * depth + d] : 0.0f;
+        }
       }
     }
-  }
+  });
 }
 
 bool isPointwise(const Problem& problem) {
@@ -123,7 +122,6 @@ class Product {
   }
 
   void run() const {
-    const int team = static_cast<int>(threads_);
     for (std::size_t first = 0; first < static_cast<std::size_t>(problem_.n); first += images_) {
       const std::size_t images = std::min(images_, problem_.n - first);
       const std::size_t outputs = images * problem_.outputPlane();
@@ -132,15 +130,14 @@ class Product {
       const std::size_t groups = problem_.rowGroups();
       const std::size_t vectors = vectorsIn(outputs);
       const Grid grid(threads_, std::max<std::size_t>(vectors, 1), groups, products_.rows);
-#pragma omp parallel num_threads(team)
-      {
-        const std::size_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
+      share(threads_, [&](const Member& member) {
+        const std::size_t thread = member.index, threads = member.count;
         if (!pointwise_) {
           const Range planes = part(images * problem_.c, thread, threads);
           for (std::size_t plane = planes.begin; plane < planes.end; ++plane) {
             phases_.copyPlane(x + plane * problem_.inputPlane(), copy_ + plane * phases_.plane);
           }
-#pragma omp barrier
+          member.meet();
         }
         // With fewer threads than were asked for, each takes the places of several.
         for (std::size_t place = thread; place < grid.columns * grid.rows; place += threads) {
@@ -151,7 +148,7 @@ class Product {
                    {own.begin * products_.lanes, column + 1 == grid.columns ? outputs : end},
                    part(groups, place / grid.columns, grid.rows), panels_ + thread * perThread_);
         }
-      }
+      });
     }
   }
 

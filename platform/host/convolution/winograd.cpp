@@ -3,8 +3,6 @@
 /// transformed, a convolution of tiles is 36 products of matrices, (output channels, channels) by
 /// (channels, tiles), which takes a quarter of the multiplications for 3 x 3 and about a third for
 /// 5 x 5.
-#include <omp.h>
-
 #include <algorithm>
 
 #include "algorithm.h"
@@ -44,12 +42,13 @@ void packWinograd(const Problem& problem, const float* w, float* packed) {
   const int rows = kernels().products.rows;
   const std::size_t groups = problem.rowGroups(), group = std::size_t{1} * problem.c * rows;
   const auto transform = kernels().winograd.filter[sizeIndex(problem)];
-#pragma omp parallel for num_threads(teamSize()) schedule(static)
-  for (std::size_t i = 0; i < groups; ++i) {
-    const int first = static_cast<int>(i) * rows;
-    transform(w + first * problem.depth(), std::min(rows, problem.k - first), problem.c,
-              packed + i * group, groups * group);
-  }
+  forRanges(groups, kFrequencies * group, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i) {
+      const int first = static_cast<int>(i) * rows;
+      transform(w + first * problem.depth(), std::min(rows, problem.k - first), problem.c,
+                packed + i * group, groups * group);
+    }
+  });
 }
 
 /// A row of neighbouring tiles of one image, and its place in a panel.
@@ -176,25 +175,23 @@ class Pass {
   }
 
   void run() const {
-    const int team = static_cast<int>(threads_);
-#pragma omp parallel num_threads(team)
-    {
-      const std::size_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
+    share(threads_, [&](const Member& member) {
+      const std::size_t thread = member.index, threads = member.count;
       if (apart_) {
         runApart(part(vectors_, thread, threads),
                  inputs_ + thread * kFrequencies * frequencyStride_,
                  products_ + thread * productFloats());
-      } else {
-        for (std::size_t begin = 0; begin < vectors_; begin += chunk_) {
-          const Range chunk = {begin, std::min(begin + chunk_, vectors_)};
-          transformShared(chunk, thread, threads);
-#pragma omp barrier
-          multiplyShared(chunk, thread, threads);
-#pragma omp barrier
-          transformBackShared(chunk, thread, threads);
-        }
+        return;
       }
-    }
+      for (std::size_t begin = 0; begin < vectors_; begin += chunk_) {
+        const Range chunk = {begin, std::min(begin + chunk_, vectors_)};
+        transformShared(chunk, thread, threads);
+        member.meet();
+        multiplyShared(chunk, thread, threads);
+        member.meet();
+        transformBackShared(chunk, thread, threads);
+      }
+    });
   }
 
  private:

@@ -80,4 +80,8 @@ InstructionSet instructionSet();
 /// Changes it for the calls that follow. False, and nothing changed, if this machine lacks it.
 bool useInstructionSet(InstructionSet set);
 
+/// Lets at most so many threads, the calling one included, share the work of a call; 0: one for
+/// each processor. At load it is what the environment variable OMP_NUM_THREADS says.
+void useThreads(int threads);
+
 }  // namespace host_device

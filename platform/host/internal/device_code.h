@@ -97,12 +97,14 @@ void overGrid(int width, int height, int work, const Body& body) {
   const int pieces = (columns + piece - 1) / piece;
   const auto visit = detail::visitIn<Body>(host_device::instructionSet());
   const bool pays = std::int64_t{1} * columns * rows >= 2 * piece;
-#pragma omp parallel for num_threads(host_device::teamSize()) schedule(static) collapse(2) if (pays)
-  for (int y = 0; y < rows; ++y) {
-    for (int i = 0; i < pieces; ++i) {
+  host_device::share(pays ? host_device::teamSize() : 1, [&](const host_device::Member& member) {
+    const std::int64_t count = std::int64_t{1} * rows * pieces, threads = member.count;
+    const std::int64_t end = count * (member.index + 1) / threads;
+    for (std::int64_t at = count * member.index / threads; at < end; ++at) {
+      const int y = static_cast<int>(at / pieces), i = static_cast<int>(at % pieces);
       visit(body, y, i * piece, std::min(columns, (i + 1) * piece));
     }
-  }
+  });
 }
 
 /// Calls body(in[i]) for i = 0, 1, ..., count - 1.

@@ -1,63 +1,261 @@
 #include "team.h"
 
-#include <omp.h>
+#include "host_device.h"
+
+#include <linux/futex.h>
 #include <pthread.h>
-#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
-#include <vector>
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+#include <thread>
 
 namespace host_device {
 namespace {
 
-/// How many of `wanted` threads there can be at once, the calling one included.
-int startable(int wanted) {
-  std::vector<pthread_t> started;
-  started.reserve(wanted);
-  std::mutex gate;
-  const auto wait = [](void* held) -> void* {
-    const std::lock_guard<std::mutex> passed(*static_cast<std::mutex*>(held));
-    return nullptr;
-  };
-  {
-    const std::lock_guard<std::mutex> closed(gate);
-    for (pthread_t thread; static_cast<int>(started.size()) + 1 < wanted; started.push_back(thread))
-      if (pthread_create(&thread, nullptr, wait, &gate) != 0) break;
+using Clock = std::chrono::steady_clock;
+
+/// A number that threads wait for to change: first awake, as long as waking up would take, then
+/// asleep. Beside another busy process, the one that is waited for may need this very processor.
+class Signal {
+ public:
+  std::uint32_t value() const { return value_.load(); }
+  void change() {
+    ++value_;
+    if (sleepers_.load() > 0) futex(FUTEX_WAKE_PRIVATE, INT_MAX);
   }
-  for (const pthread_t thread : started) pthread_join(thread, nullptr);
-  return static_cast<int>(started.size()) + 1;
+  /// Returns when the value is no longer `seen`. @return how long that took, 0 without sleep
+  Clock::duration await(std::uint32_t seen) {
+    constexpr std::chrono::microseconds awake{50};
+    constexpr int looks = 64;
+    const Clock::time_point begin = Clock::now();
+    while (Clock::now() < begin + awake) {
+      for (int i = 0; i < looks; ++i) {
+        if (value() != seen) return {};
+        pause();
+      }
+    }
+    ++sleepers_;
+    while (value() == seen) futex(FUTEX_WAIT_PRIVATE, seen);
+    --sleepers_;
+    return Clock::now() - begin;
+  }
+
+ private:
+  static void pause() {
+#ifdef __x86_64__
+    __builtin_ia32_pause();
+#else
+    asm volatile("yield");
+#endif
+  }
+  void futex(int operation, std::uint32_t number) {
+    static_assert(sizeof value_ == sizeof(std::uint32_t), "is what the system looks at");
+    syscall(SYS_futex, &value_, operation, number, nullptr, nullptr, 0);
+  }
+
+  std::atomic<std::uint32_t> value_{0};
+  std::atomic<int> sleepers_{0};
+};
+
+/// Whether this thread, for now, is the one that the team works for.
+class Turn {
+ public:
+  explicit Turn(std::atomic<bool>& taken) : taken_(taken), mine_(!taken.exchange(true)) {}
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  ~Turn() {
+    if (mine_) taken_ = false;
+  }
+  bool isMine() const { return mine_; }
+
+ private:
+  std::atomic<bool>& taken_;
+  const bool mine_;
+};
+
+/// Whether threads had better work apart. Those of a team that has fewer processors than threads,
+/// because other processes are busy, wait for each other for whole time slices. Alone, the calling
+/// thread needs no more of the machine than is its due.
+class Crowding {
+ public:
+  /// Whether to work alone now.
+  bool isHigh(Clock::time_point now) const { return now < until_; }
+
+  /// @param waited of `whole`, the time that a share of work took, by the thread that gave it out
+  void note(Clock::time_point now, Clock::duration waited, Clock::duration whole) {
+    constexpr std::chrono::milliseconds apart{10};
+    if (2 * waited <= whole) {
+      level_ = std::max(0, level_ - 1);
+    } else if ((level_ += kStep) >= kHigh) {
+      until_ = now + apart;
+      level_ = kHigh - kStep;  // one more look
+    }
+  }
+
+ private:
+  static constexpr int kStep = 4, kHigh = 16;
+  int level_ = 0;
+  Clock::time_point until_{};
+};
+
+/// Threads that wait for work, and the one that gives it to them.
+class Team {
+ public:
+  /// Starts threads until there are `wanted`, the caller included, or no more can be had. @return
+  /// how many there are; 1 while the team works for another thread
+  std::size_t grow(std::size_t wanted) {
+    const Turn turn(taken_);
+    if (!turn.isMine()) return 1;
+    if (wanted > tried_) {
+      tried_ = wanted;
+      while (size_ < wanted && start()) ++size_;
+    }
+    return std::min(wanted, size_);
+  }
+
+  void run(std::size_t threads, Work* work, const void* context) {
+    const Turn turn(taken_);
+    threads = turn.isMine() ? std::min(threads, size_) : 1;
+    const Clock::time_point begin = Clock::now();
+    if (threads <= 1 || crowding_.isHigh(begin)) return work(context, {0, 1});
+    work_ = work;
+    context_ = context;
+    threads_ = threads;
+    unfinished_ = size_ - 1;
+    waited_ = {};
+    const std::uint32_t seen = finished_.value();
+    begun_.change();
+    work(context, {0, threads});
+    waited_ += finished_.await(seen);
+    const Clock::time_point end = Clock::now();
+    crowding_.note(end, waited_, end - begin);
+  }
+
+  void meet(std::size_t index) {
+    const std::uint32_t seen = met_.value();
+    if (++arrived_ == threads_) {
+      arrived_ = 0;
+      met_.change();
+    } else {
+      const Clock::duration waited = met_.await(seen);
+      if (index == 0) waited_ += waited;
+    }
+  }
+
+ private:
+  struct Place {
+    Team& team;
+    std::size_t index;
+    std::uint32_t seen;
+  };
+
+  bool start() {
+    auto* const place = new (std::nothrow) Place{*this, size_, begun_.value()};
+    if (place == nullptr) return false;
+    constexpr std::size_t stackBytes = std::size_t{1} << 20;
+    pthread_attr_t attributes;
+    pthread_t thread;
+    bool started = pthread_attr_init(&attributes) == 0;
+    if (started) {
+      pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+      pthread_attr_setstacksize(&attributes, stackBytes);
+      // The host's signals are for the host's threads; a fault is its thread's own.
+      sigset_t hosts, before;
+      sigfillset(&hosts);
+      for (const int fault : {SIGBUS, SIGFPE, SIGILL, SIGSEGV}) sigdelset(&hosts, fault);
+      pthread_sigmask(SIG_SETMASK, &hosts, &before);
+      started = pthread_create(&thread, &attributes, live, place) == 0;
+      pthread_sigmask(SIG_SETMASK, &before, nullptr);
+      pthread_attr_destroy(&attributes);
+    }
+    if (!started) delete place;
+    return started;
+  }
+
+  static void* live(void* place) {
+    auto [team, index, seen] = *static_cast<Place*>(place);
+    delete static_cast<Place*>(place);
+    while (true) {
+      team.begun_.await(seen);
+      seen = team.begun_.value();
+      if (index < team.threads_) team.work_(team.context_, {index, team.threads_});
+      if (--team.unfinished_ == 0) team.finished_.change();
+    }
+  }
+
+  std::atomic<bool> taken_{false};
+  std::size_t size_ = 1, tried_ = 1;
+  Work* work_ = nullptr;
+  const void* context_ = nullptr;
+  std::size_t threads_ = 1;  ///< that take part in the work
+  Crowding crowding_;
+  Clock::duration waited_{};  ///< by the thread that gave out the work
+  std::atomic<std::size_t> unfinished_{0}, arrived_{0};
+  Signal begun_, finished_, met_;
+};
+
+std::atomic<Team*> current{nullptr};
+
+/// Null if there is no memory for one. Never destroyed: its threads live as long as the process.
+Team* team() {
+  static const int forks =  // the threads stay behind, and what they were at with them
+      pthread_atfork(nullptr, nullptr, [] { current = nullptr; });
+  if (forks != 0) return nullptr;
+  Team* there = current;
+  if (there != nullptr) return there;
+  auto* const made = new (std::nothrow) Team;
+  if (made != nullptr && current.compare_exchange_strong(there, made)) return made;
+  delete made;
+  return there;
 }
 
-/// Whether this process was forked by one of several threads. Those are gone, but OpenMP's runtime
-/// would wait for them for ever if they were a team of the host's own.
-bool lostThreads = false;
-
-bool hasOtherThreads() {
-  struct stat threads = {};
-  constexpr nlink_t kOwnAndParentOfFolder = 2;
-  return stat("/proc/self/task", &threads) != 0 || threads.st_nlink > kOwnAndParentOfFolder + 1;
+/// The number that an environment variable starts with; the largest if it has none.
+std::size_t numberIn(const char* variable) {
+  const char* const text = std::getenv(variable);
+  const long number = text != nullptr ? std::strtol(text, nullptr, 10) : 0;
+  return number > 0 ? static_cast<std::size_t>(number) : SIZE_MAX;
 }
 
-thread_local bool forksAmongThreads = false;
-void noteFork() { forksAmongThreads = hasOtherThreads(); }
-void noteLoss() { lostThreads = lostThreads || forksAmongThreads; }
+std::size_t processors() {
+  static const std::size_t count = std::max(1U, std::thread::hardware_concurrency());
+  return count;
+}
 
-/// From the time when the library is loaded on: a host may fork before its first call.
-[[maybe_unused]] const int forksAreNoted = pthread_atfork(noteFork, nullptr, noteLoss);
+std::atomic<std::size_t>& wantedThreads() {
+  static std::atomic<std::size_t> threads{
+      std::min(numberIn("OMP_NUM_THREADS"), numberIn("OMP_THREAD_LIMIT"))};
+  return threads;
+}
 
 }  // namespace
 
-int teamSize() {
-  if (lostThreads) return 1;
-  // Each thread of a host that makes calls has a team of its own.
-  thread_local int tried = 1, possible = 1;
-  const int wanted = std::min(omp_get_max_threads(), omp_get_num_procs());
-  if (wanted > tried) {
-    possible = startable(wanted);
-    tried = wanted;
-  }
-  return std::min(wanted, possible);
+void useThreads(int threads) {
+  wantedThreads() = threads > 0 ? static_cast<std::size_t>(threads) : SIZE_MAX;
+}
+
+std::size_t teamSize() {
+  const std::size_t wanted = std::min(wantedThreads().load(), processors());
+  if (wanted == 1) return 1;
+  Team* const there = team();
+  return there != nullptr ? there->grow(wanted) : 1;
+}
+
+void shareWork(std::size_t threads, Work* work, const void* context) {
+  Team* const there = threads > 1 ? team() : nullptr;
+  if (there == nullptr) return work(context, {0, 1});
+  there->run(threads, work, context);
+}
+
+void Member::meet() const {
+  if (count > 1) current.load()->meet(index);
 }
 
 }  // namespace host_device
