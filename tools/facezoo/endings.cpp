@@ -95,10 +95,10 @@ extern "C" void endBySignal(int signal) {
   std::abort();
 }
 
-/// Called where a library exits, as OpenMP's runtime does if it gets no thread or no memory.
+/// Called where a library ends the process, which would leave incomplete files without a word.
 void endByExit() {
   if (exitIsIntended) return;
-  removeAndSay("ended by a library that it uses, as for want of threads or memory");
+  removeAndSay("ended by a library that it uses");
   _exit(EXIT_FAILURE);  // an exit would destroy objects that other threads still use
 }
 

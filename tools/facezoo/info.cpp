@@ -134,11 +134,9 @@ constexpr Variable kVariables[] = {
     // cuBLAS, "Floating Point Emulation"
     {"CUBLAS_EMULATE_SINGLE_PRECISION", "1: cuBLAS may compute fp32 from products of bfloat16"},
     {"CUBLAS_EMULATION_STRATEGY", "when it does: performant or eager"},
-    // OpenMP API, "Environment Variables"
+    // OpenMP API, "Environment Variables", of which the CPU platform reads the first number
     {"OMP_NUM_THREADS", "threads of the CPU platform"},
     {"OMP_THREAD_LIMIT", "most threads of the CPU platform"},
-    {"OMP_WAIT_POLICY", "how its threads wait for each other; the tool bounds it unless set"},
-    {"GOMP_SPINCOUNT", "turns that they wait before they sleep; 1000 is the tool's bound"},
 };
 
 Json environment() {

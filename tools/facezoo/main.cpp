@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 
 using namespace facezoo;
@@ -47,18 +46,6 @@ void reserveStandardDescriptors() {
   }
 }
 
-/// OpenMP's threads wait for each other by spinning. Beside another busy process that costs whole
-/// time slices, as they spin on the core that the awaited thread needs; a short spin costs an idle
-/// machine nothing. The runtime reads its settings before `main` begins, so that the tool sets them
-/// and starts itself once more.
-void boundSpinning([[maybe_unused]] char** argv) {
-#if FACEZOO_SIMULATED
-  if (std::getenv("GOMP_SPINCOUNT") != nullptr || std::getenv("OMP_WAIT_POLICY") != nullptr) return;
-  if (setenv("GOMP_SPINCOUNT", "1000", 0) != 0) return;
-  execv("/proc/self/exe", argv);
-#endif
-}
-
 int runTool(int argc, char** argv) {
   CLI::App tool("Runs fixed networks for face analysis.", "facezoo");
   tool.set_version_flag("--version", FACEZOO_VERSION_TEXT);
@@ -89,7 +76,6 @@ int endWithoutReader(bool diesOfSigpipe, const ReaderGone& gone) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  boundSpinning(argv);
   reserveStandardDescriptors();
   const bool diesOfSigpipe = handleEnds();
   try {
