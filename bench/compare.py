@@ -2,6 +2,7 @@
 
 Started by bench/run.sh. README.md says what is measured and how to read it.
 """
+import instruction_sets  # first, as it says
 import argparse
 import json
 import statistics
@@ -196,6 +197,9 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("networks", nargs="*", metavar="NET", help="default: all")
     parser.add_argument("--batches", type=int, nargs="+", default=[1, 8, 32], metavar="N")
     parser.add_argument("--threads", type=int, default=2, metavar="N", help="of each engine")
+    parser.add_argument("--isa", choices=instruction_sets.LIMITS,
+                        help="limit the instruction set of all engines but ONNX Runtime, which "
+                        "cannot be limited")
     parser.add_argument("--engines", nargs="+", default=[LIBRARY, *PEERS],
                         choices=[LIBRARY, *PEERS], metavar="E",
                         help=f"of {LIBRARY}, {', '.join(PEERS)}; the first is what the results of "
@@ -225,7 +229,8 @@ def main() -> int:
             cells[name, batch] = {engine: result.summary() for engine, result
                                   in measure(name, batch, options).items()}
     worst = np.max([values["difference"] for cell in cells.values() for values in cell.values()])
-    about = {"processor": processor(), "threads": options.threads,
+    about = {"processor": processor(), "instructions": instruction_sets.of_processor(),
+             "limited to": options.isa or "nothing", "threads": options.threads,
              **{package: metadata.version(package) for package in ("onnxruntime", "openvino")}}
     text = "\n".join([
         ", ".join(f"{key} {value}" for key, value in about.items()),

@@ -14,6 +14,10 @@
 #include "layers/relu.h"
 #include "layers/softmax.h"
 
+#if FACEZOO_SIMULATED
+#include <host_device.h>
+#endif
+
 #include <benchmark/benchmark.h>
 #include <msgpack.hpp>
 
@@ -254,6 +258,12 @@ BENCHMARK(matrixProduct)->Arg(1024)->Arg(2048)->UseRealTime()->Unit(benchmark::k
 
 int main(int argc, char** argv) {
   try {
+#if FACEZOO_SIMULATED
+    if (!host_device::useInstructionSetOfEnvironment()) {
+      std::cerr << "FACEZOO_INSTRUCTION_SET names a set that this processor lacks" << std::endl;
+      return 1;
+    }
+#endif
     constexpr int kLargestTensor = 64 << 20;
     preparePool(kLargestTensor, 4);
     addWeighted();

@@ -134,6 +134,10 @@ void synthesize(const std::string& network, const std::string& path) {
 int main(int argc, char** argv) {
   try {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
+#if FACEZOO_SIMULATED
+    if (!host_device::useInstructionSetOfEnvironment())
+      throw Failure("FACEZOO_INSTRUCTION_SET names a set that this processor lacks");
+#endif
     std::cout.precision(9);
     if (arguments.size() == 1 && arguments[0] == "networks") {
       list();

@@ -79,6 +79,10 @@ enum class InstructionSet { baseline, avx2, avx512 };
 InstructionSet instructionSet();
 /// Changes it for the calls that follow. False, and nothing changed, if this machine lacks it.
 bool useInstructionSet(InstructionSet set);
+/// Changes it to what the environment variable FACEZOO_INSTRUCTION_SET says: "baseline", "avx2" or
+/// "avx512". True, and nothing changed, if it is not set; false if this machine lacks the set, or
+/// there is none of that name. The platform does not look at the variable by itself.
+bool useInstructionSetOfEnvironment();
 
 /// Lets at most so many threads, the calling one included, share the work of a call; 0: one for
 /// each processor. At load it is what the environment variable OMP_NUM_THREADS says.

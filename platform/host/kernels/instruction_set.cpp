@@ -4,6 +4,8 @@
 #include "kernels.h"
 
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 
 namespace host_device {
 
@@ -21,6 +23,7 @@ namespace {
 
 struct Candidate {
   InstructionSet set;
+  const char* name;
   const Kernels& kernels;
   bool (*isThere)();
 };
@@ -28,12 +31,12 @@ struct Candidate {
 /// The sets that there is code for, the best first.
 const Candidate candidates[] = {
 #ifdef __x86_64__
-    {InstructionSet::avx512, avx512::kernels,
+    {InstructionSet::avx512, "avx512", avx512::kernels,
      [] { return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw"); }},
-    {InstructionSet::avx2, avx2::kernels,
+    {InstructionSet::avx2, "avx2", avx2::kernels,
      [] { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"); }},
 #endif
-    {InstructionSet::baseline, baseline::kernels, [] { return true; }},
+    {InstructionSet::baseline, "baseline", baseline::kernels, [] { return true; }},
 };
 
 const Candidate* best() {
@@ -47,6 +50,16 @@ std::atomic<const Candidate*>& current() {
   return candidate;
 }
 
+template <class Matches>
+bool use(const Matches& matches) {
+  for (const Candidate& candidate : candidates) {
+    if (!matches(candidate) || !candidate.isThere()) continue;
+    current() = &candidate;
+    return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 const Kernels& kernels() { return current().load()->kernels; }
@@ -54,12 +67,13 @@ const Kernels& kernels() { return current().load()->kernels; }
 InstructionSet instructionSet() { return current().load()->set; }
 
 bool useInstructionSet(InstructionSet set) {
-  for (const Candidate& candidate : candidates) {
-    if (candidate.set != set || !candidate.isThere()) continue;
-    current() = &candidate;
-    return true;
-  }
-  return false;
+  return use([&](const Candidate& candidate) { return candidate.set == set; });
+}
+
+bool useInstructionSetOfEnvironment() {
+  const char* const name = std::getenv("FACEZOO_INSTRUCTION_SET");
+  if (name == nullptr) return true;
+  return use([&](const Candidate& candidate) { return std::strcmp(candidate.name, name) == 0; });
 }
 
 }  // namespace host_device
