@@ -158,12 +158,22 @@ cublasStatus_t cublasGetProperty(libraryPropertyType type, int* value) {
   return CUBLAS_STATUS_SUCCESS;
 }
 
-cudnnStatus_t cudnnCreateTensorDescriptor(cudnnTensorDescriptor_t* descriptor) {
-  return createDescriptor("cudnnCreateTensorDescriptor", descriptor);
-}
-cudnnStatus_t cudnnDestroyTensorDescriptor(cudnnTensorDescriptor_t descriptor) {
-  return destroyDescriptor("cudnnDestroyTensorDescriptor", descriptor);
-}
+// Descriptors of all kinds are created and destroyed alike.
+#define DESCRIPTOR(kind)                                                               \
+  cudnnStatus_t cudnnCreate##kind##Descriptor(cudnn##kind##Descriptor_t* descriptor) { \
+    return createDescriptor("cudnnCreate" #kind "Descriptor", descriptor);             \
+  }                                                                                    \
+  cudnnStatus_t cudnnDestroy##kind##Descriptor(cudnn##kind##Descriptor_t descriptor) { \
+    return destroyDescriptor("cudnnDestroy" #kind "Descriptor", descriptor);           \
+  }
+DESCRIPTOR(Tensor)
+DESCRIPTOR(Filter)
+DESCRIPTOR(Convolution)
+DESCRIPTOR(Pooling)
+DESCRIPTOR(LRN)
+DESCRIPTOR(Activation)
+#undef DESCRIPTOR
+
 cudnnStatus_t cudnnSetTensor4dDescriptor(cudnnTensorDescriptor_t descriptor,
                                          cudnnTensorFormat_t format, cudnnDataType_t type, int n,
                                          int c, int h, int w) {
@@ -177,12 +187,6 @@ cudnnStatus_t cudnnSetTensor4dDescriptor(cudnnTensorDescriptor_t descriptor,
   });
 }
 
-cudnnStatus_t cudnnCreateFilterDescriptor(cudnnFilterDescriptor_t* descriptor) {
-  return createDescriptor("cudnnCreateFilterDescriptor", descriptor);
-}
-cudnnStatus_t cudnnDestroyFilterDescriptor(cudnnFilterDescriptor_t descriptor) {
-  return destroyDescriptor("cudnnDestroyFilterDescriptor", descriptor);
-}
 cudnnStatus_t cudnnSetFilter4dDescriptor(cudnnFilterDescriptor_t descriptor, cudnnDataType_t type,
                                          cudnnTensorFormat_t format, int k, int c, int h, int w) {
   return enter("cudnnSetFilter4dDescriptor", {k, c, h, w}, [&] {
@@ -195,12 +199,6 @@ cudnnStatus_t cudnnSetFilter4dDescriptor(cudnnFilterDescriptor_t descriptor, cud
   });
 }
 
-cudnnStatus_t cudnnCreateConvolutionDescriptor(cudnnConvolutionDescriptor_t* descriptor) {
-  return createDescriptor("cudnnCreateConvolutionDescriptor", descriptor);
-}
-cudnnStatus_t cudnnDestroyConvolutionDescriptor(cudnnConvolutionDescriptor_t descriptor) {
-  return destroyDescriptor("cudnnDestroyConvolutionDescriptor", descriptor);
-}
 cudnnStatus_t cudnnSetConvolution2dDescriptor(cudnnConvolutionDescriptor_t descriptor, int padH,
                                               int padW, int strideH, int strideW, int dilationH,
                                               int dilationW, cudnnConvolutionMode_t mode,
@@ -219,12 +217,6 @@ cudnnStatus_t cudnnSetConvolution2dDescriptor(cudnnConvolutionDescriptor_t descr
   });
 }
 
-cudnnStatus_t cudnnCreatePoolingDescriptor(cudnnPoolingDescriptor_t* descriptor) {
-  return createDescriptor("cudnnCreatePoolingDescriptor", descriptor);
-}
-cudnnStatus_t cudnnDestroyPoolingDescriptor(cudnnPoolingDescriptor_t descriptor) {
-  return destroyDescriptor("cudnnDestroyPoolingDescriptor", descriptor);
-}
 cudnnStatus_t cudnnSetPooling2dDescriptor(cudnnPoolingDescriptor_t descriptor,
                                           cudnnPoolingMode_t mode, cudnnNanPropagation_t nan,
                                           int windowH, int windowW, int padH, int padW, int strideH,
@@ -247,12 +239,6 @@ cudnnStatus_t cudnnSetPooling2dDescriptor(cudnnPoolingDescriptor_t descriptor,
       });
 }
 
-cudnnStatus_t cudnnCreateLRNDescriptor(cudnnLRNDescriptor_t* descriptor) {
-  return createDescriptor("cudnnCreateLRNDescriptor", descriptor);
-}
-cudnnStatus_t cudnnDestroyLRNDescriptor(cudnnLRNDescriptor_t descriptor) {
-  return destroyDescriptor("cudnnDestroyLRNDescriptor", descriptor);
-}
 cudnnStatus_t cudnnSetLRNDescriptor(cudnnLRNDescriptor_t descriptor, unsigned n, double alpha,
                                     double beta, double k) {
   return enter("cudnnSetLRNDescriptor", {n}, [&] {
@@ -268,12 +254,6 @@ cudnnStatus_t cudnnSetLRNDescriptor(cudnnLRNDescriptor_t descriptor, unsigned n,
   });
 }
 
-cudnnStatus_t cudnnCreateActivationDescriptor(cudnnActivationDescriptor_t* descriptor) {
-  return createDescriptor("cudnnCreateActivationDescriptor", descriptor);
-}
-cudnnStatus_t cudnnDestroyActivationDescriptor(cudnnActivationDescriptor_t descriptor) {
-  return destroyDescriptor("cudnnDestroyActivationDescriptor", descriptor);
-}
 cudnnStatus_t cudnnSetActivationDescriptor(cudnnActivationDescriptor_t descriptor,
                                            cudnnActivationMode_t mode, cudnnNanPropagation_t nan,
                                            double /*coefficient*/) {
