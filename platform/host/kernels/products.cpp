@@ -45,23 +45,28 @@ void multiply(std::size_t depth, const float* __restrict a, const float* __restr
   }
 }
 
+using Rows = VectorOf<kRows>::unaligned;
+
+[[gnu::always_inline]] inline void addProducts(const float* a, const float* b,
+                                               Rows (&sum)[kNarrow]) {
+  const Rows rows = *reinterpret_cast<const Rows*>(a);
+#pragma GCC unroll 8
+  for (int j = 0; j < kNarrow; ++j) sum[j] += rows * b[j];
+}
+
 /// Vectors run along the rows here, as the columns would fill but a part of one. Products of even
 /// and odd depth have sums of their own: few sums would wait for each other.
 void multiplyNarrow(std::size_t depth, const float* __restrict a, const float* __restrict b,
                     float* __restrict c, std::size_t stride) {
-  using Column = typename VectorOf<kRows>::unaligned;
-  Column sum[2][kNarrow] = {};
-  for (std::size_t d = 0; d < depth; d += 2) {
-#pragma GCC unroll 2
-    for (int odd = 0; odd < 2 && d + odd < depth; ++odd, a += kRows, b += kNarrow) {
-      const Column column = *reinterpret_cast<const Column*>(a);
-#pragma GCC unroll 8
-      for (int j = 0; j < kNarrow; ++j) sum[odd][j] += column * b[j];
-    }
+  Rows even[kNarrow] = {}, odd[kNarrow] = {};
+  for (; depth >= 2; depth -= 2, a += 2 * kRows, b += 2 * kNarrow) {
+    addProducts(a, b, even);
+    addProducts(a + kRows, b + kNarrow, odd);
   }
+  if (depth > 0) addProducts(a, b, even);
 #pragma GCC unroll 8
   for (int j = 0; j < kNarrow; ++j) {
-    const Column total = sum[0][j] + sum[1][j];
+    const Rows total = even[j] + odd[j];
     for (int r = 0; r < kRows; ++r) c[r * stride + j] = total[r];
   }
 }
