@@ -81,18 +81,19 @@ class Turn {
   const bool mine_;
 };
 
-/// Whether threads had better work apart. Those of a team that has fewer processors than threads,
-/// because other processes are busy, wait for each other for whole time slices. Alone, the calling
-/// thread needs no more of the machine than is its due.
+/// Whether the calling thread had better work alone. Where other processes leave a team fewer
+/// processors than it has threads, these wait for each other for whole time slices.
 class Crowding {
  public:
   /// Whether to work alone now.
   bool isHigh(Clock::time_point now) const { return now < until_; }
 
-  /// @param waited of `whole`, the time that a share of work took, by the thread that gave it out
-  void note(Clock::time_point now, Clock::duration waited, Clock::duration whole) {
+  /// Notes how a share of work went: whether the thread that gave it to `threads`, which waited for
+  /// a part of the time, would have been done earlier with all of it alone.
+  void note(Clock::time_point now, Clock::duration waited, Clock::duration whole,
+            std::size_t threads) {
     constexpr std::chrono::milliseconds apart{10};
-    if (2 * waited <= whole) {
+    if (static_cast<Clock::rep>(threads) * (whole - waited) >= whole) {
       level_ = std::max(0, level_ - 1);
     } else if ((level_ += kStep) >= kHigh) {
       until_ = now + apart;
@@ -136,7 +137,7 @@ class Team {
     work(context, {0, threads});
     waited_ += finished_.await(seen);
     const Clock::time_point end = Clock::now();
-    crowding_.note(end, waited_, end - begin);
+    crowding_.note(end, waited_, end - begin, threads);
   }
 
   void meet(std::size_t index) {
