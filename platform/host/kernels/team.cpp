@@ -89,11 +89,13 @@ class Crowding {
   bool isHigh(Clock::time_point now) const { return now < until_; }
 
   /// Notes how a share of work went: whether the thread that gave it to `threads`, which waited for
-  /// a part of the time, would have been done earlier with all of it alone.
+  /// a part of the time, would have been done earlier with all of it alone. To wake a thread takes
+  /// far less time than to wait until another process has had its turn.
   void note(Clock::time_point now, Clock::duration waited, Clock::duration whole,
             std::size_t threads) {
     constexpr std::chrono::milliseconds apart{10};
-    if (static_cast<Clock::rep>(threads) * (whole - waited) >= whole) {
+    constexpr std::chrono::microseconds turn{200};
+    if (waited < turn || static_cast<Clock::rep>(threads) * (whole - waited) >= whole) {
       level_ = std::max(0, level_ - 1);
     } else if ((level_ += kStep) >= kHigh) {
       until_ = now + apart;
