@@ -20,8 +20,6 @@
 namespace host_device {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 /// A number that threads wait for to change: first awake, as long as waking up would take, then
 /// asleep. Beside another busy process, the one that is waited for may need this very processor.
 class Signal {
@@ -31,21 +29,20 @@ class Signal {
     ++value_;
     if (sleepers_.load() > 0) futex(FUTEX_WAKE_PRIVATE, INT_MAX);
   }
-  /// Returns when the value is no longer `seen`. @return how long that took, 0 without sleep
-  Clock::duration await(std::uint32_t seen) {
+  /// Returns when the value is no longer `seen`.
+  void await(std::uint32_t seen) {
+    using Clock = std::chrono::steady_clock;
     constexpr std::chrono::microseconds awake{50};
     constexpr int looks = 64;
-    const Clock::time_point begin = Clock::now();
-    while (Clock::now() < begin + awake) {
+    for (const auto end = Clock::now() + awake; Clock::now() < end;) {
       for (int i = 0; i < looks; ++i) {
-        if (value() != seen) return {};
+        if (value() != seen) return;
         pause();
       }
     }
     ++sleepers_;
     while (value() == seen) futex(FUTEX_WAIT_PRIVATE, seen);
     --sleepers_;
-    return Clock::now() - begin;
   }
 
  private:
@@ -81,34 +78,6 @@ class Turn {
   const bool mine_;
 };
 
-/// Whether the calling thread had better work alone. Where other processes leave a team fewer
-/// processors than it has threads, these wait for each other for whole time slices.
-class Crowding {
- public:
-  /// Whether to work alone now.
-  bool isHigh(Clock::time_point now) const { return now < until_; }
-
-  /// Notes how a share of work went: whether the thread that gave it to `threads`, which waited for
-  /// a part of the time, would have been done earlier with all of it alone. To wake a thread takes
-  /// far less time than to wait until another process has had its turn.
-  void note(Clock::time_point now, Clock::duration waited, Clock::duration whole,
-            std::size_t threads) {
-    constexpr std::chrono::milliseconds apart{10};
-    constexpr std::chrono::microseconds turn{200};
-    if (waited < turn || static_cast<Clock::rep>(threads) * (whole - waited) >= whole) {
-      level_ = std::max(0, level_ - 1);
-    } else if ((level_ += kStep) >= kHigh) {
-      until_ = now + apart;
-      level_ = kHigh - kStep;  // one more look
-    }
-  }
-
- private:
-  static constexpr int kStep = 4, kHigh = 16;
-  int level_ = 0;
-  Clock::time_point until_{};
-};
-
 /// Threads that wait for work, and the one that gives it to them.
 class Team {
  public:
@@ -127,29 +96,24 @@ class Team {
   void run(std::size_t threads, Work* work, const void* context) {
     const Turn turn(taken_);
     threads = turn.isMine() ? std::min(threads, size_) : 1;
-    const Clock::time_point begin = Clock::now();
-    if (threads <= 1 || crowding_.isHigh(begin)) return work(context, {0, 1});
+    if (threads <= 1) return work(context, {0, 1});
     work_ = work;
     context_ = context;
     threads_ = threads;
     unfinished_ = size_ - 1;
-    waited_ = {};
     const std::uint32_t seen = finished_.value();
     begun_.change();
     work(context, {0, threads});
-    waited_ += finished_.await(seen);
-    const Clock::time_point end = Clock::now();
-    crowding_.note(end, waited_, end - begin, threads);
+    finished_.await(seen);
   }
 
-  void meet(std::size_t index) {
+  void meet() {
     const std::uint32_t seen = met_.value();
     if (++arrived_ == threads_) {
       arrived_ = 0;
       met_.change();
     } else {
-      const Clock::duration waited = met_.await(seen);
-      if (index == 0) waited_ += waited;
+      met_.await(seen);
     }
   }
 
@@ -199,8 +163,6 @@ class Team {
   Work* work_ = nullptr;
   const void* context_ = nullptr;
   std::size_t threads_ = 1;  ///< that take part in the work
-  Crowding crowding_;
-  Clock::duration waited_{};  ///< by the thread that gave out the work
   std::atomic<std::size_t> unfinished_{0}, arrived_{0};
   Signal begun_, finished_, met_;
 };
@@ -258,7 +220,7 @@ void shareWork(std::size_t threads, Work* work, const void* context) {
 }
 
 void Member::meet() const {
-  if (count > 1) current.load()->meet(index);
+  if (count > 1) current.load()->meet();
 }
 
 }  // namespace host_device
