@@ -2,7 +2,7 @@
 
 Started by bench/run.sh. README.md says what is measured and how to read it.
 """
-import instruction_sets  # first, as it says
+import instruction_sets  # before NumPy
 import argparse
 import json
 import statistics

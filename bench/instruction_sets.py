@@ -1,9 +1,9 @@
 """Instruction sets that a comparison can be limited to with --isa.
 
-To be imported first: the libraries read their limits as they are loaded. ONNX Runtime has none.
+To be imported before NumPy, which reads its limit when it is loaded. ONNX Runtime has no limit.
 """
+import argparse
 import os
-import sys
 from pathlib import Path
 
 LIMITS = {
@@ -18,6 +18,6 @@ def of_processor() -> str:
     return next((name for name in ("avx512bw", "avx2") if name in flags), "neither avx2 nor avx512")
 
 
-for option, value in zip(sys.argv, sys.argv[1:]):
-    if option == "--isa":
-        os.environ.update(LIMITS.get(value, {}))
+arguments = argparse.ArgumentParser(add_help=False)
+arguments.add_argument("--isa")
+os.environ.update(LIMITS.get(arguments.parse_known_args()[0].isa, {}))

@@ -98,9 +98,9 @@ void overGrid(int width, int height, int work, const Body& body) {
   const auto visit = detail::visitIn<Body>(host_device::instructionSet());
   const bool pays = std::int64_t{1} * columns * rows >= 2 * piece;
   host_device::share(pays ? host_device::teamSize() : 1, [&](const host_device::Member& member) {
-    const std::int64_t count = std::int64_t{1} * rows * pieces, threads = member.count;
-    const std::int64_t end = count * (member.index + 1) / threads;
-    for (std::int64_t at = count * member.index / threads; at < end; ++at) {
+    const std::size_t count = std::size_t{1} * rows * pieces;
+    const host_device::Range own = host_device::part(count, member.index, member.count);
+    for (std::size_t at = own.begin; at < own.end; ++at) {
       const int y = static_cast<int>(at / pieces), i = static_cast<int>(at % pieces);
       visit(body, y, i * piece, std::min(columns, (i + 1) * piece));
     }

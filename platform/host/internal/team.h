@@ -6,6 +6,14 @@
 
 namespace host_device {
 
+/// Part `index` of [0, count) cut into `parts` even ones.
+struct Range {
+  std::size_t begin, end;
+};
+inline Range part(std::size_t count, std::size_t index, std::size_t parts) {
+  return {count * index / parts, count * (index + 1) / parts};
+}
+
 /// How many threads may share the calls of this thread, itself included: as many as `useThreads`
 /// or the environment asks for, but no more than there are processors, and no more than could be
 /// started. They are started by the first call that asks.

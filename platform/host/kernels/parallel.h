@@ -10,14 +10,6 @@ namespace host_device {
 
 inline std::size_t dividedUp(std::size_t a, std::size_t b) { return (a + b - 1) / b; }
 
-/// Part `index` of [0, count) cut into `parts` even ones.
-struct Range {
-  std::size_t begin, end;
-};
-inline Range part(std::size_t count, std::size_t index, std::size_t parts) {
-  return {count * index / parts, count * (index + 1) / parts};
-}
-
 /// Calls body(worker, begin, end) for ranges that make up [0, count): one for each thread, or a
 /// single one when there is less to do than it takes to wake the threads. Workers are numbered from
 /// 0 and there are teamSize() at most.
