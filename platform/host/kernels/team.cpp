@@ -4,6 +4,7 @@
 
 #include <linux/futex.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -101,6 +102,7 @@ class Team {
     context_ = context;
     threads_ = threads;
     unfinished_ = size_ - 1;
+    callersProcessor_ = sched_getcpu();
     const std::uint32_t seen = finished_.value();
     begun_.change();
     work(context, {0, threads});
@@ -147,13 +149,30 @@ class Team {
     return started;
   }
 
+  /// Moves this thread to another processor if it is on the caller's. Some systems leave threads
+  /// that sleep often on one processor, where they can only run by turns.
+  void leaveCaller() const {
+    cpu_set_t allowed;
+    if (sched_getcpu() != callersProcessor_ || callersProcessor_ < 0 ||
+        sched_getaffinity(0, sizeof allowed, &allowed) != 0) {
+      return;
+    }
+    cpu_set_t others = allowed;
+    CPU_CLR(callersProcessor_, &others);
+    if (CPU_COUNT(&others) > 0 && sched_setaffinity(0, sizeof others, &others) == 0)
+      sched_setaffinity(0, sizeof allowed, &allowed);
+  }
+
   static void* live(void* place) {
     auto [team, index, seen] = *static_cast<Place*>(place);
     delete static_cast<Place*>(place);
     while (true) {
       team.begun_.await(seen);
       seen = team.begun_.value();
-      if (index < team.threads_) team.work_(team.context_, {index, team.threads_});
+      if (index < team.threads_) {
+        team.leaveCaller();
+        team.work_(team.context_, {index, team.threads_});
+      }
       if (--team.unfinished_ == 0) team.finished_.change();
     }
   }
@@ -163,6 +182,7 @@ class Team {
   Work* work_ = nullptr;
   const void* context_ = nullptr;
   std::size_t threads_ = 1;  ///< that take part in the work
+  int callersProcessor_ = -1;
   std::atomic<std::size_t> unfinished_{0}, arrived_{0};
   Signal begun_, finished_, met_;
 };
