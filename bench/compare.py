@@ -208,7 +208,7 @@ def parse_arguments() -> argparse.Namespace:
                         help="most timed runs of each engine for a network and a batch")
     parser.add_argument("--seconds", type=float, default=20, metavar="S",
                         help=f"most time for them, once there are {FEWEST_ROUNDS}")
-    parser.add_argument("--pause", type=float, default=15, metavar="MS", help="before each run")
+    parser.add_argument("--pause", type=float, default=60, metavar="MS", help="before each run")
     parser.add_argument("--lead", type=int, default=1, metavar="N",
                         help="runs before each timed one that bring the caches back")
     parser.add_argument("--output", type=Path, default="build/bench-results", metavar="DIR",
