@@ -21,7 +21,7 @@
 namespace host_device {
 namespace {
 
-/// A number that threads wait for to change: first awake, as long as waking up would take, then
+/// A number that threads wait for to change: first awake, for longer than waking up takes, then
 /// asleep. Beside another busy process, the one that is waited for may need this very processor.
 class Signal {
  public:
@@ -33,7 +33,7 @@ class Signal {
   /// Returns when the value is no longer `seen`.
   void await(std::uint32_t seen) {
     using Clock = std::chrono::steady_clock;
-    constexpr std::chrono::microseconds awake{50};
+    constexpr std::chrono::microseconds awake{200};
     constexpr int looks = 64;
     for (const auto end = Clock::now() + awake; Clock::now() < end;) {
       for (int i = 0; i < looks; ++i) {
