@@ -2,30 +2,7 @@
 /// What the algorithms share, and the last resort among them.
 #include "algorithm.h"
 
-#include <new>
-#include <utility>
-
 namespace host_device {
-
-PackedFilter packedFilter(cudnnConvolutionFwdAlgo_t id, const Problem& problem, const float* w,
-                          std::size_t floats, void (*pack)(const Problem&, const float*, float*)) {
-  const PackedFilterKey key = {reinterpret_cast<std::intptr_t>(w),
-                               id,
-                               kernels().products.lanes,
-                               problem.c,
-                               problem.k,
-                               problem.vertical.kernel,
-                               problem.horizontal.kernel};
-  if (PackedFilter found = findPacked(w, key)) return found;
-  HostMemory memory = allocateHost(floats * sizeof(float));
-  if (!memory) throw std::bad_alloc();
-  auto* const packed = static_cast<float*>(memory.get());
-  pack(problem, w, packed);
-  PackedFilter made(std::shared_ptr<void>(std::move(memory)), packed);
-  keepPacked(w, key, made);
-  return made;
-}
-
 namespace {
 
 void runLoops(const Problem& problem, const Operands& operands) {

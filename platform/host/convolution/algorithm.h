@@ -21,7 +21,7 @@ struct Problem {
   std::size_t outputPlane() const { return std::size_t{1} * vertical.output * horizontal.output; }
   /// Products that add up to one output.
   std::size_t depth() const { return std::size_t{1} * c * vertical.kernel * horizontal.kernel; }
-  /// Groups of as many output channels as a panel of the packed filter has rows.
+  /// Groups of as many output channels as `multiply` computes rows.
   std::size_t rowGroups() const { return dividedUp(k, kernels().products.rows); }
 };
 
@@ -54,10 +54,6 @@ extern const Algorithm winograd;
 extern const Algorithm panels;
 /// Plain loops, which need nothing: the last resort.
 extern const Algorithm loops;
-
-/// The filter of `problem` as `pack` rearranges it; packed by the first call.
-PackedFilter packedFilter(cudnnConvolutionFwdAlgo_t id, const Problem& problem, const float* w,
-                          std::size_t floats, void (*pack)(const Problem&, const float*, float*));
 
 /// Deals out a workspace, from the first cache line in it.
 class Scratch {

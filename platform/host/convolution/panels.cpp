@@ -12,21 +12,8 @@ namespace {
 /// A thread gathers as many panels at once as stay in its second cache.
 constexpr std::size_t kAtOnceBytes = std::size_t{128} << 10;
 constexpr std::size_t kMostPanels = 8;
-
-/// Packed as [row group][depth][row].
-void packPanels(const Problem& problem, const float* w, float* packed) {
-  const std::size_t rows = kernels().products.rows, depth = problem.depth();
-  forRanges(problem.rowGroups(), rows * depth, [&](std::size_t begin, std::size_t end) {
-    float* to = packed + begin * depth * rows;
-    for (std::size_t group = begin; group < end; ++group) {
-      for (std::size_t d = 0; d < depth; ++d) {
-        for (std::size_t k = group * rows; k < (group + 1) * rows; ++k) {
-          *to++ = k < static_cast<std::size_t>(problem.k) ? w[k * depth + d] : 0.0f;
-        }
-      }
-    }
-  });
-}
+/// So few columns do not fill a vector: they are multiplied one by one.
+constexpr std::size_t kNarrow = 4;
 
 bool isPointwise(const Problem& problem) {
   const auto pointwise = [](const Axis& axis) {
@@ -94,12 +81,8 @@ struct Grid {
 
 class Product {
  public:
-  Product(const Problem& problem, const Operands& operands, const float* filter)
-      : problem_(problem),
-        operands_(operands),
-        filter_(filter),
-        phases_(problem),
-        pointwise_(isPointwise(problem)) {
+  Product(const Problem& problem, const Operands& operands)
+      : problem_(problem), operands_(operands), phases_(problem), pointwise_(isPointwise(problem)) {
     Scratch scratch(operands);
     const std::size_t perImage = imageFloats(problem);
     const std::size_t room = scratch.floatsLeft() - fixedFloats;
@@ -157,7 +140,9 @@ class Product {
   /// A vector may be read past the end of the copy.
   static constexpr std::size_t fixedFloats = kMostLanes;
 
+  /// Row by row, or, if it is narrow, column by column.
   struct Panel {
+    bool narrow;
     std::size_t width;
     float* data;
     int inputRuns, outputRuns;
@@ -196,7 +181,8 @@ class Product {
       for (std::size_t p = inRound.begin; p < inRound.end; ++p) {
         const Range own = p < wide ? part(vectors, p, wide) : Range{vectors, vectors};
         Panel& panel = panels[filled++];
-        panel.width = p < wide ? (own.end - own.begin) * lanes : kNarrow;
+        panel.narrow = p == wide;
+        panel.width = panel.narrow ? count - vectors * lanes : (own.end - own.begin) * lanes;
         panel.data = data;
         data += panel.width * depth + kMostLanes;
         const std::size_t begin = columns.begin + own.begin * lanes;
@@ -217,21 +203,26 @@ class Product {
     const std::size_t depth = problem_.depth(), plane = problem_.outputPlane();
     const std::size_t k = group * products_.rows;
     const int rows = static_cast<int>(std::min<std::size_t>(products_.rows, problem_.k - k));
-    const float* const filter = filter_ + group * depth * products_.rows;
+    const float* const filter = operands_.w + k * depth;
     const float* const bias = operands_.bias ? operands_.bias + k : nullptr;
     float* const to = y + k * plane;
-    const std::size_t vectors = panel.width / products_.lanes;
-    if (vectors == 0) {
-      products_.multiplyNarrow(depth, filter, panel.data, tile, panel.width);
+    if (panel.narrow) {
+      products_.dotProducts(depth, filter, depth, rows, panel.data, depth,
+                            static_cast<int>(panel.width), tile, panel.width);
     } else {
       fetchOutputs(panel, to, rows);
       const Run& first = panel.outputs[0];
-      const auto product = products_.multiply[vectors - 1];
+      const auto product = products_.multiply[panel.width / products_.lanes - 1];
       if (rows == products_.rows && first.count == static_cast<int>(panel.width)) {
-        product(depth, filter, panel.data, bias, to + first.from, plane);
+        product(depth, filter, depth, 1, panel.data, bias, to + first.from, plane);
         return;
       }
-      product(depth, filter, panel.data, nullptr, tile, panel.width);
+      if (rows == products_.rows) {
+        product(depth, filter, depth, 1, panel.data, nullptr, tile, panel.width);
+      } else {  // of few rows, each takes the places of all
+        for (int r = 0; r < rows; ++r)
+          product(depth, filter + r * depth, 0, 1, panel.data, nullptr, tile + r * panel.width, 0);
+      }
     }
     for (int i = 0; i < panel.outputRuns; ++i) {
       const Run& run = panel.outputs[i];
@@ -298,15 +289,25 @@ class Product {
         ++c;
       }
       for (std::size_t p = 0; p < count; ++p) {
-        products_.gather(x, offsets, rows, panels[p].inputs, panels[p].inputRuns,
-                         panels[p].data + d * panels[p].width, panels[p].width, !pointwise_);
+        const Panel& panel = panels[p];
+        if (!panel.narrow) {
+          products_.gather(x, offsets, rows, panel.inputs, panel.inputRuns,
+                           panel.data + d * panel.width, panel.width, !pointwise_);
+          continue;
+        }
+        for (int i = 0; i < panel.inputRuns; ++i) {
+          for (int j = 0; j < panel.inputs[i].count; ++j) {
+            const Run column = {panel.inputs[i].from + j, 0, 1};
+            products_.gather(x, offsets, rows, &column, 1,
+                             panel.data + (panel.inputs[i].to + j) * depth + d, 1, false);
+          }
+        }
       }
     }
   }
 
   const Problem& problem_;
   const Operands& operands_;
-  const float* filter_;
   const Products& products_ = kernels().products;
   const Phases phases_;
   const bool pointwise_;
@@ -319,9 +320,7 @@ std::size_t panelsWorkspace(const Problem& problem) {
 }
 
 void runPanels(const Problem& problem, const Operands& operands) {
-  const std::size_t floats = problem.rowGroups() * problem.depth() * kernels().products.rows;
-  const auto filter = packedFilter(panels.id, problem, operands.w, floats, packPanels);
-  Product(problem, operands, filter.get()).run();
+  Product(problem, operands).run();
 }
 
 }  // namespace

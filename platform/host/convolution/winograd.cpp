@@ -4,6 +4,8 @@
 /// (channels, tiles), which takes a quarter of the multiplications for 3 x 3 and about a third for
 /// 5 x 5.
 #include <algorithm>
+#include <new>
+#include <utility>
 
 #include "algorithm.h"
 
@@ -13,8 +15,13 @@ namespace {
 /// A transformed panel of more bytes would not stay in a core's own cache beside filter and
 /// products.
 constexpr std::size_t kPanelBytes = std::size_t{704} << 10;
-/// A filter of more bytes does not stay in a cache from panel to panel.
+/// A transformed filter of more bytes does not stay in a cache from panel to panel.
 constexpr std::size_t kFilterBytes = std::size_t{8} << 20;
+/// Of a filter that is not read again from panel to panel, a thread transforms so many bytes at
+/// once.
+constexpr std::size_t kPieceBytes = std::size_t{2} << 20;
+/// With fewer tiles, to transform the filter takes more than a fortieth of the time.
+constexpr std::size_t kTilesToKeep = 256;
 /// Transformed tiles of more bytes would not stay in any cache.
 constexpr std::size_t kChunkBytes = std::size_t{16} << 20;
 
@@ -35,20 +42,6 @@ bool winogradPays(const Problem& problem) {
   const std::size_t tiles = dividedUp(problem.vertical.output, outputs) *
                             dividedUp(problem.horizontal.output, outputs) * problem.n;
   return problem.c >= 8 && problem.k >= 8 && tiles >= 8;
-}
-
-/// Packed as [frequency][row group][channel][row].
-void packWinograd(const Problem& problem, const float* w, float* packed) {
-  const int rows = kernels().products.rows;
-  const std::size_t groups = problem.rowGroups(), group = std::size_t{1} * problem.c * rows;
-  const auto transform = kernels().winograd.filter[sizeIndex(problem)];
-  forRanges(groups, kFrequencies * group, [&](std::size_t begin, std::size_t end) {
-    for (std::size_t i = begin; i < end; ++i) {
-      const int first = static_cast<int>(i) * rows;
-      transform(w + first * problem.depth(), std::min(rows, problem.k - first), problem.c,
-                packed + i * group, groups * group);
-    }
-  });
 }
 
 /// A row of neighbouring tiles of one image, and its place in a panel.
@@ -127,44 +120,55 @@ void scatter(const Problem& problem, const Tiles& tiles, const Strip& strip, con
 /// filter, frequency by frequency, and transformed back.
 ///
 /// Of many panels each thread has its own and takes them through all of this a few rows of the
-/// filter at a time, so that nothing leaves the core's cache. Of few panels, or with a filter that
-/// is too large to be read for each of them, the threads share chunks, and each reads a part of the
-/// filter.
+/// filter at a time, so that nothing leaves the core's cache; the threads transform the filter
+/// together. Of few panels, or with a filter that is too large to be read for each of them, the
+/// threads share chunks, and each transforms its part of the filter piece by piece.
+///
+/// The transformed filter is four times as large as a filter of 3 x 3. It is kept where there are
+/// few tiles, from the second call on: who runs a network once should not wait for the memory.
 class Pass {
  public:
-  Pass(const Problem& problem, const Operands& operands, const float* filter)
+  Pass(const Problem& problem, const Operands& operands)
       : problem_(problem),
         operands_(operands),
-        filter_(filter),
         tiles_(problem),
         groups_(problem.rowGroups()),
         vectors_(dividedUp(tiles_.count, kernels_.products.lanes)),
         threads_(teamSize()) {
+    const std::size_t wholeFilter = filterFloats(problem, groups_);
+    filterStride_ = strideOf(filterLines(problem, groups_));
+    if (tiles_.count < kTilesToKeep) kept_ = keptFilter();
     Scratch scratch(operands);
     const std::size_t room = scratch.floatsLeft(), panelFloats = inputFloats(problem, 1);
     widest_ = std::clamp<std::size_t>(kPanelBytes / sizeof(float) / panelFloats, 1, kWidest);
     apart_ = panelFloats * sizeof(float) <= kPanelBytes &&
-             filterFloats(problem) * sizeof(float) <= kFilterBytes &&
-             vectors_ >= kVectorsApart * threads_ &&
-             threads_ * apartFloats(problem, widest_) <= room;
+             wholeFilter * sizeof(float) <= kFilterBytes && vectors_ >= kVectorsApart * threads_ &&
+             (kept_ ? 0 : wholeFilter) + threads_ * apartFloats(problem, widest_) <= room;
+    piece_ = groups_;
+    std::size_t pieces = kept_ ? 0 : 1;
     if (apart_) {
       chunk_ = widest_;
     } else {
       widest_ = kWidest;
-      const std::size_t most =
-          std::min(room, std::max(kChunkBytes / sizeof(float), sharedFloats(problem, 1)));
-      const std::size_t fixed = sharedFloats(problem, 0);
-      const std::size_t fitting = (most - fixed) / (sharedFloats(problem, 1) - fixed);
+      const std::size_t least = sharedFloats(problem, 1), fixed = sharedFloats(problem, 0);
+      if (!kept_) {
+        const std::size_t onePiece = filterFloats(problem, 1);
+        threads_ = std::clamp<std::size_t>((room - least) / onePiece, 1, threads_);
+        pieces = threads_;
+        piece_ = std::clamp<std::size_t>(
+            std::min(kPieceBytes / sizeof(float), (room - least) / pieces) / onePiece, 1,
+            dividedUp(groups_, threads_));
+        filterStride_ = strideOf(filterLines(problem, piece_));
+      }
+      const std::size_t most = std::min(room - pieces * filterFloats(problem, piece_),
+                                        std::max(kChunkBytes / sizeof(float), least));
+      const std::size_t fitting = (most - fixed) / (least - fixed);
       chunk_ = dividedUp(vectors_, dividedUp(vectors_, fitting));
     }
-    // An odd number of cache lines, lest all frequencies compete for the same places in the cache.
-    frequencyStride_ = (linesOf(problem, chunk_) | 1) * Scratch::line;
+    frequencyStride_ = strideOf(linesOf(problem, chunk_));
+    filters_ = scratch.take(pieces * filterFloats(problem, piece_));
     inputs_ = scratch.take(inputFloats(problem, chunk_) * (apart_ ? threads_ : 1));
     products_ = scratch.take(apart_ ? productFloats() * threads_ : 0);
-  }
-
-  static std::size_t filterFloats(const Problem& problem) {
-    return kFrequencies * problem.rowGroups() * problem.c * kernels().products.rows;
   }
 
   /// Floats of workspace for a chunk of `vectors` vectors of tiles that threads share.
@@ -173,11 +177,19 @@ class Pass {
                                                kernels().products.rows * vectors *
                                                kernels().products.lanes;
   }
+  /// Floats of `groups` groups of rows of the transformed filter.
+  static std::size_t filterFloats(const Problem& problem, std::size_t groups) {
+    return kFrequencies * (filterLines(problem, groups) + 1) * Scratch::line;
+  }
 
   void run() const {
     share(threads_, [&](const Member& member) {
       const std::size_t thread = member.index, threads = member.count;
       if (apart_) {
+        if (!kept_) {
+          transformFilter(part(groups_, thread, threads), filters_, 0);
+          member.meet();
+        }
         runApart(part(vectors_, thread, threads),
                  inputs_ + thread * kFrequencies * frequencyStride_,
                  products_ + thread * productFloats());
@@ -206,12 +218,21 @@ class Pass {
     std::size_t start;  ///< tiles from the start of the chunk
   };
 
-  /// Cache lines of one frequency of `vectors` vectors of tiles.
+  /// One frequency of a group of rows, to the end of a vector.
+  static std::size_t groupFloats(const Problem& problem) {
+    return Scratch::lines(std::size_t{1} * problem.c * kernels().products.rows);
+  }
+  /// Cache lines of one frequency of `groups` groups of rows, and of `vectors` vectors of tiles.
+  static std::size_t filterLines(const Problem& problem, std::size_t groups) {
+    return groups * groupFloats(problem) / Scratch::line;
+  }
   static std::size_t linesOf(const Problem& problem, std::size_t vectors) {
     return vectors *
            dividedUp(std::size_t{1} * kernels().products.lanes * problem.c, Scratch::line);
   }
-  /// One line more than needed allows for an odd distance between frequencies.
+  /// The distance between frequencies is an odd number of lines, lest all of them compete for the
+  /// same places in the cache. Where memory is counted, one line more than needed allows for that.
+  static std::size_t strideOf(std::size_t lines) { return (lines | 1) * Scratch::line; }
   static std::size_t inputFloats(const Problem& problem, std::size_t vectors) {
     return kFrequencies * (linesOf(problem, vectors) + 1) * Scratch::line;
   }
@@ -246,7 +267,9 @@ class Pass {
       const std::size_t atOnce = kGroupsAtOnce * kWidest / at.vectors;
       for (std::size_t group = 0; group < groups_; group += atOnce) {
         const Range groups = {group, std::min(group + atOnce, groups_)};
-        for (int f = 0; f < kFrequencies; ++f) multiply(at, f, groups, input, products);
+        for (int f = 0; f < kFrequencies; ++f) {
+          multiply(at, f, groups, input, whole() + group * groupFloats(problem_), products);
+        }
         transformBack(at, rowsOf(groups), products);
       }
     }
@@ -258,13 +281,33 @@ class Pass {
              [&](std::size_t p, Range own) { transform(panel(chunk, p), own, inputs_); });
   }
   void multiplyShared(Range chunk, std::size_t thread, std::size_t threads) const {
-    forShare(kFrequencies, groups_, thread, threads, [&](std::size_t frequency, Range own) {
+    if (kept_) {
+      forShare(kFrequencies, groups_, thread, threads, [&](std::size_t frequency, Range own) {
+        multiplyShared(chunk, {frequency, frequency + 1}, own,
+                       whole() + own.begin * groupFloats(problem_));
+      });
+      return;
+    }
+    // Each thread has a part of the groups, or, of more threads than groups, of the frequencies.
+    const std::size_t parts = std::min(threads, groups_), splits = threads / parts;
+    if (thread >= parts * splits) return;
+    const Range own = part(groups_, thread % parts, parts);
+    float* const filter = filters_ + thread * filterFloats(problem_, piece_);
+    for (std::size_t begin = own.begin; begin < own.end; begin += piece_) {
+      const Range groups = {begin, std::min(begin + piece_, own.end)};
+      transformFilter(groups, filter, begin);
+      multiplyShared(chunk, part(kFrequencies, thread / parts, splits), groups, filter);
+    }
+  }
+  /// `filter` starts with the first of those groups.
+  void multiplyShared(Range chunk, Range frequencies, Range groups, const float* filter) const {
+    for (std::size_t f = frequencies.begin; f < frequencies.end; ++f) {
       for (std::size_t p = 0; p < panelCount(chunk); ++p) {
         const Panel at = panel(chunk, p);
-        multiply(at, static_cast<int>(frequency), own, inputs_,
-                 productsOf(at) + own.begin * kernels_.products.rows * kFrequencies * at.tiles);
+        multiply(at, static_cast<int>(f), groups, inputs_, filter,
+                 productsOf(at) + groups.begin * kernels_.products.rows * kFrequencies * at.tiles);
       }
-    });
+    }
   }
   void transformBackShared(Range chunk, std::size_t thread, std::size_t threads) const {
     const std::size_t rows = problem_.k;
@@ -294,6 +337,44 @@ class Pass {
             std::min<std::size_t>(groups.end * kernels_.products.rows, problem_.k)};
   }
 
+  /// Null for the first call, which leaves a mark that the next one finds.
+  KeptFilter keptFilter() const {
+    const KeptFilterKey key = {reinterpret_cast<std::intptr_t>(operands_.w),
+                               winograd.id,
+                               kernels_.products.lanes,
+                               problem_.c,
+                               problem_.k,
+                               problem_.vertical.kernel,
+                               problem_.horizontal.kernel};
+    const auto found = findKept(operands_.w, key);
+    if (found && *found) return *found;
+    KeptFilter made;
+    if (found) {
+      HostMemory memory = allocateHost(filterFloats(problem_, groups_) * sizeof(float));
+      if (!memory) throw std::bad_alloc();
+      auto* const filter = static_cast<float*>(memory.get());
+      forRanges(groups_, kFrequencies * groupFloats(problem_),
+                [&](std::size_t begin, std::size_t end) {
+                  transformFilter({begin, end}, filter, 0);
+                });
+      made = KeptFilter(std::shared_ptr<void>(std::move(memory)), filter);
+    }
+    keepFilter(operands_.w, key, made);
+    return made;
+  }
+  const float* whole() const { return kept_ ? kept_.get() : filters_; }
+
+  /// Those groups of rows of the filter, to `filters`, which starts with group `first`.
+  void transformFilter(Range groups, float* filters, std::size_t first) const {
+    const int rows = kernels_.products.rows;
+    for (std::size_t group = groups.begin; group < groups.end; ++group) {
+      const int k = static_cast<int>(group) * rows;
+      kernels_.winograd.filter[sizeIndex(problem_)](
+          operands_.w + k * problem_.depth(), std::min(rows, problem_.k - k), problem_.c,
+          filters + (group - first) * groupFloats(problem_), filterStride_);
+    }
+  }
+
   /// Those channels of a panel, to their place in the chunk.
   void transform(const Panel& at, Range channels, float* inputs) const {
     // Two groups of 4 columns, or three of 2. Tiles beyond the last one stay zero.
@@ -309,17 +390,16 @@ class Pass {
     }
   }
 
-  /// One frequency of those groups of rows; `products` starts with the first of them.
+  /// One frequency of those groups of rows; `filters` and `products` start with the first of them.
   void multiply(const Panel& at, int frequency, Range groups, const float* inputs,
-                float* products) const {
-    const std::size_t groupFloats = std::size_t{1} * problem_.c * kernels_.products.rows;
+                const float* filters, float* products) const {
     const float* const input = inputs + frequency * frequencyStride_ + at.start * problem_.c;
-    const float* filter = filter_ + (frequency * groups_ + groups.begin) * groupFloats;
+    const float* filter = filters + frequency * filterStride_;
     float* to = products + frequency * at.tiles;
     for (std::size_t group = groups.begin; group < groups.end; ++group) {
-      kernels_.products.multiply[at.vectors - 1](problem_.c, filter, input, nullptr, to,
-                                                 kFrequencies * at.tiles);
-      filter += groupFloats;
+      kernels_.products.multiply[at.vectors - 1](problem_.c, filter, 1, kernels_.products.rows,
+                                                 input, nullptr, to, kFrequencies * at.tiles);
+      filter += groupFloats(problem_);
       to += kernels_.products.rows * kFrequencies * at.tiles;
     }
   }
@@ -341,23 +421,24 @@ class Pass {
 
   const Problem& problem_;
   const Operands& operands_;
-  const float* filter_;
   const Kernels& kernels_ = kernels();
   const Tiles tiles_;
-  const std::size_t groups_, vectors_, threads_;
+  const std::size_t groups_, vectors_;
+  std::size_t threads_;
+  KeptFilter kept_;
   bool apart_;
-  std::size_t widest_, chunk_, frequencyStride_;
-  float *inputs_, *products_;
+  /// Groups of rows in a piece of the filter, vectors in a panel at most and in a chunk.
+  std::size_t piece_, widest_, chunk_;
+  std::size_t filterStride_, frequencyStride_;
+  float *filters_, *inputs_, *products_;
 };
 
 std::size_t winogradWorkspace(const Problem& problem) {
-  return Scratch::bytes(Pass::sharedFloats(problem, 1));
+  return Scratch::bytes(Pass::sharedFloats(problem, 1) + Pass::filterFloats(problem, 1));
 }
 
 void runWinograd(const Problem& problem, const Operands& operands) {
-  const auto filter =
-      packedFilter(winograd.id, problem, operands.w, Pass::filterFloats(problem), packWinograd);
-  Pass(problem, operands, filter.get()).run();
+  Pass(problem, operands).run();
 }
 
 }  // namespace

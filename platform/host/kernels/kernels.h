@@ -25,9 +25,7 @@ constexpr int kFrequencies = kTile * kTile;
 constexpr int kWinogradSizes[] = {4, 2};
 /// Vectors in the widest panel of columns that `multiply` takes.
 constexpr int kWidest = 3;
-/// Columns that `multiplyNarrow` takes.
-constexpr int kNarrow = 4;
-/// No instruction set has more floats in a vector, or rows in a packed panel.
+/// No instruction set has more floats in a vector, or rows that `multiply` computes.
 constexpr int kMostLanes = 16;
 constexpr int kMostRows = 8;
 /// Rows that pooling combines before it combines their columns: a vector can be read again only
@@ -43,17 +41,13 @@ struct Run {
 /// Matrix products and what convolutions do around them.
 struct Products {
   int lanes;  ///< floats in a vector
-  int rows;   ///< rows of a packed panel of a left factor
+  int rows;   ///< rows that `multiply` computes
 
-  /// c[r * stride + j] = sum over d of a[d * rows + r] * b[d * width + j] for all `rows` rows and
-  /// `width` = (index + 1) * lanes columns; with a bias, plus bias[r], and rectified, a NaN
-  /// becoming 0.
-  void (*multiply[kWidest])(std::size_t depth, const float* a, const float* b, const float* bias,
-                            float* c, std::size_t stride);
-
-  /// The same without a bias for kNarrow columns, too few to fill a vector.
-  void (*multiplyNarrow)(std::size_t depth, const float* a, const float* b, float* c,
-                         std::size_t stride);
+  /// c[r * stride + j] = sum over d of a[r * aRow + d * aStep] * b[d * width + j] for all `rows`
+  /// rows and `width` = (index + 1) * lanes columns; with a bias, plus bias[r], and rectified, a
+  /// NaN becoming 0.
+  void (*multiply[kWidest])(std::size_t depth, const float* a, std::size_t aRow, std::size_t aStep,
+                            const float* b, const float* bias, float* c, std::size_t stride);
 
   /// sums[i * stride + j] = a_i * b_j for i < aCount and j < bCount, vectors of `size` floats that
   /// lie aStride and bStride apart.
@@ -75,10 +69,11 @@ struct Products {
 
 /// The transforms of Winograd's minimal filtering, for each of kWinogradSizes.
 struct Winograd {
-  /// Transforms the filters of `rows` output channels, at most as many as a packed panel has, of
-  /// `channels` channels each. Frequency f of channel c goes to packed + f * stride + c * (rows of
-  /// a panel), with zeros for the rows that are missing.
-  void (*filter[2])(const float* w, int rows, int channels, float* packed, std::size_t stride);
+  /// Transforms the filters of `rows` output channels, at least one and at most as many as
+  /// `multiply` computes, of `channels` channels each. Frequency f of channel c goes to
+  /// transformed + f * stride + c * (rows of `multiply`), and the last row to the places of those
+  /// that are missing. Up to a vector more is written.
+  void (*filter[2])(const float* w, int rows, int channels, float* transformed, std::size_t stride);
   /// Transforms `vectors` * lanes tiles. x holds, for each group of as many columns as a tile has
   /// outputs, 6 rows of these columns, tile after tile. Frequency f goes to v + f * stride.
   void (*input[2])(const float* x, int vectors, float* v, std::size_t stride);

@@ -13,22 +13,23 @@ namespace {
 
 /// All loops over `sum` are unrolled, so that it never is an array in memory.
 template <int Width>
-void multiply(std::size_t depth, const float* __restrict a, const float* __restrict b,
-              const float* bias, float* __restrict c, std::size_t stride) {
+void multiply(std::size_t depth, const float* __restrict a, std::size_t aRow, std::size_t aStep,
+              const float* __restrict b, const float* bias, float* __restrict c,
+              std::size_t stride) {
   Vector sum[kRows][Width];
 #pragma GCC unroll 8
   for (auto& row : sum) {
 #pragma GCC unroll 8
     for (Vector& each : row) each = Vector{};
   }
-  for (std::size_t d = 0; d < depth; ++d, a += kRows, b += Width * kLanes) {
+  for (std::size_t d = 0; d < depth; ++d, a += aStep, b += Width * kLanes) {
     Vector column[Width];
 #pragma GCC unroll 8
     for (int j = 0; j < Width; ++j) load(b + j * kLanes, column[j]);
 #pragma GCC unroll 8
     for (int r = 0; r < kRows; ++r) {
 #pragma GCC unroll 8
-      for (int j = 0; j < Width; ++j) sum[r][j] += a[r] * column[j];
+      for (int j = 0; j < Width; ++j) sum[r][j] += a[r * aRow] * column[j];
     }
   }
   if (bias) {
@@ -42,32 +43,6 @@ void multiply(std::size_t depth, const float* __restrict a, const float* __restr
   for (int r = 0; r < kRows; ++r, c += stride) {
 #pragma GCC unroll 8
     for (int j = 0; j < Width; ++j) store(sum[r][j], c + j * kLanes);
-  }
-}
-
-using Rows = VectorOf<kRows>::unaligned;
-
-[[gnu::always_inline]] inline void addProducts(const float* a, const float* b,
-                                               Rows (&sum)[kNarrow]) {
-  const Rows rows = *reinterpret_cast<const Rows*>(a);
-#pragma GCC unroll 8
-  for (int j = 0; j < kNarrow; ++j) sum[j] += rows * b[j];
-}
-
-/// Vectors run along the rows here, as the columns would fill but a part of one. Products of even
-/// and odd depth have sums of their own: few sums would wait for each other.
-void multiplyNarrow(std::size_t depth, const float* __restrict a, const float* __restrict b,
-                    float* __restrict c, std::size_t stride) {
-  Rows even[kNarrow] = {}, odd[kNarrow] = {};
-  for (; depth >= 2; depth -= 2, a += 2 * kRows, b += 2 * kNarrow) {
-    addProducts(a, b, even);
-    addProducts(a + kRows, b + kNarrow, odd);
-  }
-  if (depth > 0) addProducts(a, b, even);
-#pragma GCC unroll 8
-  for (int j = 0; j < kNarrow; ++j) {
-    const Rows total = even[j] + odd[j];
-    for (int r = 0; r < kRows; ++r) c[r * stride + j] = total[r];
   }
 }
 
@@ -178,8 +153,7 @@ void dotProducts(std::size_t size, const float* a, std::size_t aStride, int aCou
 }  // namespace
 
 const Products HOST_DEVICE_SET::products = {
-    kLanes, kRows,     {multiply<1>, multiply<2>, multiply<3>}, multiplyNarrow, dotProducts,
-    gather, storeRows,
+    kLanes, kRows, {multiply<1>, multiply<2>, multiply<3>}, dotProducts, gather, storeRows,
 };
 
 }  // namespace host_device

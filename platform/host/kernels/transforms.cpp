@@ -8,9 +8,11 @@ namespace host_device {
 namespace {
 
 /// The elements of one half of a and b in turn.
-template <int Half, int... I>
-inline void inTurn(const Vector& a, const Vector& b, Vector& to, Indices<I...>) {
-  to = __builtin_shufflevector(a, b, (I / 2 + Half * kLanes / 2 + I % 2 * kLanes)...);
+template <int Half, int Count, int... I>
+[[gnu::always_inline]] inline void inTurn(const typename VectorOf<Count>::type& a,
+                                          const typename VectorOf<Count>::type& b,
+                                          typename VectorOf<Count>::type& to, Indices<I...>) {
+  to = __builtin_shufflevector(a, b, (I / 2 + Half * Count / 2 + I % 2 * Count)...);
 }
 
 /// Splits the even from the odd elements.
@@ -21,8 +23,8 @@ inline void split(const Vector& a, const Vector& b, Vector& even, Vector& odd) {
   even = result;
 }
 inline void merge(const Vector& even, const Vector& odd, Vector& a, Vector& b) {
-  inTurn<0>(even, odd, a, IndicesBelow<kLanes>());
-  inTurn<1>(even, odd, b, IndicesBelow<kLanes>());
+  inTurn<0, kLanes>(even, odd, a, IndicesBelow<kLanes>());
+  inTurn<1, kLanes>(even, odd, b, IndicesBelow<kLanes>());
 }
 
 /// Reads `Size` neighbouring columns of the rows of kLanes tiles.
@@ -81,61 +83,117 @@ inline void transformOutput(const Vector& m0, const Vector& m1, const Vector& m2
   y[1] = (m1 - m2) + 2.0f * (m3 - m4) + m5;
 }
 
-/// The transform of a filter along one direction: row i holds the powers of the i-th point, scaled;
-/// the last point is infinity.
-template <int Kernel>
-struct FilterTransform {
-  constexpr FilterTransform() {
-    constexpr double points[] = {0, 1, -1, 2, -2};
-    constexpr double scales[] = {1.0 / 4, -1.0 / 6, -1.0 / 6, 1.0 / 24, 1.0 / 24};
-    for (int i = 0; i < kTile - 1; ++i) {
-      double power = scales[i];
-      for (int j = 0; j < Kernel; ++j, power *= points[i]) factors[i][j] = power;
+/// Along one direction of a filter; the results lack their `FilterScales`.
+inline void transformFilter(const Vector (&g)[3], Vector (&t)[kTile]) {
+  const Vector even1 = g[0] + g[2], even2 = g[0] + 4.0f * g[2], odd2 = 2.0f * g[1];
+  t[0] = g[0];
+  t[1] = even1 + g[1];
+  t[2] = even1 - g[1];
+  t[3] = even2 + odd2;
+  t[4] = even2 - odd2;
+  t[5] = g[2];
+}
+inline void transformFilter(const Vector (&g)[5], Vector (&t)[kTile]) {
+  const Vector even1 = g[0] + g[2] + g[4], odd1 = g[1] + g[3];
+  const Vector even2 = g[0] + 4.0f * g[2] + 16.0f * g[4], odd2 = 2.0f * (g[1] + 4.0f * g[3]);
+  t[0] = g[0];
+  t[1] = even1 + odd1;
+  t[2] = even1 - odd1;
+  t[3] = even2 + odd2;
+  t[4] = even2 - odd2;
+  t[5] = g[4];
+}
+struct FilterScales {
+  constexpr FilterScales() {
+    constexpr double scales[] = {1.0 / 4, -1.0 / 6, -1.0 / 6, 1.0 / 24, 1.0 / 24, 1};
+    for (int i = 0; i < kTile; ++i) {
+      for (int j = 0; j < kTile; ++j) of[i][j] = static_cast<float>(scales[i] * scales[j]);
     }
-    factors[kTile - 1][Kernel - 1] = 1;
   }
-  double factors[kTile][Kernel] = {};
+  float of[kTile][kTile] = {};
 };
 
-/// In double precision, so that only the result is rounded. A few channels at a time, so that each
-/// of the 36 places that are written to gets whole cache lines.
+/// Transposes kRows rows of as many floats: their elements in turn, as often as kRows is halved.
+[[gnu::always_inline]] inline void transpose(VectorOf<kRows>::type (&rows)[kRows]) {
+#pragma GCC unroll 8
+  for (int size = kRows; size > 1; size /= 2) {
+    VectorOf<kRows>::type turned[kRows];
+#pragma GCC unroll 8
+    for (int i = 0; i < kRows / 2; ++i) {
+      inTurn<0, kRows>(rows[i], rows[i + kRows / 2], turned[2 * i], IndicesBelow<kRows>());
+      inTurn<1, kRows>(rows[i], rows[i + kRows / 2], turned[2 * i + 1], IndicesBelow<kRows>());
+    }
+#pragma GCC unroll 8
+    for (int i = 0; i < kRows; ++i) rows[i] = turned[i];
+  }
+}
+
+/// Puts the rows of each tap of `channels` neighbouring channels side by side: taken[tap] holds
+/// them channel by channel. The last of the rows takes the places of those that are missing.
+template <int Taps, int Size>
+[[gnu::always_inline]] inline void takeTaps(const float* w, std::size_t row, int rows, int channels,
+                                            float (&taken)[Taps][Size]) {
+  const float* from[kRows];
+  for (int r = 0; r < kRows; ++r) from[r] = w + (r < rows ? r : rows - 1) * row;
+  const int values = channels * Taps;
+  int value = 0, tap = 0, column = 0;
+  const auto next = [&]() -> float* {
+    float* const to = taken[tap] + column;
+    if (++tap == Taps) {
+      tap = 0;
+      column += kRows;
+    }
+    return to;
+  };
+  for (; value + kRows <= values; value += kRows) {
+    VectorOf<kRows>::type block[kRows];
+#pragma GCC unroll 8
+    for (int r = 0; r < kRows; ++r) load<kRows>(from[r] + value, block[r]);
+    transpose(block);
+#pragma GCC unroll 8
+    for (int i = 0; i < kRows; ++i) store<kRows>(block[i], next());
+  }
+  for (; value < values; ++value) {
+    float* const to = next();
+    for (int r = 0; r < kRows; ++r) to[r] = from[r][value];
+  }
+  for (int i = channels * kRows; i % kLanes != 0; ++i) {  // what only fills a vector
+    for (auto& each : taken) each[i] = 0;
+  }
+}
+
+/// Vectors hold the rows of one or more channels.
 template <int Kernel>
-void filter(const float* w, int rows, int channels, float* packed, std::size_t stride) {
-  typedef double Column [[gnu::vector_size(kRows * sizeof(double))]];
-  constexpr FilterTransform<Kernel> transform;
+void filter(const float* w, int rows, int channels, float* transformed, std::size_t stride) {
+  constexpr FilterScales scales;
   constexpr int taps = Kernel * Kernel, atOnce = 16;
-  const std::size_t row = std::size_t{1} * channels * taps;
+  float taken[taps][atOnce * kRows];
   for (int first = 0; first < channels; first += atOnce) {
     const int count = channels - first < atOnce ? channels - first : atOnce;
-    float transformed[kFrequencies][atOnce * kRows];
-    for (int c = 0; c < count; ++c) {
-      const float* const from = w + (std::size_t{1} * first + c) * taps;
-      double taken[taps][kRows] = {};
-      for (int r = 0; r < rows; ++r) {
-        for (int i = 0; i < taps; ++i) taken[i][r] = from[r * row + i];
-      }
-      Column half[kTile][Kernel];
+    takeTaps(w + std::size_t{1} * first * taps, std::size_t{1} * channels * taps, rows, count,
+             taken);
+    for (int i = 0; i < count * kRows; i += kLanes, transformed += kLanes) {
+      Vector half[kTile][Kernel];
+#pragma GCC unroll 8
       for (int v = 0; v < Kernel; ++v) {
-        Column tap[Kernel];
-        for (int u = 0; u < Kernel; ++u)
-          __builtin_memcpy(&tap[u], taken[u * Kernel + v], sizeof tap[u]);
-        for (int i = 0; i < kTile; ++i) {
-          half[i][v] = transform.factors[i][0] * tap[0];
-          for (int u = 1; u < Kernel; ++u) half[i][v] += transform.factors[i][u] * tap[u];
+        Vector g[Kernel], t[kTile];
+#pragma GCC unroll 8
+        for (int u = 0; u < Kernel; ++u) load(taken[u * Kernel + v] + i, g[u]);
+        transformFilter(g, t);
+#pragma GCC unroll 8
+        for (int u = 0; u < kTile; ++u) half[u][v] = t[u];
+      }
+      float* to = transformed;
+#pragma GCC unroll 8
+      for (int u = 0; u < kTile; ++u) {
+        Vector t[kTile];
+        transformFilter(half[u], t);
+#pragma GCC unroll 8
+        for (int v = 0; v < kTile; ++v, to += stride) {
+          t[v] *= scales.of[u][v];
+          store(t[v], to);
         }
       }
-      for (int i = 0; i < kTile; ++i) {
-        for (int j = 0; j < kTile; ++j) {
-          Column sum = transform.factors[j][0] * half[i][0];
-          for (int v = 1; v < Kernel; ++v) sum += transform.factors[j][v] * half[i][v];
-          float* const to = transformed[i * kTile + j] + c * kRows;
-          for (int r = 0; r < kRows; ++r) to[r] = static_cast<float>(sum[r]);
-        }
-      }
-    }
-    for (int f = 0; f < kFrequencies; ++f) {
-      __builtin_memcpy(packed + f * stride + std::size_t{1} * first * kRows, transformed[f],
-                       count * kRows * sizeof(float));
     }
   }
 }

@@ -31,7 +31,7 @@ struct Allocation {
   HostMemory memory;
   std::size_t bytes;
   std::size_t device;
-  std::map<PackedFilterKey, PackedFilter> packed;
+  std::map<KeptFilterKey, KeptFilter> kept;
 };
 
 struct Registry {
@@ -157,12 +157,12 @@ bool touchesDevice(const void* pointer, std::size_t bytes) {
 }
 
 bool writeDevice(void* pointer, std::size_t bytes) {
-  std::map<PackedFilterKey, PackedFilter> stale;  // outlives the lock
+  std::map<KeptFilterKey, KeptFilter> stale;  // outlives the lock
   Registry& r = registry();
   const std::lock_guard<std::mutex> lock(r.mutex);
   const Entry entry = holder(r, pointer, bytes);
   if (entry == r.allocations.end()) return false;
-  stale.swap(entry->second.packed);
+  stale.swap(entry->second.kept);
   return true;
 }
 
@@ -175,20 +175,21 @@ bool zeroUntouched(void* pointer, std::size_t bytes) {
          madvise(pointer, roundedUp(bytes, kHugePage), MADV_DONTNEED) == 0;
 }
 
-PackedFilter findPacked(const void* pointer, const PackedFilterKey& key) {
+std::optional<KeptFilter> findKept(const void* pointer, const KeptFilterKey& key) {
   Registry& r = registry();
   const std::lock_guard<std::mutex> lock(r.mutex);
   const Entry entry = holder(r, pointer, 1);
-  if (entry == r.allocations.end()) return nullptr;
-  const auto found = entry->second.packed.find(key);
-  return found == entry->second.packed.end() ? nullptr : found->second;
+  if (entry == r.allocations.end()) return std::nullopt;
+  const auto found = entry->second.kept.find(key);
+  if (found == entry->second.kept.end()) return std::nullopt;
+  return found->second;
 }
 
-void keepPacked(const void* pointer, const PackedFilterKey& key, PackedFilter filter) {
+void keepFilter(const void* pointer, const KeptFilterKey& key, KeptFilter filter) {
   Registry& r = registry();
   const std::lock_guard<std::mutex> lock(r.mutex);
   const Entry entry = holder(r, pointer, 1);
-  if (entry != r.allocations.end()) entry->second.packed[key] = std::move(filter);
+  if (entry != r.allocations.end()) entry->second.kept[key] = std::move(filter);
 }
 
 AllocationCount liveAllocations() {

@@ -1,5 +1,5 @@
 /// @file
-/// The registry of device memory: which address ranges are device memory, and which packed filters
+/// The registry of device memory: which address ranges are device memory, and which filters
 /// were made of their contents.
 #pragma once
 
@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 namespace host_device {
 
@@ -33,7 +34,7 @@ bool isDevice(const void* pointer, std::size_t bytes);
 /// Whether any byte of [pointer, pointer + bytes) is device memory.
 bool touchesDevice(const void* pointer, std::size_t bytes);
 
-/// Declares that [pointer, pointer + bytes) is about to be written: drops the packed filters of the
+/// Declares that [pointer, pointer + bytes) is about to be written: drops the filters kept with the
 /// allocation. False, and nothing dropped, unless the range lies inside one live allocation.
 bool writeDevice(void* pointer, std::size_t bytes);
 
@@ -43,12 +44,13 @@ bool writeDevice(void* pointer, std::size_t bytes);
 bool zeroUntouched(void* pointer, std::size_t bytes);
 
 /// A filter as an algorithm has rearranged it. Its allocation keeps it until any write to it.
-using PackedFilter = std::shared_ptr<const float>;
-using PackedFilterKey = std::array<std::int64_t, 7>;
-/// What was kept under `key` with the allocation that holds `pointer`; null if nothing was.
-PackedFilter findPacked(const void* pointer, const PackedFilterKey& key);
+using KeptFilter = std::shared_ptr<const float>;
+using KeptFilterKey = std::array<std::int64_t, 7>;
+/// What was kept under `key` with the allocation that holds `pointer`, which may be null; nothing
+/// if nothing was.
+std::optional<KeptFilter> findKept(const void* pointer, const KeptFilterKey& key);
 /// `pointer` must lie inside a live allocation.
-void keepPacked(const void* pointer, const PackedFilterKey& key, PackedFilter filter);
+void keepFilter(const void* pointer, const KeptFilterKey& key, KeptFilter filter);
 
 struct AllocationCount {
   std::size_t allocations, bytes;
