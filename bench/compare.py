@@ -115,7 +115,8 @@ def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Res
                 break
             for worker in rotated(workers, turn):
                 time.sleep(options.pause / 1e3)  # until the threads of the others sleep
-                for _ in range(options.lead):
+                lead_end = time.monotonic() + options.lead / 1e3
+                while time.monotonic() < lead_end:
                     worker.ask("run")
                 results[worker.engine].run_ms += worker.ask("run")
             time.sleep(options.pause / 1e3)
@@ -209,8 +210,9 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--seconds", type=float, default=20, metavar="S",
                         help=f"most time for them, once there are {FEWEST_ROUNDS}")
     parser.add_argument("--pause", type=float, default=60, metavar="MS", help="before each run")
-    parser.add_argument("--lead", type=int, default=1, metavar="N",
-                        help="runs before each timed one that bring the caches back")
+    parser.add_argument("--lead", type=float, default=30, metavar="MS",
+                        help="how long to run before each timed run, which brings caches and "
+                        "threads back")
     parser.add_argument("--output", type=Path, default="build/bench-results", metavar="DIR",
                         help="of results.txt, .json and .png")
     parser.add_argument("--build", type=Path, default="build/bench", metavar="DIR",

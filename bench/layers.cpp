@@ -209,6 +209,13 @@ void addMaps() {
     facezoo::View<MapShape> shapes;
     Operation operation;
   } layers[] = {
+      {"Copy", facezoo::view(networkLrns),
+       [](const Tensor& x) {
+         Tensor copy(x.base->shape);
+         CheckCuda(cudaMemcpy(copy.base->data, x.base->data,
+                              elements(x.base->shape) * sizeof(float), cudaMemcpyDeviceToDevice));
+         return copy;
+       }},
       {"LRN", facezoo::view(networkLrns),
        [=](const Tensor& x) mutable { return lrn(x, 5, 1e-4F, 0.75F, 1); }},
       {"Relu", facezoo::view(networkRelus), Relu()},
