@@ -65,25 +65,33 @@ std::size_t roundedUp(std::size_t bytes, std::size_t unit) {
   return (bytes + unit - 1) / unit * unit;
 }
 
-/// The size of the pages that so many bytes have for themselves; 0 if they are part of the heap.
-std::size_t ownPages(std::size_t bytes) {
-  static const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  if (bytes < kSmallestMapped) return 0;
-  return bytes < kHugePage ? page : kHugePage;
+std::size_t smallPage() {
+  static const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  return size;
 }
 
-/// `bytes` that start at a page of that size; null if there are none.
-void* mapPages(std::size_t bytes, std::size_t page) {
-  // To get small pages all at once is faster than one by one, as they are touched.
-  const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (page == kHugePage ? 0 : MAP_POPULATE);
+/// What so many bytes take if they have pages of their own; 0 if they are part of the heap.
+std::size_t mappedBytes(std::size_t bytes) {
+  return bytes < kSmallestMapped ? 0 : roundedUp(bytes, smallPage());
+}
+
+/// `bytes`, a multiple of small pages; null if there are none. As much of them as fills huge pages
+/// starts with such a page.
+void* mapPages(std::size_t bytes) {
+  const std::size_t inHugePages = bytes / kHugePage * kHugePage;
+  const std::size_t alignment = inHugePages > 0 ? kHugePage : smallPage();
   // More than is needed, to cut an aligned range from.
-  void* const mapped = mmap(nullptr, bytes + page, PROT_READ | PROT_WRITE, flags, -1, 0);
+  const std::size_t more = alignment - smallPage();
+  void* const mapped =
+      mmap(nullptr, bytes + more, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (mapped == MAP_FAILED) return nullptr;
-  const std::size_t before = roundedUp(address(mapped), page) - address(mapped);
+  const std::size_t before = roundedUp(address(mapped), alignment) - address(mapped);
   char* const start = static_cast<char*>(mapped) + before;
   if (before > 0) munmap(mapped, before);
-  munmap(start + bytes, page - before);
-  if (page == kHugePage) madvise(start, bytes, MADV_HUGEPAGE);
+  if (more > before) munmap(start + bytes, more - before);
+  if (inHugePages > 0) madvise(start, inHugePages, MADV_HUGEPAGE);
+  // To get small pages all at once is faster than one by one, as they are touched.
+  if (bytes > inHugePages) madvise(start + inHugePages, bytes - inHugePages, MADV_POPULATE_WRITE);
   return start;
 }
 
@@ -97,17 +105,17 @@ void fillWithSignallingNaN(void* memory, std::size_t bytes) {
 }  // namespace
 
 void HostMemoryRelease::operator()(void* memory) const {
-  if (const std::size_t page = ownPages(bytes); page > 0) {
-    munmap(memory, roundedUp(bytes, page));
+  if (const std::size_t mapped = mappedBytes(bytes); mapped > 0) {
+    munmap(memory, mapped);
   } else {
     std::free(memory);
   }
 }
 
 HostMemory allocateHost(std::size_t bytes) {
-  const std::size_t page = ownPages(bytes);
-  void* const memory = page > 0 ? mapPages(roundedUp(bytes, page), page)
-                                : std::aligned_alloc(kAlignment, roundedUp(bytes, kAlignment));
+  const std::size_t mapped = mappedBytes(bytes);
+  void* const memory =
+      mapped > 0 ? mapPages(mapped) : std::aligned_alloc(kAlignment, roundedUp(bytes, kAlignment));
   return {memory, HostMemoryRelease{bytes}};
 }
 
@@ -170,9 +178,8 @@ bool zeroUntouched(void* pointer, std::size_t bytes) {
   Registry& r = registry();
   const std::lock_guard<std::mutex> lock(r.mutex);
   const auto entry = r.allocations.find(address(pointer));
-  return entry != r.allocations.end() && entry->second.bytes == bytes &&
-         ownPages(bytes) == kHugePage &&
-         madvise(pointer, roundedUp(bytes, kHugePage), MADV_DONTNEED) == 0;
+  return entry != r.allocations.end() && entry->second.bytes == bytes && bytes >= kHugePage &&
+         mappedBytes(bytes) > 0 && madvise(pointer, mappedBytes(bytes), MADV_DONTNEED) == 0;
 }
 
 std::optional<KeptFilter> findKept(const void* pointer, const KeptFilterKey& key) {
