@@ -21,8 +21,9 @@ using HostMemory = std::unique_ptr<void, HostMemoryRelease>;
 
 /// Memory aligned for any vector; null if there is none. From 128 KiB on it is mapped by itself: in
 /// the heap, its alignment would leave gaps, which grow to hundreds of MiB as networks come and go.
-/// As much of it as fills huge pages, of 2 MiB, asks for them: first touching it in small ones would
-/// take several times as long as filling it. The rest, which is up to half of a filter, does not.
+/// As much of it as fills huge pages, of 2 MiB, asks for them: first touching it in small ones
+/// would take several times as long as filling it. The rest, which is up to half of a filter, does
+/// not.
 HostMemory allocateHost(std::size_t bytes);
 
 cudaError_t allocateDevice(void** pointer, std::size_t bytes);
