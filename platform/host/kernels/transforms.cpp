@@ -151,7 +151,7 @@ template <int Taps, int Size>
     for (int r = 0; r < kRows; ++r) load<kRows>(from[r] + value, block[r]);
     transpose(block);
 #pragma GCC unroll 8
-    for (int i = 0; i < kRows; ++i) store<kRows>(block[i], next());
+    for (const auto& each : block) store<kRows>(each, next());
   }
   for (; value < values; ++value) {
     float* const to = next();
