@@ -27,10 +27,10 @@ void countPositions(const Axis& axis, float* counts) {
   }
 }
 
-/// Floats of a row that holds the padded input and all windows, with room to read a vector beyond.
+/// Floats of a row that holds the padded input and all windows, with room to read two floats beyond.
 std::size_t pitchOf(const Axis& axis) {
   const int span = std::max(axis.pad + axis.input, (axis.output - 1) * axis.stride + axis.kernel);
-  return (span + 16) / 16 * 16;
+  return (span + 2 + 15) / 16 * 16;
 }
 
 }  // namespace

@@ -29,7 +29,18 @@ struct Average {
   }
 };
 
-/// Loads every stride-th element; for a stride of 2 it reads one element more than it needs.
+/// Every third element of a, b and c together.
+template <int Count, int... I>
+[[gnu::always_inline]] inline void everyThird(const typename VectorOf<Count>::type& a,
+                                              const typename VectorOf<Count>::type& b,
+                                              const typename VectorOf<Count>::type& c,
+                                              typename VectorOf<Count>::type& to, Indices<I...>) {
+  const auto ofTwo = __builtin_shufflevector(a, b, (3 * I < 2 * Count ? 3 * I : 0)...);
+  to = __builtin_shufflevector(ofTwo, c, (3 * I < 2 * Count ? I : 3 * I - Count)...);
+}
+
+/// Loads every stride-th element. For a stride of 2 or 3 it reads whole vectors, and so one or two
+/// elements more than it needs.
 template <int Stride, int Count>
 [[gnu::always_inline]] inline void loadStrided(const float* from, int stride,
                                                typename VectorOf<Count>::type& to) {
@@ -40,6 +51,12 @@ template <int Stride, int Count>
     load<Count>(from, low);
     load<Count>(from + Count, high);
     everySecond<0, Count>(low, high, to, IndicesBelow<Count>());
+  } else if constexpr (Stride == 3) {
+    typename VectorOf<Count>::type low = {}, middle = {}, high = {};
+    load<Count>(from, low);
+    load<Count>(from + Count, middle);
+    load<Count>(from + 2 * Count, high);
+    everyThird<Count>(low, middle, high, to, IndicesBelow<Count>());
   } else {
     for (int i = 0; i < Count; ++i) to[i] = from[i * stride];
   }
