@@ -97,6 +97,10 @@ TEST_F(PlatformTest, ADeviceHasTheMemoryItSays) {
   cudaGetLastError();
 }
 
+constexpr host_device::InstructionSet kInstructionSets[] = {host_device::InstructionSet::baseline,
+                                                            host_device::InstructionSet::avx2,
+                                                            host_device::InstructionSet::avx512};
+
 /// A fused convolution whose parts tests can change.
 struct OpenConvolution : CBA {
   using CBA::algorithm_, CBA::bias_, CBA::CBA, CBA::convolution_, CBA::filter_, CBA::filterShape_,
@@ -167,8 +171,7 @@ TEST_F(PlatformTest, EveryAlgorithmInEveryInstructionSetAndWorkspace) {
       {winograd, 3, 9, 13, 11, 17, 3, 1, 1}, {winograd, 1, 3, 70, 90, 20, 3, 1, 0},
       {winograd, 2, 5, 9, 14, 9, 5, 1, 1},   {winograd, 5, 2, 7, 7, 8, 5, 1, 0},
   };
-  using host_device::InstructionSet;
-  for (const auto set : {InstructionSet::baseline, InstructionSet::avx2, InstructionSet::avx512}) {
+  for (const auto set : kInstructionSets) {
     if (!host_device::useInstructionSet(set)) {
       std::printf("measured nothing in instruction set %d, which this machine lacks\n",
                   static_cast<int>(set));
@@ -212,6 +215,26 @@ TEST_F(PlatformTest, EveryAlgorithmInEveryInstructionSetAndWorkspace) {
         if (t.algorithm == loops && layer.workspaceSize < 16) break;
       }
       EXPECT_LT(20, served) << t.algorithm << ", " << t.c << " to " << t.outputs << " channels";
+    }
+  }
+}
+
+// Tiles of 7 x 7, 5 x 5 and 9 x 9: alone, the last one is behind whole vectors.
+TEST_F(PlatformTest, AnImageHasTheSameBitsInEveryBatch) {
+  growPool(1 << 19, 4);
+  for (const auto set : kInstructionSets) {
+    if (!host_device::useInstructionSet(set)) continue;
+    for (const auto& [kernel, edge] : {std::pair(3, 28), {3, 17}, {5, 18}}) {
+      Document weights;
+      weights.add("conv-0", seededValues(37 * 9 * kernel * kernel, 1));
+      weights.add("conv-1", seededValues(37, 2));
+      CBA layer(fusedConvolution("conv", 9, 37, kernel, 1, samePadding), "", weights.root());
+      Image4 x = seededImage(3, 9, edge, edge, 3);
+      std::vector<float> first = download(layer(upload(x)));
+      first.resize(first.size() / x.n);
+      x.v.resize(x.v.size() / x.n);
+      x.n = 1;
+      EXPECT_EQ(first, download(layer(upload(x)))) << kernel << " on " << edge;
     }
   }
 }

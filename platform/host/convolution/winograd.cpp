@@ -214,6 +214,7 @@ class Pass {
 
   struct Panel {
     int vectors;
+    bool single;  ///< whether all tiles but the first are beyond the last of the batch
     std::size_t tiles, firstTile;
     std::size_t start;  ///< tiles from the start of the chunk
   };
@@ -247,11 +248,22 @@ class Pass {
     return inputFloats(problem, vectors) + productFloats();
   }
 
-  std::size_t panelCount(Range chunk) const { return dividedUp(chunk.end - chunk.begin, widest_); }
+  /// A single tile behind whole vectors has a panel of its own: seven rows of seven tiles, which
+  /// are the map of 28 x 28, fill vectors of 8 and of 16 but for one tile.
+  bool endsInSingle(Range chunk) const {
+    return chunk.end == vectors_ && tiles_.count % kernels_.products.lanes == 1;
+  }
+  std::size_t panelCount(Range chunk) const {
+    const std::size_t singles = endsInSingle(chunk) ? 1 : 0;
+    return dividedUp(chunk.end - chunk.begin - singles, widest_) + singles;
+  }
   Panel panel(Range chunk, std::size_t index) const {
-    const Range own = part(chunk.end - chunk.begin, index, panelCount(chunk));
-    const std::size_t lanes = kernels_.products.lanes, vectors = own.end - own.begin;
-    return {static_cast<int>(vectors), vectors * lanes, (chunk.begin + own.begin) * lanes,
+    const std::size_t singles = endsInSingle(chunk) ? 1 : 0, wide = panelCount(chunk) - singles;
+    const std::size_t all = chunk.end - chunk.begin, lanes = kernels_.products.lanes;
+    const bool single = index == wide;
+    const Range own = single ? Range{all - 1, all} : part(all - singles, index, wide);
+    const std::size_t vectors = own.end - own.begin;
+    return {static_cast<int>(vectors), single, vectors * lanes, (chunk.begin + own.begin) * lanes,
             own.begin * lanes};
   }
   template <class Visit>
@@ -396,11 +408,17 @@ class Pass {
     const float* const input = inputs + frequency * frequencyStride_ + at.start * problem_.c;
     const float* filter = filters + frequency * filterStride_;
     float* to = products + frequency * at.tiles;
+    const std::size_t stride = kFrequencies * at.tiles;
+    if (at.single) {
+      kernels_.products.multiplyColumn(problem_.c, filter, groupFloats(problem_),
+                                       groups.end - groups.begin, input, at.tiles, to, stride);
+      return;
+    }
     for (std::size_t group = groups.begin; group < groups.end; ++group) {
       kernels_.products.multiply[at.vectors - 1](problem_.c, filter, 1, kernels_.products.rows,
-                                                 input, nullptr, to, kFrequencies * at.tiles);
+                                                 input, nullptr, to, stride);
       filter += groupFloats(problem_);
-      to += kernels_.products.rows * kFrequencies * at.tiles;
+      to += kernels_.products.rows * stride;
     }
   }
 

@@ -49,6 +49,11 @@ struct Products {
   void (*multiply[kWidest])(std::size_t depth, const float* a, std::size_t aRow, std::size_t aStep,
                             const float* b, const float* bias, float* c, std::size_t stride);
 
+  /// c[(g * rows + r) * stride] = sum over d of a[g * aGroup + d * rows + r] * b[d * bStep] for
+  /// `groups` groups of `rows` rows, with the bits that `multiply` would give.
+  void (*multiplyColumn)(std::size_t depth, const float* a, std::size_t aGroup, std::size_t groups,
+                         const float* b, std::size_t bStep, float* c, std::size_t stride);
+
   /// sums[i * stride + j] = a_i * b_j for i < aCount and j < bCount, vectors of `size` floats that
   /// lie aStride and bStride apart.
   void (*dotProducts)(std::size_t size, const float* a, std::size_t aStride, int aCount,

@@ -46,6 +46,37 @@ void multiply(std::size_t depth, const float* __restrict a, std::size_t aRow, st
   }
 }
 
+/// Several groups at once, as each sum waits for its last addition.
+template <int Groups>
+[[gnu::always_inline]] inline void multiplyColumnBy(std::size_t depth, const float* __restrict a,
+                                                    std::size_t aGroup, const float* __restrict b,
+                                                    std::size_t bStep, float* __restrict c,
+                                                    std::size_t stride) {
+  using Rows = VectorOf<kRows>::type;
+  Rows sum[Groups] = {}, row;
+  for (std::size_t d = 0; d < depth; ++d, a += kRows, b += bStep) {
+#pragma GCC unroll 8
+    for (int g = 0; g < Groups; ++g) {
+      load<kRows>(a + g * aGroup, row);
+      sum[g] += row * *b;
+    }
+  }
+  for (int g = 0; g < Groups; ++g) {
+    for (int r = 0; r < kRows; ++r, c += stride) *c = sum[g][r];
+  }
+}
+
+void multiplyColumn(std::size_t depth, const float* a, std::size_t aGroup, std::size_t groups,
+                    const float* b, std::size_t bStep, float* c, std::size_t stride) {
+  constexpr int atOnce = 8;
+  for (; groups >= atOnce; groups -= atOnce, a += atOnce * aGroup, c += atOnce * kRows * stride) {
+    multiplyColumnBy<atOnce>(depth, a, aGroup, b, bStep, c, stride);
+  }
+  for (; groups > 0; --groups, a += aGroup, c += kRows * stride) {
+    multiplyColumnBy<1>(depth, a, aGroup, b, bStep, c, stride);
+  }
+}
+
 void gather(const float* x, const std::size_t* offsets, int rows, const Run* runs, int count,
             float* panel, std::size_t width, bool slack) {
   for (int r = 0; r < rows; ++r, panel += width) {
@@ -153,7 +184,8 @@ void dotProducts(std::size_t size, const float* a, std::size_t aStride, int aCou
 }  // namespace
 
 const Products HOST_DEVICE_SET::products = {
-    kLanes, kRows, {multiply<1>, multiply<2>, multiply<3>}, dotProducts, gather, storeRows,
+    kLanes, kRows,     {multiply<1>, multiply<2>, multiply<3>}, multiplyColumn, dotProducts,
+    gather, storeRows,
 };
 
 }  // namespace host_device
