@@ -1,0 +1,3 @@
+#include "module.h"
+
+void bindWeights(nanobind::module_&) {}
