@@ -80,39 +80,38 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
   resetPeakMemory();
   const long before = memoryKib("VmRSS");
   const Timer construction;
-  known.with(weights, size, "", [&](Network& network) {
-    std::cout << construction.milliseconds() << std::endl;
-    Stopwatch watch;
-    for (std::string line; std::getline(std::cin, line);) {
-      if (line == "run") {
-        const Timer pass;
-        batch.pass(network);
-        std::cout << pass.milliseconds() << std::endl;
-      } else if (line.rfind("time ", 0) == 0) {
-        std::istringstream numbers(line.substr(5));
-        int lead = 0, count = 0;
-        numbers >> lead >> count;
-        batch.upload();
-        for (int i = 0; i < lead; ++i) batch.forward(network);
-        for (int i = 0; i < count; ++i) {
-          watch.start();
-          batch.forward(network);
-          std::cout << watch.stop() << ' ';
-        }
-        std::cout << std::endl;
-      } else if (line == "results") {
-        std::for_each(batch.values(0), batch.values(size), [](float v) { std::cout << v << ' '; });
-        std::cout << std::endl;
-      } else if (line == "memory") {
-        std::cout << memoryKib("VmHWM") - before << std::endl;
-      } else if (line == "profile") {
-#if FACEZOO_SIMULATED
-        profile(network, batch);
-#endif
-        std::cout << std::endl;
+  const auto network = known.make(weights, size, "");
+  std::cout << construction.milliseconds() << std::endl;
+  Stopwatch watch;
+  for (std::string line; std::getline(std::cin, line);) {
+    if (line == "run") {
+      const Timer pass;
+      batch.pass(*network);
+      std::cout << pass.milliseconds() << std::endl;
+    } else if (line.rfind("time ", 0) == 0) {
+      std::istringstream numbers(line.substr(5));
+      int lead = 0, count = 0;
+      numbers >> lead >> count;
+      batch.upload();
+      for (int i = 0; i < lead; ++i) batch.forward(*network);
+      for (int i = 0; i < count; ++i) {
+        watch.start();
+        batch.forward(*network);
+        std::cout << watch.stop() << ' ';
       }
+      std::cout << std::endl;
+    } else if (line == "results") {
+      std::for_each(batch.values(0), batch.values(size), [](float v) { std::cout << v << ' '; });
+      std::cout << std::endl;
+    } else if (line == "memory") {
+      std::cout << memoryKib("VmHWM") - before << std::endl;
+    } else if (line == "profile") {
+#if FACEZOO_SIMULATED
+      profile(*network, batch);
+#endif
+      std::cout << std::endl;
     }
-  });
+  }
 }
 
 void list() {

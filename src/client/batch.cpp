@@ -45,10 +45,4 @@ void Batch::download() {
             "copy of results from the device");
 }
 
-// The default stream works in order, so that a copy to the host returns when all before it is done.
-void Batch::wait() {
-  char last = 0;
-  checkCall(cudaMemcpy(&last, input_.data(), 1, cudaMemcpyDeviceToHost), "wait for the device");
-}
-
 }  // namespace facezoo

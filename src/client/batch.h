@@ -61,7 +61,7 @@ class Batch {
   void forward(Network& network);
   void download();
   /// Returns when the device has finished all work.
-  void wait();
+  void wait() { waitForDevice(input_.data()); }
 
  private:
   int size_;

@@ -1,6 +1,5 @@
 #include "client/devices.h"
 
-#include "client/failure.h"
 #include "device_requirement.h"
 
 #include <algorithm>
@@ -9,8 +8,9 @@ namespace facezoo {
 
 void checkCall(cudaError_t status, const std::string& call) {
   if (status == cudaSuccess) return;
-  throw Failure(call + ": " + cudaGetErrorString(status) + " (CUDA error " +
-                std::to_string(static_cast<int>(status)) + ")");
+  throw DeviceFailure(call + ": " + cudaGetErrorString(status) + " (CUDA error " +
+                          std::to_string(static_cast<int>(status)) + ")",
+                      status);
 }
 
 std::vector<Device> listDevices() {
@@ -37,6 +37,12 @@ std::size_t chosenDevice(const std::vector<Device>& devices) {
       "no usable CUDA device: expected compute capability " + std::to_string(requiredMajor) +
       ".0 and " + std::to_string(requiredMiB) + " MiB, found " +
       (devices.empty() ? "no device" : std::to_string(devices.size()) + " device(s) with less"));
+}
+
+// The default stream works in order, so that a copy to the host returns when all before it is done.
+void waitForDevice(const void* memory) {
+  char first = 0;
+  checkCall(cudaMemcpy(&first, memory, 1, cudaMemcpyDeviceToHost), "wait for the device");
 }
 
 }  // namespace facezoo

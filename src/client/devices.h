@@ -1,6 +1,8 @@
 /// @file
 #pragma once
 
+#include "client/failure.h"
+
 #include <cuda_runtime.h>
 
 #include <cstddef>
@@ -9,7 +11,17 @@
 
 namespace facezoo {
 
-/// @throws Failure that says which call failed and why
+/// A call to the CUDA runtime failed.
+class DeviceFailure : public Failure {
+ public:
+  DeviceFailure(const std::string& text, cudaError_t status) : Failure(text), status_(status) {}
+  cudaError_t status() const { return status_; }
+
+ private:
+  cudaError_t status_;
+};
+
+/// @throws DeviceFailure that says which call failed and why
 void checkCall(cudaError_t status, const std::string& call);
 
 struct Device {
@@ -22,6 +34,10 @@ std::vector<Device> listDevices();
 
 /// Index of the device that the library chooses. @throws Failure if there is none
 std::size_t chosenDevice(const std::vector<Device>& devices);
+
+/// Returns when the device has finished all work.
+/// @param memory one byte or more of the device's
+void waitForDevice(const void* memory);
 
 /// Owns a block of device memory.
 class DeviceBuffer {

@@ -12,8 +12,12 @@ namespace {
 
 class WeightCheck : public Listener {
  public:
-  WeightCheck(const KnownNetwork& known, const std::string& path, const std::string& prefix)
-      : network_(*known.table), path_(path), prefix_(prefix) {}
+  WeightCheck(const KnownNetwork& known, const std::string& path, const std::string& prefix,
+              std::string* line)
+      : network_(*known.table), path_(path), prefix_(prefix), line_(line) {}
+  void onLine(const char* line) noexcept override {
+    if (line_ != nullptr) *line_ = line;
+  }
   void onDocument(const msgpack::v1::object& root) override {
     try {
       requireWeights(WeightDocument(root, path_), path_, network_, prefix_);
@@ -27,20 +31,22 @@ class WeightCheck : public Listener {
   const NetworkTable& network_;
   const std::string& path_;
   const std::string& prefix_;
+  std::string* const line_;
 };
 
 }  // namespace
 
-void withCheckedNetwork(const KnownNetwork& known, const std::string& weightFile, int maxBatch,
-                        const std::string& prefix, const std::function<void(Network&)>& use) {
+std::unique_ptr<Network> makeCheckedNetwork(const KnownNetwork& known,
+                                            const std::string& weightFile, int maxBatch,
+                                            const std::string& prefix, std::string* line) {
   requireRegularFile(weightFile);
   const auto diagnose = [&] {
     expectWeightFile(weightFile, known.table->name);
     requireWeights(WeightDocument(weightFile), weightFile, *known.table, prefix);
   };
-  const WeightCheck check(known, weightFile, prefix);
+  const WeightCheck check(known, weightFile, prefix, line);
   try {
-    known.with(weightFile, maxBatch, prefix, use);
+    return known.make(weightFile, maxBatch, prefix);
   } catch (NetworkError) {  // of a file that cannot be read
     diagnose();
     throw;

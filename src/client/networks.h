@@ -5,7 +5,7 @@
 #include "facezoo/network.h"
 #include "network_table.h"
 
-#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,14 +13,16 @@ namespace facezoo {
 
 struct KnownNetwork {
   const NetworkTable* table;
-  /// Constructs the network, lends it to `use` and destroys it.
-  void (*with)(const std::string& weightFile, int maxBatch, const std::string& prefix,
-               const std::function<void(Network&)>& use);
+  std::unique_ptr<Network> (*make)(const std::string& weightFile, int maxBatch,
+                                   const std::string& prefix);
 };
 
 const std::vector<KnownNetwork>& knownNetworks();
 
 std::vector<std::string> networkNames();
+
+/// The largest `maxBatch`, whose images fill a block of the pool.
+int largestBatch(const NetworkTable& network);
 
 /// @throws Failure if there is none of that name
 const KnownNetwork& findNetwork(const std::string& name);

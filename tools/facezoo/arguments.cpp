@@ -57,7 +57,7 @@ CLI::Option* addForceOption(CLI::App& command, bool& force) {
 }
 
 void requireBatch(const NetworkTable& network, int batch) {
-  const int most = std::numeric_limits<int>::max() / network.perImageBytes;
+  const int most = largestBatch(network);
   if (batch <= most) return;
   throw CLI::ValidationError("--batch", std::string(network.name) + " takes at most " +
                                             std::to_string(most) + ", found " +

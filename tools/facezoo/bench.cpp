@@ -1,12 +1,12 @@
 #include "arguments.h"
 #include "client/batch.h"
+#include "client/cpu_platform.h"
 #include "client/failure.h"
 #include "client/file_kind.h"
 #include "client/networks.h"
 #include "client/synthesis.h"
 #include "client/weight_document.h"
 #include "commands.h"
-#include "cpu_platform.h"
 #include "facezoo.h"
 #include "facezoo/listener.h"
 #include "rows.h"
@@ -116,12 +116,11 @@ Figures measure(const KnownNetwork& known, const std::string& weights, int size,
   resetPeakMemory();
   const double before = freeDeviceMemory();
   const Timer construction;
-  known.with(weights, size, options.prefix, [&](Network& network) {
-    figures.construction = construction.milliseconds();
-    timePasses(network, batch, options.seconds, figures);
-    figures.deviceMemory = (before - freeDeviceMemory()) / kMiB;
-    figures.peakMemory = static_cast<double>(memoryKib("VmHWM")) / 1024;
-  });
+  const auto network = known.make(weights, size, options.prefix);
+  figures.construction = construction.milliseconds();
+  timePasses(*network, batch, options.seconds, figures);
+  figures.deviceMemory = (before - freeDeviceMemory()) / kMiB;
+  figures.peakMemory = static_cast<double>(memoryKib("VmHWM")) / 1024;
   return figures;
 }
 

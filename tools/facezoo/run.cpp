@@ -205,11 +205,10 @@ void run(const RunOptions& options) {
   try {
     const Listener quiet;
     const GPU gpu;
-    withCheckedNetwork(known, options.weights, batch, options.prefix, [&](Network& network) {
-      const Timer timer;
-      unreadable = process(options, table, network, left, batch, strict, sinks, *files, limits);
-      seconds = timer.milliseconds() / 1000;
-    });
+    const auto network = makeCheckedNetwork(known, options.weights, batch, options.prefix);
+    const Timer timer;
+    unreadable = process(options, table, *network, left, batch, strict, sinks, *files, limits);
+    seconds = timer.milliseconds() / 1000;
   } catch (const Failure&) {
     throw;
   } catch (...) {

@@ -5,6 +5,8 @@
 
 #include <optional>
 
+namespace facezoo {
+
 /// What the CPU platform computes with.
 struct CpuPlatform {
   const char* instructions;
@@ -14,5 +16,7 @@ struct CpuPlatform {
 /// No value in a build for GPUs.
 std::optional<CpuPlatform> cpuPlatform();
 
-/// The version of the tool and its platform, with what the CPU platform computes with.
+/// The version and the platform, with what the CPU platform computes with.
 nlohmann::ordered_json describeBuild();
+
+}  // namespace facezoo

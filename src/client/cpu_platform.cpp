@@ -1,9 +1,13 @@
-#include "cpu_platform.h"
+#include "client/cpu_platform.h"
 
 #if FACEZOO_SIMULATED
-
 #include <host_device.h>
 #include <team.h>
+#endif
+
+namespace facezoo {
+
+#if FACEZOO_SIMULATED
 
 std::optional<CpuPlatform> cpuPlatform() {
   constexpr const char* names[] = {"baseline", "AVX2", "AVX-512"};
@@ -26,3 +30,5 @@ nlohmann::ordered_json describeBuild() {
   }
   return build;
 }
+
+}  // namespace facezoo
