@@ -4,7 +4,9 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 namespace nb = nanobind;
 using namespace facezoo;
@@ -110,6 +112,10 @@ nb::dict describe(const LayerRow& row, const std::string& prefix) {
 }
 
 nb::dict table(const std::string& name) {
+  const std::vector<std::string> names = networkNames();
+  if (std::find(names.begin(), names.end(), name) == names.end()) {
+    throw nb::value_error(("name: expected one of networks(), found " + name).c_str());
+  }
   const NetworkTable& network = *findNetwork(name).table;
   nb::list outputs, layers;
   for (const OutputGroup& group : network.outputs)
@@ -143,5 +149,8 @@ Returns:
     where the library writes them; and ``layers``, the layers with weights in the order of their
     creation. A layer's ``weights`` are the arrays that it reads itself; those of a block are in its
     ``layers``. Names of weights have no prefix of the network's.
+
+Raises:
+    ValueError: There is no network of that name.
 )");
 }
