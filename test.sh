@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks style and runs all tests of the CPU build, plain and under AddressSanitizer and
 # UndefinedBehaviorSanitizer. .ci/run runs everything that must pass before a change lands.
-#   ./test.sh [host|host-asan|host-tsan|style]...    default: host host-asan style
+#   ./test.sh [host|host-asan|host-tsan|python|style]...    default: host host-asan style
 . "$(dirname "$0")/scripts/prelude.sh"
 
 scripts/setup.sh --tests
@@ -17,6 +17,7 @@ for part in "$@"; do
       ctest --preset "$part" -j "$(nproc)"
       grep -hE '^(visited|measured) ' "build/$part/Testing/Temporary/LastTest.log"
       ;;
+    python) scripts/python.sh ;;
     style) scripts/style.sh ;;
     *)
       echo "unknown part: $part" >&2

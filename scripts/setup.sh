@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building needs and that this machine lacks. With options, also those
-# that ./test.sh, bench/run.sh, scripts/valgrind.sh or scripts/aarch64-check.sh need.
-#   scripts/setup.sh [--tests] [--bench] [--valgrind] [--aarch64]
+# that ./test.sh, bench/run.sh, scripts/python.sh, scripts/valgrind.sh or scripts/aarch64-check.sh need.
+#   scripts/setup.sh [--tests] [--bench] [--python] [--valgrind] [--aarch64]
 set -euo pipefail
 
 packages=(
@@ -30,6 +30,9 @@ for group in "$@"; do
       ;;
     --bench)
       packages+=("libbenchmark-dev:benchmarks of layers" "python3-venv:comparison with other engines")
+      ;;
+    --python)
+      packages+=("python3-dev:Python's headers" "python3-venv:builds and tests the package")
       ;;
     --valgrind) packages+=("valgrind:sees reads of memory that nobody wrote") ;;
     --aarch64)
