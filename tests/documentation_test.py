@@ -23,6 +23,7 @@ ELSEWHERE = {
     "cmake --preset host": "configures and builds; ./test.sh does",
     "cpack --config build/host": "makes the packages; tests/package_test.sh does",
     "apt install ./build/host": "installs the packages; tests/package_test.sh unpacks them",
+    "pip install .": "builds the Python package; scripts/python.sh does",
     "cmake -S . -B build": "builds the examples; tests/package_test.sh does",
     "bench/run.sh": "takes an hour, and other engines from the network",
     "build/bench/bin/facezoo-bench-layers": "takes minutes; bench/run.sh builds the preset",

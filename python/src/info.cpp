@@ -24,7 +24,7 @@ nb::object toPython(const nlohmann::ordered_json& value) {
 }
 
 nb::object info() {
-  return toPython(inLibrary([](const std::string&) { return collectInformation().document; }));
+  return toPython(inLibrary([](const std::string&) { return collectInformation(); }));
 }
 
 }  // namespace

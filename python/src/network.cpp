@@ -175,7 +175,7 @@ class Model {
     try {
       close();
     } catch (...) {  // nobody hears that the release failed
-      loaded_.release();
+      static_cast<void>(loaded_.release());
     }
   }
 
@@ -187,7 +187,7 @@ class Model {
     if (isClosed_) return;
     isClosed_ = true;
     if (isForked()) {
-      loaded_.release();  // it is the parent's
+      static_cast<void>(loaded_.release());  // it is the parent's
     } else {
       inLibrary([&](const std::string&) {
         const CurrentDevice device;

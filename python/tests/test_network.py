@@ -1,5 +1,5 @@
 """The networks in Python give what they give in C++, and refuse in words what they cannot do."""
-import concurrent.futures, copy, os, pathlib, pickle, resource, subprocess, sys
+import concurrent.futures, copy, os, pathlib, pickle, re, resource, subprocess, sys
 
 import numpy as np
 import pytest
@@ -145,7 +145,7 @@ WRONG_USES = {
     "no images": (lambda net, files: net(), TypeError, "images"),
     "unknown option": (lambda net, files: net(IMAGES, batch=1), TypeError, "batch: int"),
     "norm of a number": (lambda net, files: net(IMAGES, norm=1), TypeError, "^norm: .* True or False, found 1$"),
-    "other memory": (lambda net, files: net(IMAGES, out="disk"), ValueError, "^out: expected 'host'.* found 'disk'$"),
+    "other memory": (lambda net, files: net(IMAGES, out="disk"), ValueError, "^out: expected 'host'.*'disk'$"),
     "setting": (lambda net, files: setattr(net, "max_batch", 3), AttributeError, "no setter"),
     "pickle": (lambda net, files: pickle.dumps(net), TypeError, "cannot be pickled or copied"),
     "copy": (lambda net, files: copy.deepcopy(net), TypeError, "load its file in each process"),
@@ -279,3 +279,12 @@ def test_device_arrays(make, images_of):
         np.testing.assert_array_equal(torch.from_dlpack(results).cpu().numpy(), expected)
         np.testing.assert_array_equal(norms, expected_norms)
         np.testing.assert_array_equal(net(on_device), expected)
+
+
+@pytest.mark.parametrize("page", ["README.md", "docs/python.md"])
+def test_pages(page, weight_file, tmp_path):
+    text = (pathlib.Path(__file__).parents[2] / page).read_text()
+    os.symlink(weight_file("LCNN29"), tmp_path / "lcnn.msgpack")
+    code = re.findall(r"^```python\n(.*?)^```$", text, re.M | re.S)
+    end, out, err = run_script("import os, sys\nos.chdir(sys.argv[1])\n" + "".join(code), str(tmp_path))
+    assert (end, err) == (0, "") and all(f"# {line}\n" in text for line in out.splitlines()), out

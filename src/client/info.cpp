@@ -1,6 +1,7 @@
 #include "client/info.h"
 
 #include "client/cpu_platform.h"
+#include "client/devices.h"
 #include "client/failure.h"
 #include "client/networks.h"
 
@@ -8,7 +9,8 @@
 #include <cudnn.h>
 
 #include <cstdlib>
-#include <utility>
+#include <string>
+#include <vector>
 
 namespace facezoo {
 
@@ -146,21 +148,20 @@ Json environment() {
 
 View<Variable> environmentVariables() { return view(kVariables); }
 
-Information collectInformation() {
-  Information found;
+Json collectInformation(std::string* noDevice) {
   std::vector<Device> devices;
   try {
     devices = listDevices();
     chosenDevice(devices);
-  } catch (const Failure& noDevice) {
-    found.noDevice = noDevice;
+  } catch (const Failure& failure) {
+    if (noDevice != nullptr) *noDevice = failure.what();
   }
-  found.document = describeBuild();
-  found.document["libraries"] = libraries();
-  found.document["devices"] = describeDevices(devices);
-  found.document["networks"] = networks();
-  found.document["environment"] = environment();
-  return found;
+  Json all = describeBuild();
+  all["libraries"] = libraries();
+  all["devices"] = describeDevices(devices);
+  all["networks"] = networks();
+  all["environment"] = environment();
+  return all;
 }
 
 }  // namespace facezoo

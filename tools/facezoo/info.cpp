@@ -7,6 +7,7 @@
 #include "standard_output.h"
 
 #include <memory>
+#include <string>
 
 using namespace facezoo;
 
@@ -38,13 +39,14 @@ void printTables(const Json& all) {
 
 // Without a usable device everything else is shown all the same; the failure comes last.
 void info(const std::string& format) {
-  const Information found = collectInformation();
+  std::string noDevice;
+  const Json all = collectInformation(&noDevice);
   if (format == "json") {
-    Rows(format, {}).print(found.document);
+    Rows(format, {}).print(all);
   } else {
-    printTables(found.document);
+    printTables(all);
   }
-  if (found.noDevice) throw Failure(*found.noDevice);
+  if (!noDevice.empty()) throw Failure(noDevice);
 }
 
 }  // namespace
