@@ -153,6 +153,21 @@ void WeightFindings::addUnused(std::string_view name) {
   if (unusedCount++ < kMostNamed) unused.emplace_back(name);
 }
 
+std::vector<std::string> WeightFindings::lines() const {
+  std::vector<std::string> all;
+  for (const std::string& fault : faults) all.push_back("fault   " + fault);
+  for (const std::string& name : unused) all.push_back("unused  " + name);
+  if (const std::size_t more = unusedCount - unused.size(); more > 0)
+    all.push_back("unused  ... and " + std::to_string(more) + " more");
+  return all;
+}
+
+std::string WeightFindings::verdict(const NetworkTable& network) const {
+  const std::string arrays = std::to_string(expected) + " arrays of " + network.name;
+  if (faults.empty()) return "OK: " + arrays + ", " + std::to_string(unusedCount) + " unused";
+  return std::to_string(faults.size()) + " of " + arrays + " are faulty or missing";
+}
+
 WeightFindings checkWeights(const WeightDocument& document, const NetworkTable& network,
                             const std::string& prefix) {
   WeightFindings findings;

@@ -85,6 +85,12 @@ struct WeightFindings {
   std::vector<std::string> unused;  ///< names of entries that no layer reads, the first of them
   std::size_t unusedCount = 0;      ///< of all
   void addUnused(std::string_view name);
+
+  /// All faults, of which each array of the network has one at most, and the first of the unused
+  /// names: a line each.
+  std::vector<std::string> lines() const;
+  /// "OK: 19 arrays of NET, 0 unused", or how many are faulty.
+  std::string verdict(const NetworkTable& network) const;
 };
 WeightFindings checkWeights(const WeightDocument& document, const NetworkTable& network,
                             const std::string& prefix);

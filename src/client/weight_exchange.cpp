@@ -1,11 +1,13 @@
 #include "client/weight_exchange.h"
 
 #include "client/failure.h"
-#include "client/files.h"
 #include "client/strict_json.h"
 
 #include <algorithm>
+#include <functional>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 namespace facezoo {
 
@@ -44,14 +46,6 @@ std::string describeFault(const StoredTensor& tensor, std::size_t elements, cons
   return describeNotFinite(notFinite, elements);
 }
 
-/// What is wrong with an entry of the map of names; empty if nothing is.
-std::string describeFault(const std::string& weight, bool known, const nlohmann::json& tensor) {
-  if (!known) return "expected names of the network's weights, found " + weight;
-  if (!tensor.is_string() && !tensor.is_null())
-    return weight + ": expected the name of a tensor, found " + tensor.type_name();
-  return {};
-}
-
 bool haveEqualFloats(const StoredTensor& written, std::string_view readBack) {
   bool equal = written.elements() * sizeof(float) == readBack.size();
   if (!equal) return false;
@@ -60,6 +54,21 @@ bool haveEqualFloats(const StoredTensor& written, std::string_view readBack) {
     readBack.remove_prefix(floats.size());
   });
   return equal;
+}
+
+/// Writes a file, which gets its name only after `requireSame` has read it back.
+void save(OutputPlace place, const std::function<void(std::ostream&)>& write,
+          const std::function<void(const std::string& path)>& requireSame) {
+  const std::string name = place.name();
+  NewFile file(std::move(place));
+  write(file.stream());
+  const std::string written = file.close();
+  try {
+    requireSame(written);
+  } catch (const Failure& failure) {
+    throw Failure(name + ": reading it back: " + failure.what());
+  }
+  file.keep();
 }
 
 }  // namespace
@@ -90,6 +99,18 @@ bool fits(const StoredTensor& tensor, const LayerRow& layer, WeightRole role) {
                      [&](const Shape& each) { return withoutOnes(each) == shape; });
 }
 
+std::vector<std::string> faultsOf(const TensorNames& names, const NetworkTable& network,
+                                  const std::string& prefix) {
+  std::unordered_set<std::string> weights;
+  forEachWeight(network.layers, prefix,
+                [&](const std::string& name, auto&&...) { weights.insert(name); });
+  std::vector<std::string> faults;
+  for (const auto& [weight, tensor] : names)
+    if (weights.count(weight) == 0)
+      faults.push_back("expected names of the network's weights, found " + weight);
+  return faults;
+}
+
 TensorNames readTensorNames(const std::string& path, const NetworkTable& network,
                             const std::string& prefix) {
   const FileBytes bytes = readFile(path);
@@ -101,19 +122,16 @@ TensorNames readTensorNames(const std::string& path, const NetworkTable& network
   }
   if (!document.is_object())
     throw Failure(path + ": expected a JSON object, found " + document.type_name());
-  std::unordered_set<std::string> weights;
-  forEachWeight(network.layers, prefix,
-                [&](const std::string& name, auto&&...) { weights.insert(name); });
   TensorNames names;
   std::vector<std::string> faults;
   for (const auto& [weight, tensor] : document.items()) {
-    const std::string fault = describeFault(weight, weights.count(weight) > 0, tensor);
-    if (fault.empty()) {
+    if (tensor.is_string() || tensor.is_null()) {
       names[weight] = tensor.is_null() ? std::nullopt : std::optional<std::string>(tensor);
     } else {
-      faults.push_back(fault);
+      faults.push_back(weight + ": expected the name of a tensor, found " + tensor.type_name());
     }
   }
+  for (std::string& fault : faultsOf(names, network, prefix)) faults.push_back(std::move(fault));
   if (!faults.empty()) throw Failure(path + ": " + joinFaults(faults));
   return names;
 }
@@ -170,6 +188,30 @@ std::vector<StoredTensor> tensorsOf(const WeightDocument& document, const Networ
   return tensors;
 }
 
+std::vector<StoredTensor> tensorsOf(const WeightDocument& document) {
+  std::vector<StoredTensor> tensors;
+  std::vector<std::string> faults;
+  std::unordered_set<std::string_view> names;
+  for (std::size_t i = 0; i < document.size(); ++i) {
+    const WeightArray array = document[i];
+    const std::size_t bytes = array.payload.size();
+    const std::string name(array.name);
+    if (!array.named) {
+      faults.push_back("expected names of arrays, found " + name);
+    } else if (!names.insert(array.name).second) {
+      continue;
+    } else if (!array.loadable()) {
+      faults.push_back(name + ": expected str, found " + array.type);
+    } else if (bytes % sizeof(float) != 0) {
+      faults.push_back(name + ": expected whole floats, found " + std::to_string(bytes) + " bytes");
+    } else {
+      tensors.push_back({name, "F32", {bytes / sizeof(float)}, array.payload});
+    }
+  }
+  if (!faults.empty()) throw Failure(joinFaults(faults));
+  return tensors;
+}
+
 void writeWeights(const std::vector<StoredTensor>& arrays, std::ostream& out) {
   WeightWriter writer(out, arrays.size());
   for (const StoredTensor& array : arrays) {
@@ -188,6 +230,24 @@ void requireEqual(const std::vector<StoredTensor>& written,
         !haveEqualFloats(written[i], readBack[i].data))
       throw Failure(written[i].name + ": expected what was written, found other bytes");
   }
+}
+
+void saveWeights(const std::vector<StoredTensor>& arrays, OutputPlace place) {
+  save(
+      std::move(place), [&](std::ostream& out) { writeWeights(arrays, out); },
+      [&](const std::string& path) {
+        std::vector<StoredTensor> flat = arrays;  // as the file has no shapes
+        for (StoredTensor& array : flat) array.shape = {array.elements()};
+        const WeightDocument written(path);
+        requireEqual(flat, tensorsOf(written));
+      });
+}
+
+void saveSafetensors(const std::vector<StoredTensor>& arrays, const std::string& network,
+                     OutputPlace place) {
+  save(
+      std::move(place), [&](std::ostream& out) { writeSafetensors(arrays, network, out); },
+      [&](const std::string& path) { requireEqual(arrays, TensorFile(path).tensors()); });
 }
 
 }  // namespace facezoo

@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -45,19 +44,12 @@ void synthesize(const Options& options) {
         std::uintmax_t{options.seed});
 }
 
-/// Prints the findings: all faults, of which each array of the network has one at most, and the
-/// first of the unused names. @throws Failure if there are faults
+/// Prints the findings. @throws Failure if there are faults
 void report(const WeightFindings& findings, const Options& options,
             const std::string& advice = "") {
-  for (const std::string& fault : findings.faults) print("fault   %s\n", printable(fault).c_str());
-  for (const std::string& name : findings.unused) print("unused  %s\n", printable(name).c_str());
-  if (const std::size_t more = findings.unusedCount - findings.unused.size(); more > 0)
-    print("unused  ... and %zu more\n", more);
-  if (!findings.faults.empty()) {
-    throw Failure(options.file + ": " + std::to_string(findings.faults.size()) + " of " +
-                  std::to_string(findings.expected) + " arrays of " + options.network +
-                  " are faulty or missing" + advice);
-  }
+  for (const std::string& line : findings.lines()) print("%s\n", printable(line).c_str());
+  if (!findings.faults.empty())
+    throw Failure(options.file + ": " + findings.verdict(tableOf(options)) + advice);
 }
 
 void check(const Options& options) {
@@ -65,23 +57,10 @@ void check(const Options& options) {
   const WeightDocument document(options.file);
   const WeightFindings findings = checkWeights(document, tableOf(options), options.prefix);
   report(findings, options, adviceOnPacking(document));
-  print("OK: %zu arrays of %s, %zu unused\n", findings.expected, options.network.c_str(),
-        findings.unusedCount);
+  print("%s\n", findings.verdict(tableOf(options)).c_str());
 }
 
-/// Writes the output, which gets its name only after `requireSame` has read it back.
-void convert(const std::vector<StoredTensor>& arrays, const Options& options, OutputPlace place,
-             const std::function<void(std::ostream&)>& write,
-             const std::function<void(const std::string& path)>& requireSame) {
-  NewFile file(std::move(place));
-  write(file.stream());
-  const std::string written = file.close();
-  try {
-    requireSame(written);
-  } catch (const Failure& failure) {
-    throw Failure(options.output + ": reading it back: " + failure.what());
-  }
-  file.keep();
+void printConverted(const std::vector<StoredTensor>& arrays, const Options& options) {
   std::size_t elements = 0;
   for (const StoredTensor& array : arrays) elements += array.elements();
   print("%s: %zu arrays of %s, %.1f MB, read back and equal\n", printable(options.output).c_str(),
@@ -98,13 +77,8 @@ void importWeights(const Options& options) {
   const TensorFile source(options.file);
   const TensorSelection selection = selectTensors(source.tensors(), network, options.prefix, names);
   report(selection.findings, options);
-  const std::vector<StoredTensor>& arrays = selection.arrays;
-  convert(
-      arrays, options, std::move(place), [&](std::ostream& out) { writeWeights(arrays, out); },
-      [&](const std::string& path) {
-        const WeightDocument written(path);
-        requireEqual(arrays, tensorsOf(written, network, options.prefix));
-      });
+  saveWeights(selection.arrays, std::move(place));
+  printConverted(selection.arrays, options);
 }
 
 void exportWeights(const Options& options) {
@@ -114,10 +88,8 @@ void exportWeights(const Options& options) {
   const WeightDocument source(options.file);
   report(checkWeights(source, network, options.prefix), options, adviceOnPacking(source));
   const std::vector<StoredTensor> arrays = tensorsOf(source, network, options.prefix);
-  convert(
-      arrays, options, std::move(place),
-      [&](std::ostream& out) { writeSafetensors(arrays, options.network, out); },
-      [&](const std::string& path) { requireEqual(arrays, TensorFile(path).tensors()); });
+  saveSafetensors(arrays, options.network, std::move(place));
+  printConverted(arrays, options);
 }
 
 /// Writes a JSON object of proposed names, which `import` takes when the user has checked it.
