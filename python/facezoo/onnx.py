@@ -24,10 +24,9 @@ OPSET, IR_VERSION = 13, 7  # IR_VERSION is that of the release which brought OPS
 class _Nodes(graphs.Layers[str]):
     """Collects the nodes of a model, in which values are names."""
 
-    def __init__(self, network: Table, arrays: Mapping[str, Any], prefix: str) -> None:
+    def __init__(self, network: Table, arrays: Mapping[str, np.ndarray]) -> None:
         super().__init__(network)
         self.arrays = arrays
-        self.prefix = prefix
         self.edges = {"images": network["height"]}  # of the feature maps; 0 of a matrix
         self.nodes: list[onnx.NodeProto] = []
         self.constants: dict[str, np.ndarray] = {}
@@ -47,14 +46,7 @@ class _Nodes(graphs.Layers[str]):
         return name
 
     def constants_of(self, row: Row) -> list[str]:
-        for weight in row["weights"]:
-            name, shape = weight["name"], weight["shape"]
-            found = self.arrays.get(self.prefix + name)
-            if found is None or np.size(found) != np.prod(shape):
-                raise ValueError(f"expected an array {self.prefix + name} of {np.prod(shape)} elements, "
-                                 f"found {'none' if found is None else np.size(found)}")
-            self.constant(name, np.reshape(found, shape))
-        return [weight["name"] for weight in row["weights"]]
+        return [self.constant(weight["name"], self.arrays[weight["name"]]) for weight in row["weights"]]
 
     def planar(self, images: str) -> str:
         return self.one("Cast", self.one("Transpose", images, perm=[0, 3, 1, 2]), to=TensorProto.FLOAT)
@@ -129,15 +121,15 @@ class _Nodes(graphs.Layers[str]):
         return self.one("Concat", *parts, axis=1)
 
 
-def export(network: str, weights: str | os.PathLike[str] | Mapping[str, Any], path: str | os.PathLike[str],
-           prefix: str = "", norm: bool = False, separate: bool = False) -> None:
+def export(network: str, weights: str | os.PathLike[str], path: str | os.PathLike[str], prefix: str = "",
+           norm: bool = False, separate: bool = False) -> None:
     """Writes a model that gives what the library gives.
 
     Its input "images" is uint8 (N, height, width, channels), its output "results" float32 (N, values); N is free.
 
     Args:
         network: One of `facezoo.networks()`.
-        weights: A weight file; or arrays of any shape by their names in such a file.
+        weights: A weight file.
         path: Of the model.
         prefix: What the names of the arrays begin with.
         norm: Whether there is an output "norms", float32 (N), the norms that the library returns.
@@ -145,13 +137,12 @@ def export(network: str, weights: str | os.PathLike[str] | Mapping[str, Any], pa
             group's name.
 
     Raises:
-        ValueError: An array is missing or has another number of elements; or the network has no norms.
-        facezoo.Error: The weight file cannot be read.
+        ValueError: There is no such network, or it has no norms.
+        facezoo.WeightError: The weight file cannot be read, or an array is missing, of another size or not finite.
     """
-    table = graphs.table(network)
     graphs.recorded(network)  # refuses a table that the graph does not fit
-    arrays = weights if isinstance(weights, Mapping) else weight_files.load(weights)
-    nodes = _Nodes(table, arrays, prefix)
+    table = graphs.table(network)
+    nodes = _Nodes(table, weight_files.load(weights, network, prefix))
     groups, described = nodes.run("images")
     outputs: dict[str, list[int | str]] = {}
 

@@ -131,7 +131,7 @@ class Network(nn.Module):
             self.outputs[group] = slice(end, end + count)
             end += count
         if (first := self.table["layers"][0])["kind"] != "meanImage":  # so that no weight file has it
-            means = torch.tensor(first["means"] or [0.0] * first["in"]).view(1, 1, -1)
+            means = torch.tensor(first["means"] or [0] * first["in"], dtype=torch.float32).view(1, 1, -1)
             self.register_buffer("means", means, persistent=False)
         for row in graphs.leaves(self.table["layers"]):
             for weight in row["weights"]:
@@ -202,35 +202,32 @@ class Network(nn.Module):
         keep what they have.
 
         Raises:
-            ValueError: An array is missing, or has another number of elements.
-            facezoo.Error: The file cannot be read.
+            facezoo.WeightError: The file cannot be read, or an array is missing, of another size or not finite.
         """
-        arrays = weights.load(path)
+        tensors = self._named_arrays()
         with torch.no_grad():
-            for name, tensor in self._named_arrays():
-                found = arrays.get(prefix + name)
-                if found is None or found.size != tensor.numel():
-                    raise ValueError(f"{os.fspath(path)}: expected an array {prefix + name} of {tensor.numel()} "
-                                     f"elements, found {'none' if found is None else found.size}")
-                tensor.copy_(torch.tensor(found).view(tensor.shape))
+            for name, array in weights.load(path, self.table["name"], prefix).items():
+                tensors[name].copy_(torch.from_numpy(array.copy()))
 
     def save_weights(self, path: str | os.PathLike[str], prefix: str = "") -> None:
         """Writes a weight file for the library, with all arrays that it asks for.
 
         Raises:
             ValueError: Batch normalizations that the library does not have are to be folded first.
+            facezoo.WeightError: An array is not finite.
             facezoo.Error: The file cannot be written.
         """
         if self.batch_norm:
             raise ValueError("expected a network as the library has it, found batch normalizations added; "
                              "fold_batch_norm(network) removes them")
-        weights.save(path, {prefix + name: tensor.detach().cpu().float().numpy()
-                            for name, tensor in self._named_arrays()})
+        arrays = {name: tensor.detach().cpu().numpy() for name, tensor in self._named_arrays().items()}
+        weights.save(path, arrays, self.table["name"], prefix)
 
-    def _named_arrays(self) -> list[tuple[str, Tensor]]:
-        arrays = {**self._parameters, **self._buffers}
-        return [(weight["name"], arrays[weight["name"]])  # type: ignore[misc]
-                for row in graphs.leaves(self.table["layers"]) for weight in row["weights"]]
+    def _named_arrays(self) -> dict[str, Tensor]:
+        """The arrays of a weight file, by their names in it."""
+        tensors = {**self._parameters, **self._buffers}
+        names = [weight["name"] for row in graphs.leaves(self.table["layers"]) for weight in row["weights"]]
+        return {name: tensors[name] for name in names}  # type: ignore[misc]
 
 
 class DexpressionNet(Network):
