@@ -17,7 +17,8 @@ from typing import Any
 import matplotlib
 import numpy as np
 
-import onnx_models
+import facezoo.onnx
+from facezoo.graphs import operations
 from workers import (LIBRARY, TOLERANCE, EngineFailure, Files, Worker, aligned, choose_networks,
                      difference, library_worker, prepare, processor, rotated)
 
@@ -73,11 +74,11 @@ def model_of(files: Files) -> Path:
 
 
 def make_model(files: Files) -> None:
-    """Makes the ONNX model if there is none, or if weights or scripts are newer than it."""
+    """Makes the ONNX model if there is none, or if weights or the package are newer than it."""
     model = model_of(files)
-    sources = files.weights, HERE / "networks.py", HERE / "onnx_models.py"
+    sources = files.weights, Path(facezoo.graphs.__file__), Path(facezoo.onnx.__file__)
     if not model.exists() or model.stat().st_mtime < max(path.stat().st_mtime for path in sources):
-        onnx_models.save_model(files.network, files.weights, model)
+        facezoo.onnx.export(files.network["name"], files.weights, model)
 
 
 def sgemm_gflops(size: int = 1024) -> float:
@@ -92,7 +93,7 @@ def measure(name: str, batch: int, options: argparse.Namespace) -> dict[str, Res
     files = prepare(name, batch, options)
     make_model(files)
     results = {engine: Result() for engine in options.engines}
-    gflop = onnx_models.operations(files.network, files.weights) * batch / 1e9
+    gflop = operations(name) * batch / 1e9
     with ExitStack() as stack:
         workers: list[Worker] = []
         for attempt in range(LOADS):

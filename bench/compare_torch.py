@@ -22,8 +22,7 @@ import numpy as np
 import torch
 from torch import Tensor
 
-from networks import Network
-from torch_modules import TorchNetwork
+from facezoo.torch import Network, module
 from workers import (LIBRARY, TOLERANCE, Files, aligned, choose_networks, difference,
                      library_worker, prepare, processor, rotated)
 
@@ -33,11 +32,11 @@ LEAD, COUNT = 2, 3  # passes of a turn: untimed, then timed
 FEWEST_ROUNDS = 3
 
 
-def eager(network: TorchNetwork, images: Tensor) -> Pass:
+def eager(network: Network, images: Tensor) -> Pass:
     return lambda: network(images)
 
 
-def captured(network: TorchNetwork, images: Tensor) -> Pass:
+def captured(network: Network, images: Tensor) -> Pass:
     """A CUDA graph. Before it is captured, a few passes choose algorithms and allocate memory."""
     stream = torch.cuda.Stream()
     stream.wait_stream(torch.cuda.current_stream())
@@ -56,14 +55,14 @@ def captured(network: TorchNetwork, images: Tensor) -> Pass:
     return replay
 
 
-def compiled(network: TorchNetwork, images: Tensor) -> Pass:
+def compiled(network: Network, images: Tensor) -> Pass:
     mode = "reduce-overhead" if images.is_cuda else "default"
     return partial(torch.compile(network, mode=mode, fullgraph=True, dynamic=False), images)
 
 
 class Form(NamedTuple):
     """A way to run a network with PyTorch."""
-    start: Callable[[TorchNetwork, Tensor], Pass]
+    start: Callable[[Network, Tensor], Pass]
     memory_format: torch.memory_format = torch.contiguous_format
     tf32: bool = False
     needs_card: bool = False
@@ -159,13 +158,15 @@ def read_images(files: Files, device: torch.device) -> Tensor:
 
 @cache
 @torch.inference_mode(False)
-def load(network: Network, weights: Path, device: torch.device,
-         memory_format: torch.memory_format) -> TorchNetwork:
-    return TorchNetwork(network, weights, device, memory_format)
+def load(name: str, weights: Path, device: torch.device, memory_format: torch.memory_format) -> Network:
+    network = module(name).eval().requires_grad_(False)
+    network.load_weights(weights)
+    network.memory_format = memory_format
+    return network.to(device=device, memory_format=memory_format)  # type: ignore[call-overload]
 
 
 def start(form: Form, files: Files, device: torch.device) -> Pass:
-    return form.start(load(files.network, files.weights, device, form.memory_format),
+    return form.start(load(files.network["name"], files.weights, device, form.memory_format),
                       read_images(files, device))
 
 
@@ -190,7 +191,7 @@ def measure(cell: Cell, name: str, batch: int, options: argparse.Namespace) -> N
                     for _ in range(WARM_UPS):
                         results = run()
                     outcome.difference = difference(results.flatten().tolist(), expected)
-                    if files.network.results_on_host:
+                    if files.network["results"] == "host":
                         run = to_host(run, results)
                     turns[label] = partial(turn, run, form, on_card)
                 except Exception as failure:  # whatever it is, the other forms go on

@@ -1,9 +1,6 @@
 /// @file
 /// Runs one network for the scripts that time it next to other engines.
 ///
-/// facezoo-bench-worker networks lists them: name, channels and edge of an image, and where the
-/// results are, "host" or "device".
-/// facezoo-bench-worker synth NET FILE writes seeded weights of NET.
 /// facezoo-bench-worker NET WEIGHTS IMAGES BATCH constructs NET for the BATCH images that the file
 /// IMAGES holds, as raw bytes, and prints the milliseconds that took. Then it answers every line of
 /// standard input with one of standard output:
@@ -18,9 +15,7 @@
 
 #include "client/batch.h"
 #include "client/failure.h"
-#include "client/files.h"
 #include "client/networks.h"
-#include "client/synthesis.h"
 #include "facezoo.h"
 #include "stopwatch.h"
 
@@ -114,20 +109,6 @@ void work(const KnownNetwork& known, const std::string& weights, const std::stri
   }
 }
 
-void list() {
-  for (const KnownNetwork& known : knownNetworks()) {
-    const NetworkTable& table = *known.table;
-    std::cout << table.name << ' ' << table.channels << ' ' << table.width << ' '
-              << (table.memory == Results::onHost ? "host" : "device") << '\n';
-  }
-}
-
-void synthesize(const std::string& network, const std::string& path) {
-  NewFile file(Outputs({}).claim(path, true));
-  writeRandomWeights(*findNetwork(network).table, "", 1, file.stream());
-  file.keep();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -138,16 +119,9 @@ int main(int argc, char** argv) {
       throw Failure("FACEZOO_INSTRUCTION_SET names a set that this processor lacks");
 #endif
     std::cout.precision(9);
-    if (arguments.size() == 1 && arguments[0] == "networks") {
-      list();
-    } else if (arguments.size() == 3 && arguments[0] == "synth") {
-      synthesize(arguments[1], arguments[2]);
-    } else if (arguments.size() == 4) {
-      work(findNetwork(arguments[0]), arguments[1], arguments[2], std::stoi(arguments[3]));
-    } else {
-      throw Failure(
-          "usage: facezoo-bench-worker (networks | synth NET FILE | NET WEIGHTS IMAGES BATCH)");
-    }
+    if (arguments.size() != 4)
+      throw Failure("usage: facezoo-bench-worker NET WEIGHTS IMAGES BATCH");
+    work(findNetwork(arguments[0]), arguments[1], arguments[2], std::stoi(arguments[3]));
     return 0;
   } catch (...) {
     std::cerr << "facezoo-bench-worker: " << describeException() << std::endl;

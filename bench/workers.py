@@ -10,7 +10,9 @@ from typing import Any, TypeVar
 
 import numpy as np
 
-from networks import Network, networks
+import facezoo
+import facezoo.weights
+from facezoo.graphs import Table, table
 
 LIBRARY = "facezoo"
 TOLERANCE = 1e-3
@@ -20,7 +22,7 @@ Item = TypeVar("Item")
 @dataclass
 class Files:
     """What an engine reads for one network and one batch."""
-    network: Network
+    network: Table
     weights: Path
     images: Path
     shape: tuple[int, ...]
@@ -59,23 +61,19 @@ class Worker:
 
 
 def library_worker(name: str, files: Files, options: argparse.Namespace) -> Worker:
-    command = [program(options), name, files.weights, files.images, files.shape[0]]
-    return Worker(LIBRARY, command, options.threads)
-
-
-def program(options: argparse.Namespace) -> Path:
-    return options.build / "bin/facezoo-bench-worker"
+    program = options.build / "bin/facezoo-bench-worker"
+    return Worker(LIBRARY, [program, name, files.weights, files.images, files.shape[0]], options.threads)
 
 
 def prepare(name: str, batch: int, options: argparse.Namespace) -> Files:
     """Writes seeded images for a batch, and seeded weights unless there are some."""
-    network = networks(program(options))[name]
+    network = table(name)
     folder = options.output / "files"
     folder.mkdir(parents=True, exist_ok=True)
     files = Files(network, folder / f"{name}.weights", folder / f"{name}.{batch}.images",
-                  (batch, network.edge, network.edge, network.channels))
+                  (batch, network["height"], network["width"], network["channels"]))
     if not files.weights.exists():
-        subprocess.run([program(options), "synth", name, files.weights], check=True)
+        facezoo.weights.synthesize(name, files.weights)
     np.random.default_rng(batch).integers(0, 256, files.shape, np.uint8).tofile(files.images)
     return files
 
@@ -105,7 +103,7 @@ def processor() -> str:
 
 
 def choose_networks(parser: argparse.ArgumentParser, options: argparse.Namespace) -> None:
-    known = networks(program(options))
+    known = facezoo.networks()
     if unknown := set(options.networks) - set(known):
         parser.error(f"no such network: {', '.join(unknown)}; of {', '.join(known)}")
-    options.networks = options.networks or list(known)
+    options.networks = options.networks or known
