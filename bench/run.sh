@@ -16,7 +16,7 @@ if [ "${1:-}" = torch ]; then
   [[ " $* " == *" --device"[\ =]"cpu "* ]] || preset=bench-cuda
 fi
 
-scripts/setup.sh --bench
+scripts/setup.sh --bench --python
 log=build/bench.log
 mkdir -p build
 if ! { cmake --preset $preset && cmake --build --preset $preset; } >"$log" 2>&1; then
@@ -29,5 +29,12 @@ if ! cmp -s $requirements $environment/installed.txt; then
   python3 -m venv $environment
   "$python" -m pip install --quiet --disable-pip-version-check -r $requirements
   cp $requirements $environment/installed.txt
+fi
+package=$environment/package.txt # is as old as the package there, which has the graphs of the networks
+if [ ! -e "$package" ] || [ -n "$(find CMakeLists.txt pyproject.toml include platform python src \
+  -newer "$package" -print -quit)" ]; then
+  touch "$package.new"
+  "$python" -m pip install --quiet --disable-pip-version-check .
+  mv "$package.new" "$package"
 fi
 exec "$python" bench/$comparison.py "$@"

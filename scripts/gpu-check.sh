@@ -3,12 +3,12 @@
 # tests of the cuda build, one pass of every network under each tool of compute-sanitizer, and the
 # comparison with PyTorch. Ends within nine minutes: the comparison gets the time that is left, and says
 # what it had no time for. Needs the CUDA toolkit, cuDNN, CMake, Ninja and, for the comparison, Python
-# with PyTorch, NumPy and msgpack; needs no network.
+# with PyTorch and NumPy; needs no network.
 #   scripts/gpu-check.sh [--dependencies DIR] [--tests] [--sanitize] [--bench [NET...]]
 #   scripts/gpu-check.sh --collect DIR    fills DIR, on a machine with Debian's packages
 # --tests, --sanitize and --bench choose parts; the default is all three. A part that is not run keeps
-# its section of the page. DIR (build/gpu-dependencies) holds include/ with msgpack's headers, and
-# googletest/ with GoogleTest's sources. FACEZOO_COMMIT names the commit where there is no repository.
+# its section of the page. DIR (build/gpu-dependencies) holds include/ with msgpack's headers, googletest/
+# with GoogleTest's sources, and packages/ with the Python package, for the Python that collects. FACEZOO_COMMIT names the commit where there is no repository.
 . "$(dirname "$0")/prelude.sh"
 
 deadline=$((SECONDS + 520))
@@ -23,6 +23,7 @@ while [ $# -gt 0 ]; do
       mkdir -p "$2/include" "$2/googletest"
       cp -r /usr/include/msgpack.hpp /usr/include/msgpack "$2/include"
       cp -r /usr/src/googletest/googletest/{CMakeLists.txt,cmake,include,src} "$2/googletest"
+      python3 -m pip wheel --quiet --no-deps --wheel-dir "$2/packages" . nanobind-backend
       du -sh "$2"
       exit 0
       ;;
@@ -223,6 +224,10 @@ run_bench() {
     echo
     timeout 60 build/gpu/bin/facezoo-bench-kernels || { echo "**failed**" && false; }
   } >"$results/bench.md" || status=1
+  if [ -d "$dependencies/packages" ]; then
+    python3 -m pip install --quiet --upgrade --no-deps --target build/gpu-python "$dependencies"/packages/*.whl
+    export PYTHONPATH=$PWD/build/gpu-python
+  fi
   PYTHONUNBUFFERED=1 timeout --kill-after=10 "$(left)" python3 bench/compare_torch.py \
     "${networks[@]}" --batches 1 32 8 128 --build build/gpu --output "$results" \
     --minutes "$(awk "BEGIN { print ($(left) - 30) / 60 }")" >"$results/torch.log" 2>&1 || status=1
