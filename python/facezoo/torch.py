@@ -153,7 +153,8 @@ class Network(nn.Module):
 
     @property
     def mean(self) -> Tensor:
-        """What is subtracted from the pixels: (height, width, channels) of a mean image, else (1, 1, channels)."""
+        """What is subtracted from the pixels: a mean image (height, width, channels), which `mean.copy_(image)`
+        sets, else constants (1, 1, channels)."""
         return self._buffers["inMean-0" if "inMean-0" in self._buffers else "means"]  # type: ignore[return-value]
 
     def forward(self, images: Tensor, norm: bool = False,
@@ -220,8 +221,7 @@ class Network(nn.Module):
         if self.batch_norm:
             raise ValueError("expected a network as the library has it, found batch normalizations added; "
                              "fold_batch_norm(network) removes them")
-        arrays = {name: tensor.detach().cpu().numpy() for name, tensor in self._named_arrays().items()}
-        weights.save(path, arrays, self.table["name"], prefix)
+        weights.save(path, self._named_arrays(), self.table["name"], prefix)
 
     def _named_arrays(self) -> dict[str, Tensor]:
         """The arrays of a weight file, by their names in it."""
