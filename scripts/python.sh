@@ -45,7 +45,8 @@ if ! PATH=$tools:$PATH "$tools/python" -m build --wheel --no-isolation \
   exit 1
 fi
 git ls-files 'python/src/*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy -p "$build" --quiet 2>/dev/null
-PATH=$tools:$PATH "$tools/auditwheel" --quiet repair --wheel-dir "$build/wheels/repaired" "$build"/wheels/*.whl
+PATH=$tools:$PATH "$tools/auditwheel" repair --wheel-dir "$build/wheels/repaired" "$build"/wheels/*.whl \
+  >>"$log" 2>&1
 
 mapfile -t testing < <(required test)
 environment tests "${testing[@]}"
