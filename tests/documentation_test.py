@@ -23,10 +23,11 @@ ELSEWHERE = {
     "cmake --preset host": "configures and builds; ./test.sh does",
     "cpack --config build/host": "makes the packages; tests/package_test.sh does",
     "apt install ./build/host": "installs the packages; tests/package_test.sh unpacks them",
-    "pip install .": "builds the Python package; scripts/python.sh does",
+    "pip install": "builds the Python package; scripts/python.sh does",
     "cmake -S . -B build": "builds the examples; tests/package_test.sh does",
     "bench/run.sh": "takes an hour, and other engines from the network",
     "build/bench/bin/facezoo-bench-layers": "takes minutes; bench/run.sh builds the preset",
+    "python examples/": "needs the Python package; python/tests/test_train.py runs them",
     "build/cuda/bin/facezoo-bench-kernels": "needs a card; scripts/gpu-check.sh --bench runs it",
 }
 
