@@ -2,13 +2,17 @@
 # Builds what a comparison with other engines needs, and runs the comparison.
 #   bench/run.sh [--help | arguments of bench/compare.py]
 #   bench/run.sh torch [--help | arguments of bench/compare_torch.py]
+#   bench/run.sh python [--help | arguments of bench/python_calls.py]
 . "$(dirname "$0")/../scripts/prelude.sh"
 
 comparison=compare
 requirements=bench/requirements.txt
 environment=build/bench-python
 preset=bench
-if [ "${1:-}" = torch ]; then
+if [ "${1:-}" = python ]; then
+  shift
+  comparison=python_calls
+elif [ "${1:-}" = torch ]; then
   shift
   comparison=compare_torch
   requirements=bench/requirements-torch.txt
