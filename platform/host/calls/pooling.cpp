@@ -27,7 +27,7 @@ void countPositions(const Axis& axis, float* counts) {
   }
 }
 
-/// Floats of a row that holds the padded input and all windows, with room to read two floats beyond.
+/// Floats of a row that holds the padded input and all windows, with room to read two beyond.
 std::size_t pitchOf(const Axis& axis) {
   const int span = std::max(axis.pad + axis.input, (axis.output - 1) * axis.stride + axis.kernel);
   return (span + 2 + 15) / 16 * 16;
